@@ -1,0 +1,53 @@
+# What every target shares: language, warnings, sanitizers, output folders, and the platform's base
+# libraries as Debian packages them.
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS ON) # Android compiles gnu++
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+# bin/ next to hw/ is the host's picture of /vendor: hw/ holds what is loaded by name.
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(HW_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/hw)
+
+add_compile_options(-Wall -Wextra -Werror -fvisibility-inlines-hidden)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety>)
+endif()
+
+set(SANITIZE "" CACHE STRING "Sanitizer to build with: address (with undefined), thread, or none")
+set_property(CACHE SANITIZE PROPERTY STRINGS "" address thread)
+if(SANITIZE STREQUAL "address")
+    set(sanitize_flags -fsanitize=address,undefined -fno-sanitize-recover=all)
+    # The implementation library has no RTTI, which the vptr check needs.
+    list(APPEND sanitize_flags -fno-sanitize=vptr)
+elseif(SANITIZE STREQUAL "thread")
+    set(sanitize_flags -fsanitize=thread)
+elseif(NOT SANITIZE STREQUAL "")
+    message(FATAL_ERROR "SANITIZE is '${SANITIZE}', not address, thread or empty")
+endif()
+if(SANITIZE)
+    add_compile_options(${sanitize_flags} -fno-omit-frame-pointer)
+    add_link_options(${sanitize_flags})
+endif()
+
+find_package(Threads REQUIRED)
+find_path(ANDROID_INCLUDE_DIR utils/RefBase.h PATH_SUFFIXES android REQUIRED)
+foreach(lib log utils cutils)
+    # Debian keeps these in the multiarch folder's android/, outside the loader's path.
+    find_library(ANDROID_${lib}_LIBRARY ${lib} PATH_SUFFIXES android REQUIRED NO_CACHE)
+    add_library(android::${lib} SHARED IMPORTED)
+    set_target_properties(android::${lib} PROPERTIES
+        IMPORTED_LOCATION ${ANDROID_${lib}_LIBRARY}
+        INTERFACE_INCLUDE_DIRECTORIES ${ANDROID_INCLUDE_DIR})
+    get_filename_component(android_lib_dir ${ANDROID_${lib}_LIBRARY} DIRECTORY)
+endforeach()
+# Debian's own libraries there find each other through their rpath only when ours is an RPATH.
+add_link_options(-Wl,--disable-new-dtags)
+list(APPEND CMAKE_BUILD_RPATH ${android_lib_dir})
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    # The interface compiler defines each enum's list of values in a header, which under clang is a
+    # definition per object file. g++ builds still find true duplicates.
+    add_link_options(-Wl,-z,muldefs)
+endif()
