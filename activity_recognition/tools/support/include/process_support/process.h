@@ -1,0 +1,101 @@
+// Child processes whose output is read line by line, against deadlines. One thread only: whoever
+// waits for one child reads the output of all of them meanwhile, so that none blocks on its pipe.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace process_support {
+
+// Long enough for a sanitized build on a busy machine; nothing waits that long when all is well.
+constexpr std::chrono::seconds kDeadline{30};
+
+int64_t monotonicNs();
+
+// Something that fills with lines: a pipe of a child, or a FIFO.
+class LineSource {
+  public:
+    struct Line {
+        int64_t ns;  // CLOCK_MONOTONIC when it was read
+        std::string text;
+    };
+
+    LineSource() = default;
+    explicit LineSource(int fd) { adopt(fd); }  // takes ownership
+    ~LineSource();
+    LineSource(const LineSource&) = delete;
+    LineSource& operator=(const LineSource&) = delete;
+
+    void adopt(int fd);
+    const std::vector<Line>& lines() const { return mLines; }
+    // Everything read, for messages.
+    std::string text() const;
+    bool atEnd() const { return mFd < 0; }
+
+  private:
+    friend bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit);
+    friend void drainOutput();
+    void readSome();
+
+    int mFd = -1;
+    std::string mPartial;
+    std::vector<Line> mLines;
+};
+
+// Reads all sources until done() or the limit; returns what done() says at the end. Throws
+// Interrupted once this process was told to end (see throwOnSignals()).
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = kDeadline);
+// Reads what is there already.
+void drainOutput();
+
+struct Interrupted : std::exception {
+    const char* what() const noexcept override { return "interrupted"; }
+};
+// SIGINT and SIGTERM make waits throw from now on, so that destructors clean up.
+void throwOnSignals();
+
+// A running child. It is killed and reaped at the latest by the destructor, and by the kernel when
+// this process ends in whatever way.
+class Process {
+  public:
+    // environment: added to this process's own; an empty value removes the variable.
+    Process(const std::vector<std::string>& arguments,
+            const std::map<std::string, std::string>& environment);
+    ~Process();
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    pid_t pid() const { return mPid; }
+    LineSource& out() { return mOut; }
+    LineSource& err() { return mErr; }
+
+    void write(const std::string& text);
+    void closeInput();
+    void signal(int number);
+
+    // Waits for the end and all output. The exit status, or 128 plus the signal; throws
+    // std::runtime_error past the deadline.
+    int waitExit(std::chrono::milliseconds limit = kDeadline);
+    bool hasEnded();
+
+    // For messages: the command, how it ended if it did, and its output.
+    std::string describe();
+
+  private:
+    void reap(int status);
+
+    std::string mCommand;
+    pid_t mPid = -1;
+    int mIn = -1;
+    int mStatus = -1;  // as waitExit() returns it
+    LineSource mOut;
+    LineSource mErr;
+};
+
+}  // namespace process_support

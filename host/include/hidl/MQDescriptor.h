@@ -1,0 +1,24 @@
+// Fast message queues are in no interface that the host serves. Generated code asserts the size.
+#ifndef ANDROID_HIDL_MQDESCRIPTOR_H
+#define ANDROID_HIDL_MQDESCRIPTOR_H
+
+#include <hidl/HidlSupport.h>
+
+namespace android {
+namespace hardware {
+
+enum MQFlavor : uint32_t { kSynchronizedReadWrite = 0x01, kUnsynchronizedWrite = 0x02 };
+
+template <typename T, MQFlavor flavor>
+struct MQDescriptor {
+  private:
+    hidl_vec<uint64_t> mGrantors;
+    details::hidl_pointer<native_handle_t> mHandle;
+    uint32_t mQuantum = 0;
+    uint32_t mFlags = flavor;
+};
+
+}  // namespace hardware
+}  // namespace android
+
+#endif  // ANDROID_HIDL_MQDESCRIPTOR_H

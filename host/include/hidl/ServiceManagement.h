@@ -1,0 +1,36 @@
+// Finding and offering services by name.
+#ifndef ANDROID_HARDWARE_ISERVICE_MANAGER_H
+#define ANDROID_HARDWARE_ISERVICE_MANAGER_H
+
+#include <string>
+
+#include <android/hidl/manager/1.0/IServiceManager.h>
+#include <hidl/HidlSupport.h>
+#include <utils/Errors.h>
+
+namespace android {
+namespace hardware {
+
+// The host's registry: a folder of sockets, no daemon. A local object; never NULL.
+sp<::android::hidl::manager::V1_0::IServiceManager> defaultServiceManager();
+
+// A "manager" that answers get() with the object of an implementation library, loaded into this
+// process: PACKAGE@VERSION-impl*.so from the folders of HIDL_HOST_HW_DIRS.
+sp<::android::hidl::manager::V1_0::IServiceManager> getPassthroughServiceManager();
+
+namespace details {
+
+// retry: wait until somebody serves it. getStub: load it into this process instead.
+sp<::android::hidl::base::V1_0::IBase> getRawServiceInternal(const std::string& descriptor,
+                                                             const std::string& instance,
+                                                             bool retry, bool getStub);
+
+// OK, or UNKNOWN_ERROR with a log line that says why.
+status_t registerAsServiceInternal(const sp<::android::hidl::base::V1_0::IBase>& service,
+                                   const std::string& name);
+
+}  // namespace details
+}  // namespace hardware
+}  // namespace android
+
+#endif  // ANDROID_HARDWARE_ISERVICE_MANAGER_H

@@ -1,0 +1,114 @@
+// The content of one call or reply: scalars, objects and buffers, in the order of writing.
+//
+// A buffer is written by copy: a header, then its bytes, 8-aligned. A buffer that another one
+// points to names its parent's header and the offset of the pointer in the parent; reading it
+// checks both and puts the pointer right. So no address of the other process is ever followed, and
+// every length is checked against what arrived.
+#ifndef ANDROID_HARDWARE_PARCEL_H
+#define ANDROID_HARDWARE_PARCEL_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include <cutils/native_handle.h>
+#include <hwbinder/Binder.h>
+#include <utils/Errors.h>
+#include <utils/StrongPointer.h>
+
+namespace android {
+namespace hardware {
+
+class Parcel {
+  public:
+    Parcel() = default;
+    Parcel(const Parcel&) = delete;
+    Parcel& operator=(const Parcel&) = delete;
+
+    // The first thing in every call: the interface that its code belongs to.
+    status_t writeInterfaceToken(const char* interface);
+    bool enforceInterface(const char* interface) const;
+
+    status_t writeBool(bool value) { return writeScalar<uint32_t>(value); }
+    status_t writeInt8(int8_t value) { return writeScalar<int32_t>(value); }
+    status_t writeUint8(uint8_t value) { return writeScalar<uint32_t>(value); }
+    status_t writeInt16(int16_t value) { return writeScalar<int32_t>(value); }
+    status_t writeUint16(uint16_t value) { return writeScalar<uint32_t>(value); }
+    status_t writeInt32(int32_t value) { return writeScalar(value); }
+    status_t writeUint32(uint32_t value) { return writeScalar(value); }
+    status_t writeInt64(int64_t value) { return writeScalar(value); }
+    status_t writeUint64(uint64_t value) { return writeScalar(value); }
+    status_t writeFloat(float value) { return writeScalar(value); }
+    status_t writeDouble(double value) { return writeScalar(value); }
+    // Text outside any buffer, with its length.
+    status_t writeText(const char* text, size_t length);
+
+    status_t readBool(bool* value) const { return readNarrow<uint32_t>(value); }
+    status_t readInt8(int8_t* value) const { return readNarrow<int32_t>(value); }
+    status_t readUint8(uint8_t* value) const { return readNarrow<uint32_t>(value); }
+    status_t readInt16(int16_t* value) const { return readNarrow<int32_t>(value); }
+    status_t readUint16(uint16_t* value) const { return readNarrow<uint32_t>(value); }
+    status_t readInt32(int32_t* value) const { return readScalar(value); }
+    status_t readUint32(uint32_t* value) const { return readScalar(value); }
+    status_t readInt64(int64_t* value) const { return readScalar(value); }
+    status_t readUint64(uint64_t* value) const { return readScalar(value); }
+    status_t readFloat(float* value) const { return readScalar(value); }
+    status_t readDouble(double* value) const { return readScalar(value); }
+    status_t readText(std::string* text) const;
+
+    // NULL is a value like any other.
+    status_t writeStrongBinder(const sp<IBinder>& binder);
+    status_t readNullableStrongBinder(sp<IBinder>* binder) const;
+
+    // handle: what embedded buffers name as their parent.
+    status_t writeBuffer(const void* bytes, size_t length, size_t* handle);
+    status_t writeEmbeddedBuffer(const void* bytes, size_t length, size_t* handle,
+                                 size_t parentHandle, size_t parentOffset);
+    // length: what the buffer must have. bytes stay valid and writable as long as the parcel.
+    status_t readBuffer(size_t length, size_t* handle, const void** bytes) const;
+    status_t readEmbeddedBuffer(size_t length, size_t* handle, size_t parentHandle,
+                                size_t parentOffset, const void** bytes) const;
+
+    // Descriptors do not travel on the host: INVALID_OPERATION for any handle but NULL.
+    status_t writeNativeHandleNoDup(const native_handle_t* handle);
+    status_t readNullableNativeHandleNoDup(const native_handle_t** handle) const;
+
+    // For the transport.
+    const std::vector<uint8_t>& bytes() const { return mData; }
+    const std::vector<sp<IBinder>>& objects() const { return mObjects; }
+    // Replaces the content by what arrived and starts reading it.
+    void setReceived(std::vector<uint8_t> bytes, std::vector<sp<IBinder>> objects);
+
+  private:
+    template <typename T>
+    status_t writeScalar(T value) {
+        return append(&value, sizeof(value));
+    }
+    template <typename T>
+    status_t readScalar(T* value) const {
+        return extract(value, sizeof(*value));
+    }
+    template <typename Wire, typename T>
+    status_t readNarrow(T* value) const {
+        Wire wire;
+        status_t status = readScalar(&wire);
+        if (status == OK) *value = static_cast<T>(wire);
+        return status;
+    }
+
+    status_t append(const void* bytes, size_t length);
+    status_t extract(void* bytes, size_t length) const;
+    void align();
+    bool alignForReading() const;
+
+    std::vector<uint8_t> mData;
+    std::vector<sp<IBinder>> mObjects;
+    mutable size_t mPosition = 0;
+};
+
+}  // namespace hardware
+}  // namespace android
+
+#endif  // ANDROID_HARDWARE_PARCEL_H

@@ -1,0 +1,22 @@
+#include <hwbinder/Binder.h>
+
+#include <hwbinder/Parcel.h>
+
+namespace android {
+namespace hardware {
+
+status_t BHwBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags,
+                             TransactCallback callback) {
+    return onTransact(code, data, reply, flags, callback);
+}
+
+status_t BHwBinder::linkToDeath(const sp<DeathRecipient>&) {
+    return INVALID_OPERATION;
+}
+
+status_t BHwBinder::unlinkToDeath(const wp<DeathRecipient>&) {
+    return INVALID_OPERATION;
+}
+
+}  // namespace hardware
+}  // namespace android

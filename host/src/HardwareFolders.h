@@ -1,0 +1,19 @@
+// Where things are that a device has in /vendor/lib64/hw: implementation libraries, native modules.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace android {
+namespace hardware {
+namespace host {
+
+// $HIDL_HOST_HW_DIRS, separated by colons; else hw/ in the executable's folder and beside it.
+std::vector<std::string> hardwareFolders();
+
+// The same for a log line.
+std::string describeHardwareFolders();
+
+}  // namespace host
+}  // namespace hardware
+}  // namespace android

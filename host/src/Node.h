@@ -1,0 +1,78 @@
+// This process as others see it: its listening socket, its sessions, and the control thread that
+// accepts connections and sees other processes die.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <string>
+
+#include <android-base/unique_fd.h>
+#include <utils/Errors.h>
+#include <utils/Mutex.h>
+
+#include "Session.h"
+#include "Wire.h"
+#include "Worker.h"
+
+namespace android {
+namespace hardware {
+namespace host {
+
+class Node {
+  public:
+    // Made on first use, never destroyed: its threads outlive main.
+    static Node& self();
+
+    // Listens, once; the name of the socket in the registry. Empty on failure, which is logged.
+    std::string listen();
+
+    // What calls to object 0 reach: set before listen().
+    void setRegistryObject(const sp<IBinder>& object);
+    sp<IBinder> registryObject();
+
+    // The session with the process that listens there, made when there is none. NULL when nobody
+    // listens.
+    SessionPtr dial(const std::string& socketName);
+
+    // Lets every process that was dialled call back, with as many threads as the pool now has.
+    void offerServing();
+    size_t poolSize();
+
+    // Where destructors and death notices of the application run.
+    Worker& janitor() { return mJanitor; }
+
+    // Changes what the control thread waits for on this control connection.
+    void watch(int fd, uint32_t events);
+
+  private:
+    Node();
+
+    void run();
+    void accept();
+    // First message of a connection. False when it has not come yet.
+    bool greet(const ConnectionPtr& connection);
+    void addSession(const SessionPtr& session);
+    void endSession(const SessionPtr& session);
+    SessionPtr sessionOf(const Token& token, pid_t peer);
+
+    Worker mJanitor{"hidl-janitor"};
+    base::unique_fd mEpoll;
+
+    // For dialling and listening, one at a time. Taken before mMutex.
+    Mutex mDialMutex;
+    std::map<std::string, SessionPtr> mDialled GUARDED_BY(mDialMutex);
+    std::string mSocketName GUARDED_BY(mDialMutex);
+
+    // A leaf.
+    Mutex mMutex;
+    base::unique_fd mListener GUARDED_BY(mMutex);
+    sp<IBinder> mRegistryObject GUARDED_BY(mMutex);
+    std::map<int, SessionPtr> mSessions GUARDED_BY(mMutex);  // by control descriptor
+
+    // Of the control thread alone: connections that have not said what they are.
+    std::map<int, ConnectionPtr> mStrangers;
+};
+
+}  // namespace host
+}  // namespace hardware
+}  // namespace android

@@ -1,0 +1,43 @@
+// What the transport sets while it serves: the caller, and a place in the pool.
+#pragma once
+
+#include <sys/types.h>
+
+#include <hwbinder/IPCThreadState.h>
+
+namespace android {
+namespace hardware {
+
+// The thread is serving this caller for as long as the object lives.
+class ScopedCaller {
+  public:
+    // pid: 0 in a oneway call.
+    explicit ScopedCaller(pid_t pid);
+    ~ScopedCaller();
+    ScopedCaller(const ScopedCaller&) = delete;
+    ScopedCaller& operator=(const ScopedCaller&) = delete;
+
+  private:
+    IPCThreadState& mState;
+    const IPCThreadState mBefore;
+};
+
+namespace host {
+
+// How many of the pool's threads are serving, which the platform's calls limit. Calls that come
+// back to a waiting thread are served outside.
+class PoolSlot {
+  public:
+    // Waits for a free one.
+    PoolSlot();
+    ~PoolSlot();
+    PoolSlot(const PoolSlot&) = delete;
+    PoolSlot& operator=(const PoolSlot&) = delete;
+};
+
+// 0 until the pool is started.
+size_t startedPoolSize();
+
+}  // namespace host
+}  // namespace hardware
+}  // namespace android

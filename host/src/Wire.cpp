@@ -1,0 +1,173 @@
+#define LOG_TAG "hidl"
+
+#include "Wire.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include <log/log.h>
+
+namespace android {
+namespace hardware {
+namespace host {
+
+namespace {
+
+constexpr uint32_t kMagic = 0x314c4448;  // "HDL1"
+
+// One per thread that ever receives: a message is taken out of it before the next one arrives.
+uint8_t* packetBuffer() {
+    thread_local std::unique_ptr<uint8_t[]> buffer(new uint8_t[kPacketSize]);
+    return buffer.get();
+}
+
+// Spreads bytes over header, references and data, as they lie on the wire.
+struct Target {
+    uint8_t* bytes;
+    size_t size;
+};
+
+}  // namespace
+
+Message Message::of(MessageType type, uint64_t target) {
+    Message message;
+    message.header.type = type;
+    message.header.target = target;
+    return message;
+}
+
+ConnectionPtr Connection::withPeer(base::unique_fd fd) {
+    ucred peer = {};
+    socklen_t size = sizeof(peer);
+    if (getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return nullptr;
+    if (peer.uid != geteuid() && peer.uid != 0) {
+        ALOGE("Refusing a connection with pid %d of user %u", peer.pid, peer.uid);
+        errno = EACCES;
+        return nullptr;
+    }
+    return std::make_shared<Connection>(std::move(fd), peer.pid);
+}
+
+static ssize_t sendParts(int fd, iovec* parts, size_t count, int flags) {
+    msghdr packet = {};
+    packet.msg_iov = parts;
+    packet.msg_iovlen = count;
+    ssize_t sent;
+    do {
+        sent = sendmsg(fd, &packet, MSG_NOSIGNAL | flags);
+    } while (sent < 0 && errno == EINTR);
+    return sent;
+}
+
+bool Connection::send(const MessageHeader& header, const std::vector<ObjectRef>& objects,
+                      const std::vector<uint8_t>& data) {
+    MessageHeader complete = header;
+    complete.magic = kMagic;
+    complete.objectCount = static_cast<uint32_t>(objects.size());
+    complete.dataSize = static_cast<uint32_t>(data.size());
+    iovec parts[3] = {
+            {&complete, sizeof(complete)},
+            {const_cast<ObjectRef*>(objects.data()), objects.size() * sizeof(ObjectRef)},
+            {const_cast<uint8_t*>(data.data()), data.size()},
+    };
+    size_t next = 0;
+    while (next < 3) {
+        // The longest run of parts that fits one packet, the last of them cut where it is full.
+        iovec packet[3];
+        size_t count = 0;
+        size_t room = kPacketSize;
+        while (next < 3 && room > 0) {
+            const size_t length = std::min(room, parts[next].iov_len);
+            if (length > 0) packet[count++] = {parts[next].iov_base, length};
+            parts[next].iov_base = static_cast<uint8_t*>(parts[next].iov_base) + length;
+            parts[next].iov_len -= length;
+            room -= length;
+            if (parts[next].iov_len == 0) ++next;
+        }
+        if (sendParts(mFd.get(), packet, count, 0) < 0) return false;
+    }
+    return true;
+}
+
+Received Connection::trySend(const Message& message) {
+    MessageHeader complete = message.header;
+    complete.magic = kMagic;
+    complete.objectCount = static_cast<uint32_t>(message.objects.size());
+    complete.dataSize = static_cast<uint32_t>(message.data.size());
+    iovec parts[3] = {
+            {&complete, sizeof(complete)},
+            {const_cast<ObjectRef*>(message.objects.data()),
+             message.objects.size() * sizeof(ObjectRef)},
+            {const_cast<uint8_t*>(message.data.data()), message.data.size()},
+    };
+    if (sendParts(mFd.get(), parts, 3, MSG_DONTWAIT) >= 0) return Received::MESSAGE;
+    return errno == EAGAIN || errno == ENOBUFS ? Received::WOULD_BLOCK : Received::HANGUP;
+}
+
+Received Connection::invalid(const char* why) {
+    ALOGE("Closing a connection to pid %d: %s", mPeer, why);
+    shutdown();
+    return Received::INVALID;
+}
+
+Received Connection::receive(Message* message, bool wait) {
+    uint8_t* packet = packetBuffer();
+    size_t missing = 0;
+    Target targets[2] = {};
+    for (bool first = true; first || missing > 0; first = false) {
+        ssize_t got;
+        do {
+            got = recv(mFd.get(), packet, kPacketSize, MSG_TRUNC | (wait ? 0 : MSG_DONTWAIT));
+        } while (got < 0 && errno == EINTR);
+        if (got < 0 && errno == EAGAIN) return Received::WOULD_BLOCK;
+        // A killed peer that had not read everything resets the connection.
+        if (got <= 0) return Received::HANGUP;
+        if (static_cast<size_t>(got) > kPacketSize) return invalid("a packet is too long");
+
+        const uint8_t* bytes = packet;
+        size_t size = static_cast<size_t>(got);
+        if (first) {
+            MessageHeader& header = message->header;
+            if (size < sizeof(header)) return invalid("a message is shorter than its header");
+            memcpy(&header, bytes, sizeof(header));
+            bytes += sizeof(header);
+            size -= sizeof(header);
+            if (header.magic != kMagic) return invalid("a message does not start as one");
+            if (header.objectCount > kMaxTransactionSize / sizeof(ObjectRef) ||
+                header.dataSize > kMaxTransactionSize) {
+                return invalid("a message is over the largest transaction");
+            }
+            message->objects.resize(header.objectCount);
+            message->data.resize(header.dataSize);
+            targets[0] = {reinterpret_cast<uint8_t*>(message->objects.data()),
+                          message->objects.size() * sizeof(ObjectRef)};
+            targets[1] = {message->data.data(), message->data.size()};
+            missing = targets[0].size + targets[1].size;
+        }
+        if (size > missing) return invalid("a message is longer than it says");
+        if (!first && size == 0) return invalid("an empty packet inside a message");
+        missing -= size;
+        if (missing > 0 && !wait) return invalid("a message of several packets where one must do");
+        for (Target& target : targets) {
+            const size_t length = std::min(size, target.size);
+            if (length == 0) continue;
+            memcpy(target.bytes, bytes, length);
+            bytes += length;
+            size -= length;
+            target = {target.bytes + length, target.size - length};
+        }
+    }
+    return Received::MESSAGE;
+}
+
+void Connection::shutdown() {
+    ::shutdown(mFd.get(), SHUT_RDWR);
+}
+
+}  // namespace host
+}  // namespace hardware
+}  // namespace android

@@ -1,0 +1,113 @@
+// Messages between two processes, over one SOCK_SEQPACKET Unix socket.
+//
+// A message is a header, references to objects, and a parcel's bytes. It leaves in packets of at
+// most kPacketSize, so that it needs no more socket memory than every system grants; nearly every
+// message is one packet, that is one system call at each end.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <memory>
+#include <vector>
+
+#include <android-base/unique_fd.h>
+
+namespace android {
+namespace hardware {
+namespace host {
+
+// As the platform's binder buffer: a transaction's references and bytes together.
+constexpr size_t kMaxTransactionSize = 1024 * 1024;
+constexpr size_t kPacketSize = 60 * 1024;
+
+enum class MessageType : uint32_t {
+    HELLO = 1,  // first on each connection: what the connection is for
+    CALL,       // answered by one REPLY on the same connection
+    REPLY,
+    ONEWAY,   // on the control connection, as are those below
+    RELEASE,  // the sender dropped its proxy of object `target`, which it had been sent `amount`
+              // times
+    ACK,      // the sender holds what REPLY `target` referred to
+};
+
+enum class Role : uint32_t {
+    CONTROL = 1,  // opens a session; its hang-up is the other process's death
+    CALL,         // the process that connects calls, the other one serves
+    SERVE,        // the process that connects serves, the other one calls
+};
+
+struct MessageHeader {
+    uint32_t magic;
+    MessageType type;
+    uint64_t target;    // object of a CALL, ONEWAY or RELEASE; ACK to send for a REPLY, 0 for none
+    uint64_t token[2];  // HELLO: the session
+    uint32_t code;      // CALL, ONEWAY: transaction code. HELLO: the Role
+    uint32_t amount;    // RELEASE
+    int32_t status;     // REPLY: status_t of the transaction
+    uint32_t objectCount;
+    uint32_t dataSize;
+    uint32_t reserved;
+};
+
+struct ObjectRef {
+    enum Owner : uint32_t { SENDER = 1, RECEIVER = 2 };
+    uint64_t id;
+    Owner owner;
+    uint32_t reserved;
+};
+
+struct Message {
+    MessageHeader header = {};
+    std::vector<ObjectRef> objects;
+    std::vector<uint8_t> data;
+
+    static Message of(MessageType type, uint64_t target = 0);
+    size_t payloadSize() const { return objects.size() * sizeof(ObjectRef) + data.size(); }
+};
+
+enum class Received { MESSAGE, HANGUP, WOULD_BLOCK, INVALID };
+
+// One thread sends and receives at a time; shutdown() may come from any.
+class Connection {
+  public:
+    Connection(base::unique_fd fd, pid_t peer) : mFd(std::move(fd)), mPeer(peer) {}
+    // For a connected socket, with the kernel's word on who is at the other end. NULL, errno EACCES
+    // and a log line, when it is neither this user nor root.
+    static std::shared_ptr<Connection> withPeer(base::unique_fd fd);
+
+    // Waits for as long as the other side does not read. False when it hung up.
+    bool send(const MessageHeader& header, const std::vector<ObjectRef>& objects,
+              const std::vector<uint8_t>& data);
+    bool send(const Message& message) {
+        return send(message.header, message.objects, message.data);
+    }
+    // Never waits: WOULD_BLOCK when the socket is full. For messages that fit one packet.
+    Received trySend(const Message& message);
+
+    // INVALID has been logged, and the connection is shut down.
+    Received receive(Message* message) { return receive(message, true); }
+    // Never waits: takes messages of one packet only.
+    Received tryReceive(Message* message) { return receive(message, false); }
+
+    void shutdown();
+    int fd() const { return mFd.get(); }
+    pid_t peer() const { return mPeer; }
+
+  private:
+    Received receive(Message* message, bool wait);
+    Received invalid(const char* why);
+
+    const base::unique_fd mFd;
+    const pid_t mPeer;
+};
+
+using ConnectionPtr = std::shared_ptr<Connection>;
+
+// A oneway call must fit one packet, since neither its sender nor its receiver ever waits.
+constexpr size_t kMaxOnewaySize = kPacketSize - sizeof(MessageHeader);
+
+}  // namespace host
+}  // namespace hardware
+}  // namespace android

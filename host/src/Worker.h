@@ -1,0 +1,43 @@
+// Runs tasks in order on a thread of its own, started by the first task.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace android {
+namespace hardware {
+namespace host {
+
+class Worker {
+  public:
+    // name: of the thread; at most 15 characters.
+    explicit Worker(const char* name) : mState(std::make_shared<State>()) { mState->name = name; }
+    // Does not wait: queued tasks still run, then the thread ends.
+    ~Worker();
+
+    // False when `limit` tasks are waiting already.
+    bool post(std::function<void()> task, size_t limit = SIZE_MAX);
+
+  private:
+    struct State {
+        const char* name;
+        std::mutex mutex;
+        std::condition_variable changed;
+        std::deque<std::function<void()>> tasks;
+        bool started = false;
+        bool ending = false;
+    };
+    static void run(const std::shared_ptr<State>& state);
+
+    const std::shared_ptr<State> mState;
+};
+
+}  // namespace host
+}  // namespace hardware
+}  // namespace android
