@@ -1,0 +1,65 @@
+#include <string.h>
+
+#include "ActivityInterface.h"
+
+namespace vendor {
+namespace zaltho {
+namespace hardware {
+namespace activity_recognition {
+namespace V1_1 {
+namespace implementation {
+namespace {
+
+// The service never reads past the field, even if the module leaves out the terminator.
+::android::hardware::hidl_string NameOf(const ar_context_event& event) {
+    return {event.name, strnlen(event.name, sizeof(event.name))};
+}
+
+}  // namespace
+
+ActivityEvent ActivityInterface::convertAEToAEV1_0(const activity_event& event) {
+    ActivityEvent record;
+    memset(&record, 0, sizeof(record));
+    record.eventType = event.event_type;
+    record.activity = event.activity;
+    record.timestamp = event.timestamp;
+    return record;
+}
+
+ActivityEventV1_1 ActivityInterface::convertAEToAEV1_1(const activity_event& event) {
+    ActivityEventV1_1 record;
+    memset(&record, 0, sizeof(record));
+    record.eventType = event.event_type;
+    record.activity = event.activity;
+    record.timestamp = event.timestamp;
+    record.extra = event.extra;
+    return record;
+}
+
+ActivityEventExtend ActivityInterface::convertACEToAEEV1_0(const ar_context_event& event) {
+    ActivityEventExtend record;
+    memset(static_cast<void*>(&record), 0, offsetof(ActivityEventExtend, name));
+    record.eventType = event.event_type;
+    record.activity = event.activity;
+    record.timestamp = event.timestamp;
+    record.value = event.value;
+    memcpy(record.contextData.data(), event.context_data, sizeof(event.context_data));
+    record.name = NameOf(event);
+    return record;
+}
+
+ActivityEventExtendV1_1 ActivityInterface::convertACEToAEEV1_1(const ar_context_event& event) {
+    static_assert(offsetof(ActivityEventExtendV1_1, name) == offsetof(ar_context_event, name),
+                  "the records are alike up to the name");
+    ActivityEventExtendV1_1 record;
+    memcpy(static_cast<void*>(&record), &event, offsetof(ar_context_event, name));
+    record.name = NameOf(event);
+    return record;
+}
+
+}  // namespace implementation
+}  // namespace V1_1
+}  // namespace activity_recognition
+}  // namespace hardware
+}  // namespace zaltho
+}  // namespace vendor

@@ -1,0 +1,222 @@
+#define LOG_TAG "AR_impl"
+
+#include <log/log.h>
+
+#include "ActivityInterface.h"
+#include "NativeParams.h"
+
+namespace vendor {
+namespace zaltho {
+namespace hardware {
+namespace activity_recognition {
+namespace V1_1 {
+namespace implementation {
+using ::android::Mutex;
+
+namespace {
+constexpr int32_t kSuccess = 0;
+constexpr int32_t kFailure = 1;
+}  // namespace
+
+// A client's new request replaces its old one and becomes the last.
+void ActivityInterface::AddRequest(const EnableRequestData& request) {
+    Mutex::Autolock lock(eventMutex);
+    RemoveActivityEvent(request.pid, request.activity, request.event, mEventData);
+    mEventData.push_back(request);
+}
+
+int64_t ActivityInterface::MergedLatency(uint32_t activity, uint32_t event) {
+    Mutex::Autolock lock(eventMutex);
+    return MinReportLatencyNsFunc(activity, event, mEventData);
+}
+
+// A refusal takes the client's request away, the one that it replaced included: intended, the
+// client was told that it failed.
+int32_t ActivityInterface::ConcludeEnable(const EnableRequestData& request, bool joined,
+                                          bool accepted) {
+    if (!accepted) {
+        Mutex::Autolock lock(eventMutex);
+        RemoveActivityEvent(request.pid, request.activity, request.event, mEventData);
+        return kFailure;
+    }
+    if (joined) HandleFirstReport(request.pid, request.activity, request.event);
+    return kSuccess;
+}
+
+Return<int32_t> ActivityInterface::enableActivityEvent(uint32_t activity, uint32_t event,
+                                                       int64_t reportLatencyNs) {
+    ALOGI("enableActivityEvent activity[%d], event[%d] reportLatency[%ld]ns", activity, event,
+          reportLatencyNs);
+    if (!ValidEventType(event)) return kFailure;
+    const int32_t pid = CallingPidOrZero();
+    EnableRequestData request = {};
+    request.pid = ClientKey(pid);
+    request.activity = activity;
+    request.event = event;
+    request.reportLatencyNs = RoundNumbers(reportLatencyNs);
+    AddRequest(request);
+
+    bool joins;
+    {
+        Mutex::Autolock lock(mTableLock);
+        joins = !FindEnableToNativeDataExist(activity, event, mEnableToNativeData);
+    }
+    bool accepted = false;
+    if (!joins) {
+        accepted = UpdateEnableNative(
+                {request.pid, activity, event, request.reportLatencyNs, /*noWake=*/0});
+    } else if (mImpl == nullptr) {
+        ALOGE("%s: mImpl interface is not available", "enableActivityEvent");
+    } else {
+        const int64_t merged = MergedLatency(activity, event);
+        accepted = mImpl->enable_activity_event(activity, event, merged) == 0;
+    }
+    const int32_t result = ConcludeEnable(request, joins, accepted);
+    ALOGI("enableActivityEvent end, pid[%d]", pid);
+    return result;
+}
+
+Return<int32_t> ActivityInterface::enableActivityEventExtend(uint32_t activity, uint32_t event,
+                                                             int64_t reportLatencyNs,
+                                                             const OtherParams& params) {
+    ALOGI("enableActivityEventExtend activity[%d], event[%d] report_latency[%ld]ns", activity,
+          event, reportLatencyNs);
+    const int32_t pid = CallingPidOrZero();
+    if (ValidActivityEventExtend(event, pid, params) != 0) return kFailure;
+    const bool noWake = IsNoWake(params);
+    EnableRequestData request = {};
+    request.pid = ClientKey(pid);
+    request.activity = activity;
+    request.event = event;
+    request.reportLatencyNs = noWake ? NO_WAKE_REPORT_LATENCY_NS : RoundNumbers(reportLatencyNs);
+    request.otherParams = ToNativeParams(params);
+    AddRequest(request);
+
+    bool joins;
+    {
+        // A record of process id 0 counts as none: intended, so a second one comes to stand.
+        Mutex::Autolock lock(mTableLock);
+        joins = FindEnableToNativeData(activity, event, mEnableToNativeData).pid != 0;
+    }
+    bool accepted;
+    if (!joins) {
+        accepted = UpdateEnableNativeExend(
+                {request.pid, activity, event, request.reportLatencyNs, noWake}, params);
+    } else {
+        // The joiner's parameters, no merge of them: intended.
+        accepted =
+                EnableActivityEvent(activity, event, MergedLatency(activity, event), params) == 0;
+    }
+    const int32_t result = ConcludeEnable(request, joins, accepted);
+    ALOGI("enableActivityEventExtend end, pid[%d]", pid);
+    return result;
+}
+
+int32_t ActivityInterface::EnableActivityEvent(uint32_t activity, uint32_t event,
+                                               int64_t reportLatencyNs, const OtherParams& params) {
+    if (mImpl == nullptr || !NameFits(params)) {
+        // The same words for a name that is too long: intended.
+        ALOGI("%s: mImpl interface is not available", "EnableActivityEvent");
+        return kFailure;
+    }
+    const other_params native = ToNativeParams(params);
+    return mImpl->enable_activity_event_extend(activity, event, reportLatencyNs, &native);
+}
+
+bool ActivityInterface::UpdateEnableNative(const EnableToNativeData& record) {
+    if (mImpl == nullptr) {
+        ALOGE("%s: mImpl interface is not available", "UpdateEnableNative");
+        return false;
+    }
+    if (mImpl->enable_activity_event(record.activity, record.event, record.reportLatencyNs) != 0) {
+        return false;
+    }
+    Mutex::Autolock lock(mTableLock);
+    mEnableToNativeData.push_back(record);
+    return true;
+}
+
+bool ActivityInterface::UpdateEnableNativeExend(const EnableToNativeData& record,
+                                                const OtherParams& params) {
+    if (EnableActivityEvent(record.activity, record.event, record.reportLatencyNs, params) != 0) {
+        return false;
+    }
+    Mutex::Autolock lock(mTableLock);
+    mEnableToNativeData.push_back(record);
+    return true;
+}
+
+Return<int32_t> ActivityInterface::disableActivityEvent(uint32_t activity, uint32_t event) {
+    ALOGI("disableActivityEvent acivity[%d] event[%d]", activity, event);
+    if (!ValidEventType(event)) return kFailure;
+    const uint64_t pid = ClientKey(CallingPidOrZero());
+    {
+        Mutex::Autolock lock(eventMutex);
+        const int32_t index = FindEnableRequestDataIndex(pid, activity, event, mEventData);
+        if (index < 0) return kFailure;
+        mEventData.erase(index);
+        RemoveFirst(pid, activity, event);
+    }
+    {
+        Mutex::Autolock lock(sLastEventLock);
+        RemoveLastActivityEvent(pid, activity, event, mLastActivityEvent);
+    }
+    return DisableOtherActivityEvent(activity, event) == 0 ? kSuccess : kFailure;
+}
+
+int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t event) {
+    bool remains = false;
+    bool allExtended = true;
+    other_params noWakeParams = {};
+    int64_t merged;
+    {
+        Mutex::Autolock lock(eventMutex);
+        for (uint32_t i = 0; i < mEventData.size(); ++i) {
+            remains |= ValidEventActivity(i, activity, event, allExtended, noWakeParams);
+        }
+        merged = MinReportLatencyNsFunc(activity, event, mEventData);
+    }
+    if (remains) {
+        {
+            Mutex::Autolock lock(mTableLock);
+            if (mEnableToNativeData.empty()) return -1;
+        }
+        if (mImpl == nullptr) return kFailure;
+        // One request without parameters makes the whole pair a plain one; other parameters than a
+        // no-wake request's are not passed on. Both intended.
+        return allExtended
+                       ? mImpl->enable_activity_event_extend(activity, event, merged, &noWakeParams)
+                       : mImpl->enable_activity_event(activity, event, merged);
+    }
+    {
+        Mutex::Autolock lock(mTableLock);
+        RemoveEnableToNativeData(activity, event, mEnableToNativeData);
+    }
+    return mImpl == nullptr ? kSuccess : mImpl->disable_activity_event(activity, event);
+}
+
+Return<int32_t> ActivityInterface::flush() {
+    if (mImpl == nullptr) {
+        ALOGE("%s: mImpl interface is not available", "flush");
+        return kFailure;
+    }
+    return mImpl->flush() == 0 ? kSuccess : kFailure;
+}
+
+void ActivityInterface::HandleFirstReport(uint64_t pid, uint32_t activity, uint32_t event) {
+    ar_context_event* current = nullptr;
+    const int count = mImpl->get_current_activity(&current);
+    if (count == 0 || (count > 0 && current == nullptr)) return;
+    // The last record in the module's order, not the newest time.
+    const int64_t barrier = count > 0 ? current[count - 1].timestamp : 0;
+    Mutex::Autolock lock(eventMutex);
+    RemoveFirst(pid, activity, event);
+    firstReport.push_back({pid, activity, event, barrier});
+}
+
+}  // namespace implementation
+}  // namespace V1_1
+}  // namespace activity_recognition
+}  // namespace hardware
+}  // namespace zaltho
+}  // namespace vendor

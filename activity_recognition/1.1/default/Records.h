@@ -1,0 +1,84 @@
+// What the activity side keeps about requests, native enables, barriers and routed events.
+// All are plain values, copied freely; none owns anything.
+#ifndef ZALTHO_AR_RECORDS_H
+#define ZALTHO_AR_RECORDS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <zaltho/activity_recognition_native.h>
+
+namespace vendor {
+namespace zaltho {
+namespace hardware {
+namespace activity_recognition {
+namespace V1_1 {
+namespace implementation {
+// One client's standing request.
+struct EnableRequestData {
+    uint64_t pid;
+    uint32_t activity;
+    uint32_t event;            // 1 or 2
+    int64_t reportLatencyNs;   // whole seconds, or NO_WAKE_REPORT_LATENCY_NS
+    other_params otherParams;  // all zero for a version 1.0 request
+};
+static_assert(sizeof(EnableRequestData) == 88, "EnableRequestData changed size");
+static_assert(offsetof(EnableRequestData, otherParams) == 24, "EnableRequestData changed");
+
+// The time before which a client that joined an enabled pair wants no events of it.
+struct FirstReport {
+    uint64_t pid;
+    uint32_t activity;
+    uint32_t event;
+    int64_t timestamp;
+};
+static_assert(sizeof(FirstReport) == 24, "FirstReport changed size");
+
+#pragma pack(push, 4)
+
+// One pair as the native module was first told of it.
+struct EnableToNativeData {
+    uint64_t pid;  // of the client whose request created the enable; 0 without a caller
+    uint32_t activity;
+    uint32_t event;
+    int64_t reportLatencyNs;  // of the creating request; later merges don't update it
+    uint32_t noWake;          // 1 when the creating request was a no-wake request
+};
+static_assert(sizeof(EnableToNativeData) == 28, "EnableToNativeData changed size");
+
+// One plain event on its way to one client; also the last event that a client was sent.
+struct EventResponseData {
+    uint64_t pid;
+    uint32_t activity;
+    uint32_t event;
+    int64_t timestamp;
+    uint8_t reserved[64];  // no meaning; copied with the record
+    uint32_t extra;        // set in batch records only
+};
+static_assert(sizeof(EventResponseData) == 92, "EventResponseData changed size");
+static_assert(offsetof(EventResponseData, extra) == 88, "EventResponseData changed");
+
+#pragma pack(pop)
+
+// A routed event as its client sees it.
+struct ZqActivityRecognitionExtEvent {
+    uint32_t activity;
+    uint32_t event;
+    int64_t timestamp;
+    uint8_t reserved[64];  // zero
+    uint32_t extra;
+};
+static_assert(offsetof(ZqActivityRecognitionExtEvent, extra) == 80, "record changed");
+
+inline ZqActivityRecognitionExtEvent ToExtEvent(const EventResponseData& routed) {
+    return {routed.activity, routed.event, routed.timestamp, {}, routed.extra};
+}
+
+}  // namespace implementation
+}  // namespace V1_1
+}  // namespace activity_recognition
+}  // namespace hardware
+}  // namespace zaltho
+}  // namespace vendor
+
+#endif  // ZALTHO_AR_RECORDS_H

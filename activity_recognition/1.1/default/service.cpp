@@ -1,0 +1,54 @@
+// Serves the implementation library to other processes under the instance name "default".
+#define LOG_TAG "AR_service"
+
+#include <stdlib.h>
+
+#include <hidl/HidlTransportSupport.h>
+#include <log/log.h>
+#include <utils/Errors.h>
+#include <vendor/zaltho/hardware/activity_recognition/1.1/IActivityRecognition.h>
+
+using ::android::sp;
+using ::vendor::zaltho::hardware::activity_recognition::V1_1::IActivityRecognition;
+
+namespace {
+
+constexpr char kInstance[] = "default";
+
+// One client's slow callback holds up one thread; the others serve on meanwhile.
+constexpr size_t kThreads = 4;
+
+}  // namespace
+
+int main() {
+    ::android::hardware::configureRpcThreadpool(kThreads, true /* callerWillJoin */);
+
+    const sp<IActivityRecognition> root = IActivityRecognition::getService(kInstance, true);
+    if (root == nullptr) {
+        ALOGE("No implementation of %s: library or native module missing, see above",
+              IActivityRecognition::descriptor);
+        return EXIT_FAILURE;
+    }
+    if (root->isRemote()) {
+        ALOGE("%s is served by another process already", IActivityRecognition::descriptor);
+        return EXIT_FAILURE;
+    }
+
+    // The root object makes each side on its first request, without a lock: asked for here, before
+    // anybody else can ask, no two first requests meet. A side that the module lacks is no error.
+    if (!root->getActivityInterfaceV1_1().isOk() || !root->getEnvironmentInterfaceV1_1().isOk()) {
+        ALOGE("The implementation of %s does not answer", IActivityRecognition::descriptor);
+        return EXIT_FAILURE;
+    }
+
+    const ::android::status_t status = root->registerAsService(kInstance);
+    if (status != ::android::OK) {
+        ALOGE("Registration of %s/%s refused: %d", IActivityRecognition::descriptor, kInstance,
+              status);
+        return EXIT_FAILURE;
+    }
+    ALOGI("Serving %s/%s", IActivityRecognition::descriptor, kInstance);
+    ::android::hardware::joinRpcThreadpool();
+    ALOGE("The thread pool ended");
+    return EXIT_FAILURE;
+}
