@@ -35,9 +35,9 @@ using ::hidl::hosttest::V1_0::Inner;
 using process_support::Process;
 using process_support::waitUntil;
 
-std::string executable() {
-    return std::filesystem::read_symlink("/proc/self/exe");
-}
+// How this program was started, to start it again. Not /proc/self/exe: under an emulator that is
+// the emulator.
+std::string gProgram;
 
 std::string socketOf(const std::string& link) {
     return std::filesystem::read_symlink(std::filesystem::path(getenv("HIDL_HOST_DIR")) / link);
@@ -48,7 +48,7 @@ class HostTest : public testing::Test {
     // A process that serves an IPeer under this name, and is ready.
     static std::unique_ptr<Process> startService(const std::string& name = "default") {
         auto process =
-                std::make_unique<Process>(std::vector<std::string>{executable(), "--serve", name},
+                std::make_unique<Process>(std::vector<std::string>{gProgram, "--serve", name},
                                           std::map<std::string, std::string>{});
         EXPECT_TRUE(waitUntil([&] { return !process->out().lines().empty(); }))
                 << process->describe();
@@ -308,7 +308,7 @@ TEST_F(HostTest, ServesManyThreadsAtATime) {
 }
 
 TEST_F(HostTest, ANameIsServedByOneLiveProcess) {
-    Process second({executable(), "--serve", "default"}, {});
+    Process second({gProgram, "--serve", "default"}, {});
     EXPECT_EQ(1, second.waitExit());
     EXPECT_THAT(second.err().text(), testing::HasSubstr("IPeer/default is served already, by "));
     EXPECT_EQ(mService->pid(), static_cast<int32_t>(IPeer::tryGetService()->serverPid()));
@@ -533,6 +533,7 @@ TEST(ReturnDeathTest, AFailureThatNobodyLooksAtEndsTheProcess) {
 }  // namespace hosttest
 
 int main(int argc, char** argv) {
+    gProgram = argv[0];
     if (argc == 3 && std::string(argv[1]) == "--serve") {
         ::android::hardware::configureRpcThreadpool(4, true);
         ::android::sp<hosttest::Peer> peer = new hosttest::Peer;

@@ -151,8 +151,8 @@ void Stage::startService() {
 }
 
 void Stage::serving() {
-    require([this] { return logHas("Serving ") || mService->hasEnded(); },
-            "the service", [this] { return mService->describe(); });
+    require([this] { return logHas("Serving ") || mService->hasEnded(); }, "the service",
+            [this] { return mService->describe(); });
     if (mService->hasEnded()) {
         throw std::runtime_error("the service ended: " + mService->describe());
     }

@@ -1,0 +1,289 @@
+// activityctl: the service from a terminal. This file is the command line; see commands.h for what
+// the sub-commands do and docs/activityctl.md for the guide.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <signal.h>
+
+#include "commands.h"
+#include "failure.h"
+#include "options.h"
+#include "output.h"
+#include "service.h"
+#include "text.h"
+
+namespace activityctl {
+namespace {
+
+constexpr const char* kHelpEnd = R"(
+Examples:
+  activityctl status
+  activityctl watch walking:1 --latency 2s
+  activityctl watch walking:1@5s running still:2 --json --count 100
+  activityctl watch driving:1 --no-wake --name commute
+  activityctl --interface 1.0 watch still:1 --for 1min
+  activityctl enable walking:1@5s            (holds it until Ctrl-C)
+  activityctl flush
+  activityctl env init home && activityctl env watch home:1
+
+PAIR is ACTIVITY[:EVENT][@LATENCY]: an activity by name or number, event type 1 or 2 (without it:
+both), and how long reports may be held back (min, s, ms, us, ns). The service rounds an activity's
+latency down to whole seconds, at least one.
+
+Exit status:
+  0  done                         3  nobody serves the instance
+  1  the service refused          4  the native module lacks this side
+  2  wrong command line           5  the service died or a call failed
+)";
+
+// As typed; understood by understand().
+struct Arguments {
+    std::string interface = "1.1";
+    std::vector<std::string> pairs;
+    std::string latency = "1s";
+    std::string duration;
+    uint64_t count = 0;
+    std::string params;
+    std::string name;
+    bool noWake = false;
+};
+
+void understand(const Arguments& arguments, Options& options) {
+    options.version = arguments.interface == "1.0" ? Version::k1_0 : Version::k1_1;
+    for (const std::string& text : arguments.pairs) options.pairs.push_back(parsePair(text));
+    options.latencyNs = parseLatency(arguments.latency);
+    if (!arguments.duration.empty()) {
+        options.forNs = parseLatency(arguments.duration);
+        if (*options.forNs < 0) throw Failure(kUsage, "--for is a time of at least 0");
+    }
+    if (arguments.count != 0) options.count = arguments.count;
+
+    std::array<double, 4> params{};
+    if (arguments.noWake) params = {1.0, 0.0, 0.0, 0.0};
+    if (!arguments.params.empty()) params = parseParams(arguments.params);
+    for (size_t i = 0; i < params.size(); ++i) options.extras.params.params[i] = params[i];
+    options.extras.params.name = arguments.name;
+    options.extras.extended =
+            arguments.noWake || !arguments.params.empty() || !arguments.name.empty();
+}
+
+// Signals that end a command that stays are waited for like everything else; threads that the
+// service's calls start later inherit the mask.
+void takeOverSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+class CommandLine {
+  public:
+    CommandLine() : mApp("Talks to the activity recognition service.", "activityctl") {
+        mApp.footer(kHelpEnd);
+        mApp.require_subcommand(1);
+        mApp.fallthrough();
+        mApp.add_option("--instance", mOptions.instance, "Name that the service is served under")
+                ->capture_default_str();
+        mApp.add_option("-i,--interface", mArguments.interface,
+                        "Interface version to be a client of")
+                ->check(CLI::IsMember({"1.0", "1.1"}))
+                ->capture_default_str();
+        mApp.add_flag("--json", mOptions.json, "One JSON object per line instead of text");
+        addGeneral();
+        addActivities();
+        addEnvironments(*mApp.add_subcommand("env", "The same for environments"));
+    }
+
+    int run(int argc, char** argv) {
+        try {
+            mApp.parse(argc, argv);
+        } catch (const CLI::Success& help) {
+            return mApp.exit(help);
+        } catch (const CLI::ParseError& error) {
+            Output::complain(std::string(error.what()) + " (activityctl --help explains)");
+            return kUsage;
+        }
+        try {
+            understand(mArguments, mOptions);
+            Output output(mOptions.json);
+            return mRun(output);
+        } catch (const Failure& failure) {
+            Output::complain(failure.what());
+            return failure.status;
+        }
+    }
+
+  private:
+    using Run = std::function<ExitStatus(Output&)>;
+
+    CLI::App* add(CLI::App& parent, const char* name, const char* help, Run run) {
+        CLI::App* command = parent.add_subcommand(name, help);
+        command->callback([this, run = std::move(run)] { mRun = run; });
+        return command;
+    }
+
+    // A command of one side, over a connection that is made when it runs.
+    template <typename S>
+    CLI::App* add(CLI::App& parent, const char* name, const char* help,
+                  std::unique_ptr<S> (Service::*open)(),
+                  std::function<ExitStatus(S&, Output&)> run) {
+        return add(parent, name, help, [this, open, run = std::move(run)](Output& output) {
+            Service service(mOptions.instance, mOptions.version);
+            return run(*(service.*open)(), output);
+        });
+    }
+
+    // A command that stays until a signal, a time or a count ends it.
+    template <typename S>
+    CLI::App* addStaying(CLI::App& parent, const char* name, const char* help,
+                         std::unique_ptr<S> (Service::*open)(), bool quiet) {
+        CLI::App* command = add(parent, name, help, [this, open, quiet](Output& output) {
+            const bool leave = mOptions.leave;
+            if (!leave) takeOverSignals();
+            Service service(mOptions.instance, mOptions.version);
+            const auto side = (service.*open)();
+            return leave ? enableAndLeave(*side, mOptions, output)
+                         : watch(service, *side, mOptions, output, quiet);
+        });
+        command->add_option("--latency", mArguments.latency, "For pairs without one of their own")
+                ->capture_default_str();
+        addExtras(*command);
+        command->add_option("--for", mArguments.duration, "Leave after this time, such as 30s");
+        command->add_flag("--control", mOptions.control,
+                          "Obey lines on standard input: enable PAIR..., disable PAIR..., flush, "
+                          "current, quit");
+        return command;
+    }
+
+    void addExtras(CLI::App& command) {
+        auto* params = command.add_option("--params", mArguments.params,
+                                          "Four numbers for the native module: A,B,C,D");
+        command.add_option("--name", mArguments.name, "Text for it, at most 32 characters");
+        command.add_flag("--no-wake", mArguments.noWake,
+                         "Ask not to be woken up, which is --params 1,0,0,0")
+                ->excludes(params);
+    }
+
+    void addPairs(CLI::App& command, const char* help, bool required) {
+        command.add_option("PAIR", mArguments.pairs, help)->required(required);
+    }
+
+    void addCount(CLI::App& command) {
+        command.add_option("--count", mArguments.count, "Leave after this many events")
+                ->check([](const std::string& text) {
+                    return parseNumber(text).value_or(0) != 0
+                                   ? std::string()
+                                   : "'" + text + "' is no number of events";
+                });
+    }
+
+    void addGeneral() {
+        add(mApp, "status", "Versions, interfaces, supported lists and current state",
+            [this](Output& output) { return status(mOptions, output); });
+    }
+
+    void addActivities() {
+        const auto open = &Service::activities;
+        add<ActivitySide>(mApp, "list", "Supported activities", open, list);
+        add<ActivitySide>(mApp, "current", "The records that are current now", open, current);
+
+        auto* watching = addStaying<ActivitySide>(
+                mApp, "watch", "Enable pairs and print events until Ctrl-C", open, false);
+        watching->footer(
+                "Without a PAIR nothing is enabled: extended events come anyway, and through\n"
+                "version 1.0 everybody's plain ones. On Ctrl-C, SIGTERM or SIGHUP it disables "
+                "what\n"
+                "it enabled. With --json a line with \"what\":\"ready\" tells that all is "
+                "enabled.");
+        addPairs(*watching, "ACTIVITY[:EVENT][@LATENCY], for example walking:1@5s", false);
+        addCount(*watching);
+
+        auto* enabling = addStaying<ActivitySide>(
+                mApp, "enable", "Enable pairs and hold them until Ctrl-C", open, true);
+        enabling->footer(
+                "A request belongs to the process that made it, so this one stays, registered\n"
+                "through its interface version, until it is told to go.");
+        addPairs(*enabling, "ACTIVITY[:EVENT][@LATENCY]", true);
+        enabling->add_flag("--leave", mOptions.leave,
+                           "Enable, register nothing and leave: the request outlives this process "
+                           "and nobody can withdraw it while the service runs");
+
+        auto* disabling = add<ActivitySide>(mApp, "disable",
+                                            "Withdraw a request of this very process (see below)",
+                                            open, [this](ActivitySide& side, Output& output) {
+                                                return disable(side, mOptions, output);
+                                            });
+        disabling->footer(
+                "A fresh process has no request, so the service refuses unless this process has\n"
+                "got the process id of one that left a request behind. To disable while going\n"
+                "on, give watch or enable --control a line: disable PAIR.");
+        addPairs(*disabling, "ACTIVITY[:EVENT]", true);
+
+        add<ActivitySide>(mApp, "flush", "Have the module deliver what it holds back", open, flush);
+    }
+
+    void addEnvironments(CLI::App& env) {
+        const auto open = &Service::environments;
+        env.require_subcommand(1);
+        env.fallthrough();
+        env.footer(
+                "Control calls go straight to the native module: nothing is merged, counted or\n"
+                "undone when a process ends, and every watcher gets every event.");
+        add<EnvironmentSide>(env, "list", "Supported environments", open, list);
+        add<EnvironmentSide>(env, "current", "The records that are current now", open, current);
+
+        auto* initialising =
+                add<EnvironmentSide>(env, "init", "Initialise environments", open,
+                                     [this](EnvironmentSide& side, Output& output) {
+                                         return initEnvironments(side, mOptions, output);
+                                     });
+        auto* exiting = add<EnvironmentSide>(env, "exit", "The opposite of init", open,
+                                             [this](EnvironmentSide& side, Output& output) {
+                                                 return exitEnvironments(side, mOptions, output);
+                                             });
+        for (CLI::App* command : {initialising, exiting}) {
+            addPairs(*command, "ENVIRONMENT by name or number", true);
+            addExtras(*command);
+        }
+
+        auto* enabling = add<EnvironmentSide>(env, "enable", "Enable pairs; they stay enabled",
+                                              open, [this](EnvironmentSide& side, Output& output) {
+                                                  return enableAndLeave(side, mOptions, output);
+                                              });
+        addPairs(*enabling, "ENVIRONMENT[:EVENT][@LATENCY], the latency passed on as it is", true);
+        enabling->add_option("--latency", mArguments.latency, "For pairs without one of their own")
+                ->capture_default_str();
+        addExtras(*enabling);
+
+        auto* disabling =
+                add<EnvironmentSide>(env, "disable", "Disable pairs, whoever enabled them", open,
+                                     [this](EnvironmentSide& side, Output& output) {
+                                         return disable(side, mOptions, output);
+                                     });
+        addPairs(*disabling, "ENVIRONMENT[:EVENT]", true);
+
+        auto* watching = addStaying<EnvironmentSide>(
+                env, "watch", "Print events until Ctrl-C, of pairs enabled meanwhile if any", open,
+                false);
+        addPairs(*watching, "ENVIRONMENT[:EVENT][@LATENCY] to enable, and to disable on leaving",
+                 false);
+        addCount(*watching);
+    }
+
+    CLI::App mApp;
+    Arguments mArguments;
+    Options mOptions;
+    Run mRun;
+};
+
+}  // namespace
+}  // namespace activityctl
+
+int main(int argc, char** argv) {
+    // A reader that goes away ends a watch in order, with its requests withdrawn.
+    signal(SIGPIPE, SIG_IGN);
+    return activityctl::CommandLine().run(argc, argv);
+}
