@@ -79,8 +79,9 @@ IPCThreadState& IPCThreadState::state() {
 
 ScopedCaller::ScopedCaller(pid_t pid) : mState(IPCThreadState::state()), mBefore(mState) {
     mState.mCallingPid = pid;
-    // Only processes of one user ever talk to each other here.
-    mState.mCallingUid = getuid();
+    // Only processes of one user ever talk to each other here. Asked once: it is a system call.
+    static const uid_t uid = getuid();
+    mState.mCallingUid = uid;
     mState.mServing = true;
 }
 
