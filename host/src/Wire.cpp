@@ -25,11 +25,43 @@ uint8_t* packetBuffer() {
     return buffer.get();
 }
 
-// Spreads bytes over header, references and data, as they lie on the wire.
+// Where received bytes go.
 struct Target {
     uint8_t* bytes;
     size_t size;
 };
+
+// A message as it lies on the wire: header, references, data.
+struct Parts {
+    Parts(const MessageHeader& start, const std::vector<ObjectRef>& objects,
+          const std::vector<uint8_t>& data)
+        : header(start),
+          iov{{&header, sizeof(header)},
+              {const_cast<ObjectRef*>(objects.data()), objects.size() * sizeof(ObjectRef)},
+              {const_cast<uint8_t*>(data.data()), data.size()}} {
+        header.magic = kMagic;
+        header.objectCount = static_cast<uint32_t>(objects.size());
+        header.dataSize = static_cast<uint32_t>(data.size());
+    }
+    Parts(const Parts&) = delete;
+    Parts& operator=(const Parts&) = delete;
+
+    static constexpr size_t kCount = 3;
+    MessageHeader header;
+    iovec iov[kCount];
+};
+
+// As one packet.
+ssize_t sendPacket(int fd, iovec* parts, size_t count, int flags) {
+    msghdr packet = {};
+    packet.msg_iov = parts;
+    packet.msg_iovlen = count;
+    ssize_t sent;
+    do {
+        sent = sendmsg(fd, &packet, MSG_NOSIGNAL | flags);
+    } while (sent < 0 && errno == EINTR);
+    return sent;
+}
 
 }  // namespace
 
@@ -52,59 +84,35 @@ ConnectionPtr Connection::withPeer(base::unique_fd fd) {
     return std::make_shared<Connection>(std::move(fd), peer.pid);
 }
 
-static ssize_t sendParts(int fd, iovec* parts, size_t count, int flags) {
-    msghdr packet = {};
-    packet.msg_iov = parts;
-    packet.msg_iovlen = count;
-    ssize_t sent;
-    do {
-        sent = sendmsg(fd, &packet, MSG_NOSIGNAL | flags);
-    } while (sent < 0 && errno == EINTR);
-    return sent;
-}
-
 bool Connection::send(const MessageHeader& header, const std::vector<ObjectRef>& objects,
                       const std::vector<uint8_t>& data) {
-    MessageHeader complete = header;
-    complete.magic = kMagic;
-    complete.objectCount = static_cast<uint32_t>(objects.size());
-    complete.dataSize = static_cast<uint32_t>(data.size());
-    iovec parts[3] = {
-            {&complete, sizeof(complete)},
-            {const_cast<ObjectRef*>(objects.data()), objects.size() * sizeof(ObjectRef)},
-            {const_cast<uint8_t*>(data.data()), data.size()},
-    };
+    Parts parts(header, objects, data);
     size_t next = 0;
-    while (next < 3) {
+    while (next < Parts::kCount) {
         // The longest run of parts that fits one packet, the last of them cut where it is full.
-        iovec packet[3];
+        iovec packet[Parts::kCount];
         size_t count = 0;
         size_t room = kPacketSize;
-        while (next < 3 && room > 0) {
-            const size_t length = std::min(room, parts[next].iov_len);
-            if (length > 0) packet[count++] = {parts[next].iov_base, length};
-            parts[next].iov_base = static_cast<uint8_t*>(parts[next].iov_base) + length;
-            parts[next].iov_len -= length;
+        while (next < Parts::kCount && room > 0) {
+            iovec& part = parts.iov[next];
+            const size_t length = std::min(room, part.iov_len);
+            if (length > 0) packet[count++] = {part.iov_base, length};
+            part.iov_base = static_cast<uint8_t*>(part.iov_base) + length;
+            part.iov_len -= length;
             room -= length;
-            if (parts[next].iov_len == 0) ++next;
+            if (part.iov_len == 0) ++next;
         }
-        if (sendParts(mFd.get(), packet, count, 0) < 0) return false;
+        // An empty packet would look like a hang-up.
+        if (count > 0 && sendPacket(mFd.get(), packet, count, 0) < 0) return false;
     }
     return true;
 }
 
 Received Connection::trySend(const Message& message) {
-    MessageHeader complete = message.header;
-    complete.magic = kMagic;
-    complete.objectCount = static_cast<uint32_t>(message.objects.size());
-    complete.dataSize = static_cast<uint32_t>(message.data.size());
-    iovec parts[3] = {
-            {&complete, sizeof(complete)},
-            {const_cast<ObjectRef*>(message.objects.data()),
-             message.objects.size() * sizeof(ObjectRef)},
-            {const_cast<uint8_t*>(message.data.data()), message.data.size()},
-    };
-    if (sendParts(mFd.get(), parts, 3, MSG_DONTWAIT) >= 0) return Received::MESSAGE;
+    Parts parts(message.header, message.objects, message.data);
+    if (sendPacket(mFd.get(), parts.iov, Parts::kCount, MSG_DONTWAIT) >= 0) {
+        return Received::MESSAGE;
+    }
     return errno == EAGAIN || errno == ENOBUFS ? Received::WOULD_BLOCK : Received::HANGUP;
 }
 

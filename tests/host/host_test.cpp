@@ -533,7 +533,7 @@ TEST(ReturnDeathTest, AFailureThatNobodyLooksAtEndsTheProcess) {
 }  // namespace hosttest
 
 int main(int argc, char** argv) {
-    gProgram = argv[0];
+    hosttest::gProgram = argv[0];
     if (argc == 3 && std::string(argv[1]) == "--serve") {
         ::android::hardware::configureRpcThreadpool(4, true);
         ::android::sp<hosttest::Peer> peer = new hosttest::Peer;
