@@ -67,9 +67,9 @@ void deliver(std::unique_lock<std::mutex>& lock, bool withExtended) {
         if (breaks("threads.blocked")) delivery.lock();
         callbacks->activity_changed(breaks("event.array") ? nullptr : plain.data(),
                                     static_cast<int>(plain.size()));
+        if (withExtended)
+            callbacks->activity_extend_changed(extended.data(), static_cast<int>(extended.size()));
     }
-    if (withExtended)
-        callbacks->activity_extend_changed(extended.data(), static_cast<int>(extended.size()));
     if (!lock.owns_lock()) lock.lock();
 }
 

@@ -66,7 +66,7 @@ struct hidl_handle {
 
     details::hidl_pointer<const native_handle_t> mHandle = nullptr;
     bool mOwnsHandle = false;
-    uint8_t mPad[7] = {};
+    uint8_t mPad[7] __attribute__((unused)) = {};
 };
 
 // Text with an explicit length, always followed by a NUL.
@@ -102,7 +102,7 @@ struct hidl_string {
     details::hidl_pointer<const char> mBuffer;
     uint32_t mSize;
     bool mOwnsBuffer;
-    uint8_t mPad[3] = {};
+    uint8_t mPad[3] __attribute__((unused)) = {};
 };
 
 bool operator==(const hidl_string& a, const hidl_string& b);
@@ -242,7 +242,7 @@ struct hidl_vec {
     details::hidl_pointer<T> mBuffer;
     uint32_t mSize;
     bool mOwnsBuffer;
-    uint8_t mPad[3] = {};
+    uint8_t mPad[3] __attribute__((unused)) = {};
 };
 
 template <typename T>
@@ -296,7 +296,7 @@ using hidl_bitfield = typename std::underlying_type<T>::type;
 struct hidl_memory {
   private:
     hidl_handle mHandle __attribute__((aligned(8)));
-    uint64_t mSize __attribute__((aligned(8))) = 0;
+    uint64_t mSize __attribute__((aligned(8), unused)) = 0;
     hidl_string mName __attribute__((aligned(8)));
 };
 

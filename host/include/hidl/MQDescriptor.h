@@ -14,8 +14,8 @@ struct MQDescriptor {
   private:
     hidl_vec<uint64_t> mGrantors;
     details::hidl_pointer<native_handle_t> mHandle;
-    uint32_t mQuantum = 0;
-    uint32_t mFlags = flavor;
+    uint32_t mQuantum __attribute__((unused)) = 0;
+    uint32_t mFlags __attribute__((unused)) = flavor;
 };
 
 }  // namespace hardware
