@@ -120,6 +120,7 @@ class ActivityInterface : public V1_1::IActivityInterface {
 
   private:
     friend struct ActivityInterfaceTestPeer;
+    struct Registration;
     struct RegistrationV1_0;
     struct RegistrationV1_1;
 

@@ -33,10 +33,8 @@ ActivityInterface::~ActivityInterface() {
     mClientVectorV1_1.clear();
 }
 
-// A process's first callback stays; one recipient serves all.
-struct ActivityInterface::RegistrationV1_0 {
+struct ActivityInterface::Registration {
     using Owner = ActivityInterface;
-    using Callback = V1_0::IActivityChangedCallback;
     using Recipient_t = sp<RemoteListenerHidlDeathRecipient>;
     static constexpr const char* kTag = LOG_TAG;
     static constexpr unsigned long kPidWithoutCaller = 0;
@@ -44,6 +42,12 @@ struct ActivityInterface::RegistrationV1_0 {
     static Mutex& ListMutex() RETURN_CAPABILITY(ActivityInterface::mListMutex) {
         return mListMutex;
     }
+};
+
+// A process's first callback stays; one recipient serves all.
+struct ActivityInterface::RegistrationV1_0 : Registration {
+    using Callback = V1_0::IActivityChangedCallback;
+
     static ClientTable<Callback>& Clients() REQUIRES(ActivityInterface::mListMutex) {
         return mClientVectorV1_0;
     }
@@ -72,16 +76,9 @@ struct ActivityInterface::RegistrationV1_0 {
 
 // A process's later callback replaces the earlier one, under a recipient of its own. The process's
 // requests stay and serve the new callback.
-struct ActivityInterface::RegistrationV1_1 {
-    using Owner = ActivityInterface;
+struct ActivityInterface::RegistrationV1_1 : Registration {
     using Callback = V1_1::IActivityChangedCallback;
-    using Recipient_t = sp<RemoteListenerHidlDeathRecipient>;
-    static constexpr const char* kTag = LOG_TAG;
-    static constexpr unsigned long kPidWithoutCaller = 0;
 
-    static Mutex& ListMutex() RETURN_CAPABILITY(ActivityInterface::mListMutex) {
-        return mListMutex;
-    }
     static ClientTable<Callback>& Clients() REQUIRES(ActivityInterface::mListMutex) {
         return mClientVectorV1_1;
     }
