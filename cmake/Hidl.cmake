@@ -15,6 +15,9 @@ function(hidl_interface target)
         set(prefix ${CMAKE_MATCH_1})
         set(path ${CMAKE_MATCH_2})
         list(APPEND root_flags -r ${root})
+        if(EXISTS ${path}/current.txt)
+            list(APPEND frozen ${path}/current.txt) # goes into each interface's hash chain
+        endif()
         string(FIND "${package}." "${prefix}." at)
         if(at EQUAL 0)
             string(LENGTH ${prefix} length)
@@ -45,7 +48,7 @@ function(hidl_interface target)
         OUTPUT ${headers} ${sources}
         COMMAND ${HIDL_GEN} -L c++-headers -o ${out} -R ${root_flags} ${arg_FQNAME}
         COMMAND ${HIDL_GEN} -L c++-sources -o ${out} -R ${root_flags} ${arg_FQNAME}
-        DEPENDS ${hal_files} ${HIDL_GEN}
+        DEPENDS ${hal_files} ${frozen} ${HIDL_GEN}
         COMMENT "hidl-gen ${arg_FQNAME}"
         VERBATIM)
     add_custom_target(${target}_gen DEPENDS ${headers} ${sources})
