@@ -67,11 +67,19 @@ TEST_P(BrokenModule, IsFoundByTheRuleItBreaks) {
     // A file that is no library at all stands for one without the symbol.
     const json report = check(GetParam() == "module.symbol" ? __FILE__ : BROKEN_MODULE, 1);
     ASSERT_FALSE(report.is_null());
+    bool found = false;
     for (const json& finding : report["findings"]) {
-        EXPECT_EQ(GetParam(), finding["rule"]) << report.dump(2);
+        const bool own = finding["rule"] == GetParam();
+        // A module that takes one caller only shows it wherever two happen to meet: it says EBUSY.
+        const bool kin =
+                GetParam() == "threads.calls" &&
+                finding["seen"].get<std::string>().find("returned -16") != std::string::npos;
+        EXPECT_TRUE(own || kin) << report.dump(2);
+        found |= own;
         EXPECT_NE("", finding["seen"]);
         EXPECT_NE("", finding["expected"]);
     }
+    EXPECT_TRUE(found) << report.dump(2);
     EXPECT_FALSE(report["clean"]);
 }
 

@@ -1,6 +1,4 @@
 // activityctl from its command line to what it prints and how it ends.
-#include <regex>
-
 #include "ProcessTest.h"
 
 namespace {
@@ -82,9 +80,9 @@ TEST_F(Activityctl, WatchForPeopleIsALinePerEvent) {
     ASSERT_EQ(2u, lines.size()) << process->describe();
     EXPECT_NE(std::string::npos, lines[0].text.find(fmt::format(
                                          "watching walking:1@1s as process {}", process->pid())));
-    EXPECT_TRUE(std::regex_match(lines[1].text,
-                                 std::regex(R"(\+\d+\.\d{3}s walking:1 timestamp \d+ extra 11)")))
-            << lines[1].text;
+    EXPECT_EQ('+', lines[1].text[0]);
+    EXPECT_NE(std::string::npos, lines[1].text.find("s walking:1 timestamp ")) << lines[1].text;
+    EXPECT_NE(std::string::npos, lines[1].text.find(" extra 11")) << lines[1].text;
     EXPECT_EQ((Calls{"enable 1:1 1s", "disable 1:1"}), told());
 }
 

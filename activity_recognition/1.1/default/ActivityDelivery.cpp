@@ -27,6 +27,7 @@ activity_event AsNative(const ZqActivityRecognitionExtEvent& event) {
     return {event.event, event.activity, event.timestamp, event.extra, {}};
 }
 
+// The texts' differences, a comma here and none there, are intended: log readers match on them.
 struct ExtendV1_1 {
     static Return<void> Send(const sp<V1_1::IActivityChangedCallback>& callback,
                              const hidl_vec<ActivityEventExtendV1_1>& events) {
@@ -167,7 +168,7 @@ void ActivityInterface::ReportV1_1(size_t position, const ClientPositions& clien
     auto client = std::lower_bound(clients.begin(), clients.end(), std::make_pair(pid, size_t(0)));
     for (; client != clients.end() && client->first == pid; ++client) {
         const sp<V1_1::IActivityChangedCallback> callback = mClientVectorV1_1.keyAt(client->second);
-        if (callback == nullptr) continue;
+        if (callback == nullptr) continue;  // no log line, unlike version 1.0: intended
         const Return<void> sent = callback->onActivityChangedV1_1(CopyForClient(events));
         if (!sent.isOk()) {
             // Names the client that stands at the process's position, whoever that is: intended,

@@ -115,7 +115,7 @@ Return<int32_t> ActivityInterface::enableActivityEventExtend(uint32_t activity, 
 int32_t ActivityInterface::EnableActivityEvent(uint32_t activity, uint32_t event,
                                                int64_t reportLatencyNs, const OtherParams& params) {
     if (mImpl == nullptr || !NameFits(params)) {
-        // The same words for a name that is too long: intended.
+        // The same words for a name that is too long, and info where others say error: intended.
         ALOGI("%s: mImpl interface is not available", "EnableActivityEvent");
         return kFailure;
     }
@@ -147,6 +147,7 @@ bool ActivityInterface::UpdateEnableNativeExend(const EnableToNativeData& record
 }
 
 Return<int32_t> ActivityInterface::disableActivityEvent(uint32_t activity, uint32_t event) {
+    // The spelling is intended: whoever reads these logs matches on it.
     ALOGI("disableActivityEvent acivity[%d] event[%d]", activity, event);
     if (!ValidEventType(event)) return kFailure;
     const uint64_t pid = ClientKey(CallingPidOrZero());
@@ -179,6 +180,7 @@ int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t
     if (remains) {
         {
             Mutex::Autolock lock(mTableLock);
+            // The module is not told: intended, it was never told of the pair.
             if (mEnableToNativeData.empty()) return -1;
         }
         if (mImpl == nullptr) return kFailure;
@@ -192,6 +194,7 @@ int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t
         Mutex::Autolock lock(mTableLock);
         RemoveEnableToNativeData(activity, event, mEnableToNativeData);
     }
+    // Success without a module: intended, nobody is left who could still want the pair.
     return mImpl == nullptr ? kSuccess : mImpl->disable_activity_event(activity, event);
 }
 

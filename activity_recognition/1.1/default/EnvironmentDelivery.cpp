@@ -20,6 +20,7 @@ namespace {
 // Fixed: intended, whoever reads these logs matches on the whole text.
 constexpr int kEnvChangedMark = 73;
 
+// The texts' differences are intended, as on the activity side.
 struct ChangedV1_1 {
     static Return<void> Send(const sp<V1_1::IEnvironmentChangedCallback>& callback,
                              const hidl_vec<ActivityEventExtendV1_1>& events) {

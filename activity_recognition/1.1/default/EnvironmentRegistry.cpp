@@ -139,7 +139,7 @@ void EnvironmentInterface::HandleHidlDeath(uint64_t cookie, const wp<IBase>& who
     }
     const sp<IBase> object = who.promote();
     if (object == nullptr) {
-        ALOGE("Invalide IBase object, ENV");
+        ALOGE("Invalide IBase object, ENV");  // the spelling is intended, as on the activity side
     } else {
         Unlink(object, shared);
     }

@@ -73,7 +73,8 @@ typedef struct environment_callbacks {
 } environment_callbacks;
 
 typedef struct activity_interface {
-    // Called once, when the first client asks for the activity interface.
+    // Called once, when the activity interface is first asked for: the service does so at its
+    // start.
     void (*register_activity_callbacks)(const activity_callbacks* callbacks);
 
     // Points *list to as many NUL-terminated names as it returns. The module keeps ownership;
@@ -100,7 +101,7 @@ typedef struct activity_interface {
 
 // There is no flush on the environment side.
 typedef struct environment_interface {
-    // Called once, when the first client asks for the environment interface.
+    // Called once, when the environment interface is first asked for, as above.
     void (*register_environment_callbacks)(const environment_callbacks* callbacks);
 
     int (*get_supported_environments_list)(char*** list);
@@ -122,8 +123,8 @@ typedef struct activity_recognition_module {
 typedef struct activity_recognition_device {
     struct hw_device_t common;
 
-    // Each is called once, when the first client asks for the side; again only after NULL, which
-    // means that the module does not support the side. Tables stay valid for the process's life.
+    // Each is called once, when its side is first asked for; again only after NULL, which means
+    // that the module does not support the side. Tables stay valid for the process's life.
     const activity_interface* (*get_activity_interface)(struct activity_recognition_device* dev);
     const environment_interface* (*get_environment_interface)(
             struct activity_recognition_device* dev);
