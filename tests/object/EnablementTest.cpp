@@ -6,37 +6,13 @@ namespace {
 
 constexpr int64_t kSecond = 1000000000;
 const std::string kSevenDays = "604800000000000";
-const OtherParams kNoWake = Params(1, 0, 0, 0, "quiet");
-const OtherParams kLoud = Params(2, 0, 0, 0, "loud");
+const OtherParams kNoWake = Params({1, 0, 0, 0}, "quiet");
+const OtherParams kLoud = Params({2, 0, 0, 0}, "loud");
 
 struct EnablementTest : ObjectTest {
-    // Barriers as "pid activity event time".
-    static Lines barriers() {
-        Lines lines;
-        for (const FirstReport& b : Act::barriers()) {
-            lines.push_back(std::to_string(b.pid) + " " + std::to_string(b.activity) + " " +
-                            std::to_string(b.event) + " " + std::to_string(b.timestamp));
-        }
-        return lines;
-    }
-    // Requests as "pid activity event latency".
-    static Lines requests() {
-        Lines lines;
-        for (const EnableRequestData& r : Act::requests()) {
-            lines.push_back(std::to_string(r.pid) + " " + std::to_string(r.activity) + " " +
-                            std::to_string(r.event) + " " + std::to_string(r.reportLatencyNs));
-        }
-        return lines;
-    }
-    Lines natives() {
-        Lines lines;
-        for (const EnableToNativeData& n : Act::natives(*act)) {
-            lines.push_back(std::to_string(n.pid) + " " + std::to_string(n.activity) + " " +
-                            std::to_string(n.event) + " " + std::to_string(n.reportLatencyNs) +
-                            " " + std::to_string(n.noWake));
-        }
-        return lines;
-    }
+    static Lines barriers() { return Texts(Act::barriers()); }
+    static Lines requests() { return Texts(Act::requests()); }
+    Lines natives() { return Texts(Act::natives(*act)); }
 };
 
 TEST_F(EnablementTest, JoinersMergeAndTakeABarrier) {
@@ -52,11 +28,13 @@ TEST_F(EnablementTest, JoinersMergeAndTakeABarrier) {
     EXPECT_EQ(enableExtended(72, 1, 1, 3 * kSecond, kLoud), 0);
     EXPECT_EQ(enable(71, 1, 1, 9 * kSecond), 0);
     EXPECT_EQ(module.take(),
-              (Lines{"extend 1 1 2000000000 [2.0 0.0 0.0 0.0 'loud']", "enable 1 1 3000000000"}));
+              (Lines{"extend 1 1 2000000000 [2 0 0 0 'loud']", "enable 1 1 3000000000"}));
     EXPECT_EQ(requests(), (Lines{"70 1 1 5000000000", "72 1 1 3000000000", "71 1 1 9000000000"}));
     TakeLog();
     enable(70, 2, 2, 7);
-    enableExtended(70, 2, 2, 7, kLoud);
+    EXPECT_EQ(barriers(), (Lines{"72 1 1 200", "71 1 1 200"}));
+    enableExtended(70, 2, 2, 7, kLoud);  // its creator joins like any other
+    EXPECT_EQ(barriers(), (Lines{"72 1 1 200", "71 1 1 200", "70 2 2 200"}));
     EXPECT_EQ(TakeLog(),
               (Lines{"I AR_impl: enableActivityEvent activity[2], event[2] reportLatency[7]ns",
                      "I AR_impl: enableActivityEvent end, pid[70]",
@@ -66,43 +44,36 @@ TEST_F(EnablementTest, JoinersMergeAndTakeABarrier) {
 }
 
 TEST_F(EnablementTest, BarriersFollowTheSnapshot) {
-    const struct {
-        int count;
-        Lines barriers;
-    } steps[] = {
-            {0, {}},             // nothing current: none is made
-            {2, {"71 1 1 20"}},  // the last, not the greatest
-            {0, {"71 1 1 20"}},  // and none is replaced
-            {7, {"71 1 1 70"}},  // not capped
-            {-3, {"71 1 1 0"}},  // a negative count
-            {1, {"71 1 1 10"}},  // one record for the triple
+    const auto afterJoiningAt = [this](int count) {
+        module.countOverride = count;
+        enable(71, 1, 1, 0);
+        return barriers();
     };
     for (int i = 1; i <= 7; ++i) module.current.push_back(Context(1, 1, 10 * i));
     enable(70, 1, 1, 0);
-    for (const auto& step : steps) {
-        module.countOverride = step.count;
-        enable(71, 1, 1, 0);
-        EXPECT_EQ(barriers(), step.barriers) << step.count;
-    }
-    module.countOverride = 3;
-    module.nullArrays = true;  // as good as no snapshot
-    enable(71, 1, 1, 0);
-    EXPECT_EQ(barriers(), Lines{"71 1 1 10"});
+    EXPECT_EQ(afterJoiningAt(0), Lines{});             // nothing current: none is made
+    EXPECT_EQ(afterJoiningAt(2), Lines{"71 1 1 20"});  // the last, not the greatest
+    EXPECT_EQ(afterJoiningAt(0), Lines{"71 1 1 20"});  // and none is replaced
+    EXPECT_EQ(afterJoiningAt(7), Lines{"71 1 1 70"});  // not capped
+    EXPECT_EQ(afterJoiningAt(-3), Lines{"71 1 1 0"});  // a negative count
+    EXPECT_EQ(afterJoiningAt(1), Lines{"71 1 1 10"});  // one record for the triple
+    module.nullArrays = true;
+    EXPECT_EQ(afterJoiningAt(3), Lines{"71 1 1 10"});  // as good as no snapshot
     disable(71, 1, 1);
     EXPECT_EQ(barriers(), Lines{});
 }
 
 TEST_F(EnablementTest, NoWakeReplacesTheLatency) {
     EXPECT_EQ(enableExtended(70, 1, 1, 3 * kSecond, kNoWake), 0);
-    EXPECT_EQ(module.take(), Lines{"extend 1 1 " + kSevenDays + " [1.0 0.0 0.0 0.0 'quiet']"});
+    EXPECT_EQ(module.take(), Lines{"extend 1 1 " + kSevenDays + " [1 0 0 0 'quiet']"});
     EXPECT_EQ(natives(), Lines{"70 1 1 " + kSevenDays + " 1"});
     EXPECT_EQ(requests(), Lines{"70 1 1 " + kSevenDays});
     EXPECT_STREQ(Act::requests()[0].otherParams.name, "quiet");
 }
 
 TEST_F(EnablementTest, RefusedRequestsChangeNothing) {
-    const OtherParams tooLong = Params(0, 0, 0, 0, std::string(33, 'n'));
-    for (uint32_t event : {0u, 3u}) {
+    const OtherParams tooLong = Params({0, 0, 0, 0}, std::string(33, 'n'));
+    for (uint32_t event : {0u, 3u, ~0u}) {
         EXPECT_EQ(enable(70, 1, event, 0), 1);
         EXPECT_EQ(enableExtended(70, 1, event, 0, kLoud), 1);
         EXPECT_EQ(disable(70, 1, event), 1);
@@ -110,25 +81,25 @@ TEST_F(EnablementTest, RefusedRequestsChangeNothing) {
     EXPECT_EQ(enableExtended(70, 1, 1, 0, tooLong), 1);
     EXPECT_EQ(enableExtended(-1, 1, 1, 0, kLoud), 1);
     EXPECT_EQ(disable(70, 1, 1), 1);
-    EXPECT_EQ(TakeLog().size(), 9u);  // a first line each, no closing one
+    EXPECT_EQ(TakeLog().size(), 12u);  // a first line each, no closing one
     EXPECT_EQ(requests(), Lines{});
     EXPECT_EQ(module.take(), Lines{});
+    // Process -1 is refused in the extended form alone; its key is sign-extended.
+    EXPECT_EQ(enable(-1, 1, 1, 0), 0);
+    EXPECT_EQ(requests(), Lines{"18446744073709551615 1 1 1000000000"});
+    EXPECT_EQ(disable(-1, 1, 1), 0);
+    module.take();
     // Exactly 32 characters pass, without a terminator in the field.
-    EXPECT_EQ(enableExtended(70, 1, 1, 0, Params(0, 0, 0, 0, std::string(32, 'n'))), 0);
+    EXPECT_EQ(enableExtended(70, 1, 1, 0, Params({0, 0, 0, 0}, std::string(32, 'n'))), 0);
     EXPECT_EQ(module.take(),
-              Lines{"extend 1 1 1000000000 [0.0 0.0 0.0 0.0 '" + std::string(32, 'n') + "']"});
-    // Below the checks, the words are those of a missing table.
-    TakeLog();
-    EXPECT_EQ(Act::enableExtended(*act, tooLong), 1);
-    EXPECT_EQ(TakeLog(), Lines{"I AR_impl: EnableActivityEvent: mImpl interface is not available"});
+              Lines{"extend 1 1 1000000000 [0 0 0 0 '" + std::string(32, 'n') + "']"});
 }
 
 TEST_F(EnablementTest, ARefusalTakesTheClientsRequestAway) {
     for (bool joins : {false, true}) {
         for (int code : {1, -1, 77}) {
-            Act::clear();
-            Act::natives(*act).clear();
-            module = {};
+            make();
+            module.current = {Context(1, 1, 5)};  // a barrier would be there to take
             if (joins) enable(70, 1, 1, 0);
             enable(71, 2, 1, 0);
             module.results = {{"enable", code}, {"extend", code}};
@@ -139,9 +110,7 @@ TEST_F(EnablementTest, ARefusalTakesTheClientsRequestAway) {
             EXPECT_EQ(barriers(), Lines{});
         }
     }
-    TakeLog();
-    enable(70, 3, 1, 0);
-    EXPECT_EQ(TakeLog().back(), "I AR_impl: enableActivityEvent end, pid[70]");
+    EXPECT_EQ(TakeLog().back(), "I AR_impl: enableActivityEventExtend end, pid[70]");
 }
 
 TEST_F(EnablementTest, ProcessZeroIsNoCreator) {
@@ -155,31 +124,29 @@ TEST_F(EnablementTest, ProcessZeroIsNoCreator) {
     EXPECT_EQ(enableExtended(71, 1, 1, 4 * kSecond, kLoud), 0);
     EXPECT_EQ(enable(72, 1, 1, 9 * kSecond), 0);
     EXPECT_EQ(module.take(),
-              (Lines{"enable 1 1 1000000000", "extend 1 1 4000000000 [2.0 0.0 0.0 0.0 'loud']",
+              (Lines{"enable 1 1 1000000000", "extend 1 1 4000000000 [2 0 0 0 'loud']",
                      "enable 1 1 1000000000"}));
-    EXPECT_EQ(natives().size(), 2u);
+    EXPECT_EQ(natives(), (Lines{"0 1 1 1000000000 0", "71 1 1 4000000000 0"}));
     EXPECT_EQ(barriers(), Lines{"72 1 1 5"});
 }
 
 TEST_F(EnablementTest, WithoutATable) {
-    Make(nullptr, nullptr);
+    make(nullptr, nullptr);
     EXPECT_EQ(enable(70, 1, 1, 0), 1);
     EXPECT_EQ(enableExtended(70, 1, 1, 0, kLoud), 1);
     Act::natives(*act).push_back({70, 1, 1, 0, 0});
     EXPECT_EQ(enable(70, 1, 1, 0), 1);
     EXPECT_EQ(enableExtended(70, 1, 1, 0, kLoud), 1);
     EXPECT_EQ(int32_t(act->flush()), 1);
-    Lines errors;
-    for (const std::string& line : TakeLog()) {
-        if (line.find("mImpl") != std::string::npos) errors.push_back(line);
-    }
-    EXPECT_EQ(errors, (Lines{"E AR_impl: UpdateEnableNative: mImpl interface is not available",
-                             "I AR_impl: EnableActivityEvent: mImpl interface is not available",
-                             "E AR_impl: enableActivityEvent: mImpl interface is not available",
-                             "I AR_impl: EnableActivityEvent: mImpl interface is not available",
-                             "E AR_impl: flush: mImpl interface is not available"}));
+    const Lines log = TakeLog();  // each error between a call's first and last line
+    const std::string missing = ": mImpl interface is not available";
+    EXPECT_EQ((Lines{log[1], log[4], log[7], log[10], log[12]}),
+              (Lines{"E AR_impl: UpdateEnableNative" + missing,
+                     "I AR_impl: EnableActivityEvent" + missing,
+                     "E AR_impl: enableActivityEvent" + missing,
+                     "I AR_impl: EnableActivityEvent" + missing, "E AR_impl: flush" + missing}));
     // The last one out succeeds, though nobody was told; a re-merge fails, plain or extended.
-    for (const OtherParams& left : {Params(0, 0, 0, 0), kLoud}) {
+    for (const OtherParams& left : {Params({0, 0, 0, 0}), kLoud}) {
         Act::requests().clear();
         for (uint64_t pid : {70, 71}) {
             Act::requests().push_back({pid, 1, 1, kSecond, {{left.params[0]}, {}}});
@@ -195,50 +162,49 @@ TEST_F(EnablementTest, LeavingMergesUpwardsThenDisables) {
     enable(70, 1, 1, 5 * kSecond);
     enable(71, 1, 1, 2 * kSecond);
     enable(71, 1, 2, kSecond);
+    enable(71, 2, 2, kSecond);
     plain({{1, 1, 10, 0, {}}});
-    EXPECT_EQ(Act::lastEvents().size(), 2u);
+    EXPECT_EQ(disable(71, 1, 2), 0);  // not what the client was sent last
+    EXPECT_EQ(Texts(Act::lastEvents()), (Lines{"70 1 1 10", "71 1 1 10"}));
     module.take();
     TakeLog();
     EXPECT_EQ(disable(71, 1, 1), 0);
     EXPECT_EQ(TakeLog(), Lines{"I AR_impl: disableActivityEvent acivity[1] event[1]"});
-    EXPECT_EQ(Act::lastEvents().size(), 1u);
+    EXPECT_EQ(Texts(Act::lastEvents()), Lines{"70 1 1 10"});
     EXPECT_EQ(disable(70, 1, 1), 0);
     EXPECT_EQ(module.take(), (Lines{"enable 1 1 5000000000", "disable 1 1"}));
-    EXPECT_EQ(natives(), Lines{"71 1 2 1000000000 0"});
-    EXPECT_EQ(requests(), Lines{"71 1 2 1000000000"});
+    EXPECT_EQ(natives(), Lines{"71 2 2 1000000000 0"});
+    EXPECT_EQ(requests(), Lines{"71 2 2 1000000000"});
 }
 
 TEST_F(EnablementTest, WhatRemainsDecidesTheReEnable) {
-    const OtherParams late = Params(1, 0, 0, 0, "late");
+    const OtherParams late = Params({1, 0, 0, 0}, "late");
     const struct {
-        const char* what;
-        std::vector<const OtherParams*> remaining;  // NULL: version 1.0; latencies rise from 3 s
+        std::vector<const OtherParams*> remaining;  // NULL: version 1.0; of 3 s, 4 s and so on
         std::string told;
     } cases[] = {
-            {"plain", {nullptr}, "enable 1 1 3000000000"},
-            {"mixed", {&kLoud, nullptr, &kNoWake}, "enable 1 1 3000000000"},
-            {"loud only", {&kLoud, &kLoud}, "extend 1 1 3000000000 [0.0 0.0 0.0 0.0 '']"},
-            {"one no-wake", {&kNoWake, &kLoud}, "extend 1 1 4000000000 [1.0 0.0 0.0 0.0 'quiet']"},
-            {"the last no-wake",
-             {&kNoWake, &late},
-             "extend 1 1 " + kSevenDays + " [1.0 0.0 0.0 0.0 'late']"},
+            {{nullptr}, "enable 1 1 3000000000"},
+            {{&kLoud, nullptr, &kNoWake}, "enable 1 1 3000000000"},
+            {{&kLoud, &kLoud}, "extend 1 1 3000000000 [0 0 0 0 '']"},
+            {{&kNoWake, &kLoud}, "extend 1 1 4000000000 [1 0 0 0 'quiet']"},
+            {{&kNoWake, &late}, "extend 1 1 " + kSevenDays + " [1 0 0 0 'late']"},
     };
     for (const auto& c : cases) {
-        Act::clear();
-        Act::natives(*act).clear();
+        make();
         enableExtended(70, 1, 1, kSecond, kLoud);
         for (size_t i = 0; i < c.remaining.size(); ++i) {
             const int64_t latencyNs = (3 + i) * kSecond;
             if (c.remaining[i] == nullptr) {
-                enable(71 + i, 1, 1, latencyNs - (i ? kSecond : 0));
+                enable(71 + i, 1, 1, latencyNs);
             } else {
                 enableExtended(71 + i, 1, 1, latencyNs, *c.remaining[i]);
             }
         }
-        enable(70, 2, 1, 0);  // another pair has no say
+        enable(70, 2, 1, 0);  // other pairs have no say
+        enable(70, 1, 2, 0);
         module.take();
-        EXPECT_EQ(disable(70, 1, 1), 0) << c.what;
-        EXPECT_EQ(module.take(), Lines{c.told}) << c.what;
+        EXPECT_EQ(disable(70, 1, 1), 0);
+        EXPECT_EQ(module.take(), Lines{c.told});
     }
 }
 
@@ -272,7 +238,7 @@ TEST_F(EnablementTest, ARefusedDisableStaysDone) {
 }
 
 TEST_F(EnablementTest, TheModuleCallsBackFromInsideItsSlots) {
-    const auto client = add<ActClient1>(70, "c");
+    add<ActClient1>(70, "c");
     module.inside = [this] {
         plain({{1, 1, 10, 0, {}}});
         extended({Context(1, 1, 11)});
@@ -281,10 +247,11 @@ TEST_F(EnablementTest, TheModuleCallsBackFromInsideItsSlots) {
     enableExtended(70, 1, 1, 0, kLoud);
     ASSERT_EQ(int32_t(act->flush()), 0);
     EXPECT_EQ(disable(70, 1, 1), 0);
-    const std::string both[] = {"c plain (1,1,10,0)", "c extended (1,1,11,e0,v0,)"};
-    // Visible while the call is in flight, gone when the disable's call runs.
-    EXPECT_EQ(TakeJournal(),
-              (Lines{both[0], both[1], both[0], both[1], both[0], both[1], both[1]}));
+    const std::string both[] = {"c plain (1,1,10,0)", "c extended (1,1,11,0,0,)"};
+    // In both enables, the second one's snapshot and the flush; a request is visible while its call
+    // is in flight, and gone when the disable's call runs.
+    EXPECT_EQ(TakeJournal(), (Lines{both[0], both[1], both[0], both[1], both[0], both[1], both[0],
+                                    both[1], both[1]}));
 }
 
 }  // namespace

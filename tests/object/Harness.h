@@ -2,12 +2,16 @@
 // pretended callers, failing allocations, and a way into the working objects' tables.
 #pragma once
 
+#include <string.h>
+
+#include <array>
+#include <atomic>
 #include <functional>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <set>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -26,10 +30,9 @@ using ::android::hardware::hidl_string;
 using ::android::hardware::hidl_vec;
 using ::android::hardware::IPCThreadState;
 using ::android::hardware::Status;
-using ::android::hardware::Void;
 using Lines = std::vector<std::string>;
 
-// The tables and native entry points, for tests that no other thread disturbs.
+// The tables, for tests that no other thread disturbs.
 struct ActivityInterfaceTestPeer {
     using I = ActivityInterface;
     static auto& clientsV1_1() NO_THREAD_SAFETY_ANALYSIS { return I::mClientVectorV1_1; }
@@ -38,79 +41,95 @@ struct ActivityInterfaceTestPeer {
     static auto& barriers() NO_THREAD_SAFETY_ANALYSIS { return I::firstReport; }
     static auto& lastEvents() NO_THREAD_SAFETY_ANALYSIS { return I::mLastActivityEvent; }
     static auto& reported() NO_THREAD_SAFETY_ANALYSIS { return I::packageNames; }
-    static auto& natives(I& object) NO_THREAD_SAFETY_ANALYSIS { return object.mEnableToNativeData; }
-    static auto& recipients(I& object) NO_THREAD_SAFETY_ANALYSIS {
-        return object.mDeathRecipientVectorV1_1;
+    static auto& natives(I& on) NO_THREAD_SAFETY_ANALYSIS { return on.mEnableToNativeData; }
+    static auto& recipients(I& on) NO_THREAD_SAFETY_ANALYSIS {
+        return on.mDeathRecipientVectorV1_1;
     }
-    static auto& sharedRecipient(I& object) NO_THREAD_SAFETY_ANALYSIS {
-        return object.mDeathRecipient;
-    }
-    static void clear();
-    static int64_t lastTime(uint64_t pid, uint32_t activity,
-                            uint32_t event) NO_THREAD_SAFETY_ANALYSIS {
-        return I::GetLastTime(pid, activity, event);
-    }
-    static bool scanStep(uint32_t index, uint32_t activity, uint32_t event, bool& allExtended,
-                         other_params& noWake) NO_THREAD_SAFETY_ANALYSIS {
-        return I::ValidEventActivity(index, activity, event, allExtended, noWake);
-    }
-    static void route(const activity_event* events, int count, int pid,
-                      std::vector<EventResponseData>& batch) NO_THREAD_SAFETY_ANALYSIS {
-        I::PackageNamePush(events, count, pid, batch);
-    }
-    static void report(const std::vector<EventResponseData>& batch) NO_THREAD_SAFETY_ANALYSIS {
-        I::ActivitiesReport(batch);
-    }
-    static int32_t enableExtended(I& object, const OtherParams& params) {
-        return object.EnableActivityEvent(1, 1, 0, params);
-    }
+    static auto& sharedRecipient(I& on) NO_THREAD_SAFETY_ANALYSIS { return on.mDeathRecipient; }
 };
 
 struct EnvironmentInterfaceTestPeer {
     using I = EnvironmentInterface;
     static auto& clientsV1_1() NO_THREAD_SAFETY_ANALYSIS { return I::mClientVectorV1_1; }
     static auto& clientsV1_0() NO_THREAD_SAFETY_ANALYSIS { return I::mClientVectorV1_0; }
-    static auto& sharedRecipient(I& object) NO_THREAD_SAFETY_ANALYSIS {
-        return object.mDeathRecipient;
-    }
-    static void clear();
+    static auto& sharedRecipient(I& on) NO_THREAD_SAFETY_ANALYSIS { return on.mDeathRecipient; }
 };
 
 using Act = ActivityInterfaceTestPeer;
 using Env = EnvironmentInterfaceTestPeer;
 
+template <typename... T>
+std::string Joined(const char* between, T... values) {
+    std::ostringstream text;
+    const char* before = "";
+    ((text << std::exchange(before, between) << values), ...);
+    return text.str();
+}
+
+// Client records as "(type,activity,timestamp,...)", the tables' as "pid activity event ...".
+inline std::string Text(const ActivityEvent& e) {
+    return "(" + Joined(",", e.eventType, e.activity, e.timestamp) + ")";
+}
+inline std::string Text(const ActivityEventV1_1& e) {
+    return "(" + Joined(",", e.eventType, e.activity, e.timestamp, e.extra) + ")";
+}
+inline std::string Text(const ActivityEventExtend& e) {
+    return "(" + Joined(",", e.eventType, e.activity, e.timestamp, e.value, e.name) + ")";
+}
+inline std::string Text(const ActivityEventExtendV1_1& e) {
+    return "(" + Joined(",", e.eventType, e.activity, e.timestamp, e.extra, e.value, e.name) + ")";
+}
+inline std::string Text(const hidl_string& name) {
+    return name;
+}
+inline std::string Text(const EnableRequestData& r) {
+    return Joined(" ", r.pid, r.activity, r.event, r.reportLatencyNs);
+}
+inline std::string Text(const EnableToNativeData& n) {
+    return Joined(" ", n.pid, n.activity, n.event, n.reportLatencyNs, n.noWake);
+}
+inline std::string Text(const EventResponseData& e) {
+    return Joined(" ", e.pid, e.activity, e.event, e.timestamp);
+}
+inline std::string Text(const FirstReport& b) {
+    return Joined(" ", b.pid, b.activity, b.event, b.timestamp);
+}
+
+template <typename Records>
+Lines Texts(const Records& records) {
+    Lines lines;
+    for (const auto& record : records) lines.push_back(Text(record));
+    return lines;
+}
+
 // Log lines as "E AR_impl: text", in their order. All are also remembered for the whole run.
 Lines TakeLog();
-const std::set<std::string>& EverLogged();
+inline std::set<std::string> everLogged;
+
+// What the clients got, as "name plain (1,1,10,0)", in their order.
+Lines TakeJournal();
+void Note(const std::string& line);
+
+extern const activity_interface kActivityTable;
+extern const environment_interface kEnvironmentTable;
 
 // A native module. Calls are noted as "enable 1 1 5000000000"; results and snapshots as scripted.
 struct Module {
     Lines calls;
-    std::map<std::string, int> results;     // by slot, 0 unless set
-    std::function<void()> inside;           // runs inside every int slot of a control call
+    std::map<std::string, int> results;     // by slot, 0 unless set; of "find" and "open", too
+    std::function<void()> inside;           // runs inside every control call and snapshot
     std::vector<ar_context_event> current;  // for both sides' snapshots and lists
     std::vector<std::string> names;
     int countOverride = INT32_MIN;  // what snapshots and lists answer instead of their size
     bool nullArrays = false;
+    const activity_interface* activityTable = &kActivityTable;  // what the device offers
+    const environment_interface* environmentTable = &kEnvironmentTable;
     const activity_callbacks* activity = nullptr;
     const environment_callbacks* environment = nullptr;
 
     Lines take() { return std::exchange(calls, {}); }
 };
-extern Module module;
-extern const activity_interface kActivityTable;
-extern const environment_interface kEnvironmentTable;
-
-// What hw_get_module and the module's open answer, and what the device offers.
-struct Device {
-    int getModule = 0;
-    int open = 0;
-    int opened = 0;
-    int closed = 0;
-    const activity_interface* activity = &kActivityTable;
-    const environment_interface* environment = &kEnvironmentTable;
-};
-extern Device device;
+inline Module module;
 
 // Serves as if the caller were this process, while it lives.
 class As {
@@ -132,19 +151,12 @@ struct WithoutThreadState {
 
 // Non-throwing allocations fail while it lives.
 struct WithoutMemory {
-    WithoutMemory();
-    ~WithoutMemory();
+    WithoutMemory() { active = true; }
+    ~WithoutMemory() { active = false; }
+    static inline std::atomic<bool> active{false};
 };
 
 // A client's callback: notes what it gets in the journal, answers as scripted.
-Lines TakeJournal();
-void Note(const std::string& line);
-
-std::string Text(const ActivityEvent& e);
-std::string Text(const ActivityEventV1_1& e);
-std::string Text(const ActivityEventExtend& e);
-std::string Text(const ActivityEventExtendV1_1& e);
-
 template <typename Interface>
 struct Client : public Interface {
     explicit Client(std::string name) : name(std::move(name)) {}
@@ -157,6 +169,7 @@ struct Client : public Interface {
     }
     Return<bool> unlinkToDeath(const sp<hidl_death_recipient>& recipient) override {
         unlinked.push_back(recipient);
+        if (insideUnlink) std::exchange(insideUnlink, nullptr)();
         if (!link.isOk()) return link;
         return true;
     }
@@ -174,29 +187,26 @@ struct Client : public Interface {
     Status link = Status::ok();
     bool linkAnswer = true;
     Status send = Status::ok();
-    std::function<void()> inside;  // runs inside every event call
+    std::function<void()> inside;        // runs inside every event call
+    std::function<void()> insideUnlink;  // runs inside the next unlinkToDeath
     std::vector<wp<hidl_death_recipient>> recipients;
     std::vector<uint64_t> cookies;
     std::vector<sp<hidl_death_recipient>> unlinked;
 };
 
-struct ActClient0 : Client<V1_0::IActivityChangedCallback> {
-    using Client::Client;
+template <typename Interface>
+struct ActClient : Client<Interface> {
+    using Client<Interface>::Client;
     Return<void> onActivityChanged(const hidl_vec<ActivityEvent>& e) override {
-        return got("plain", e);
+        return this->got("plain", e);
     }
     Return<void> onActivityExtendChanged(const hidl_vec<ActivityEventExtend>& e) override {
-        return got("extended", e);
+        return this->got("extended", e);
     }
 };
-struct ActClient1 : Client<V1_1::IActivityChangedCallback> {
-    using Client::Client;
-    Return<void> onActivityChanged(const hidl_vec<ActivityEvent>& e) override {
-        return got("plain1.0", e);
-    }
-    Return<void> onActivityExtendChanged(const hidl_vec<ActivityEventExtend>& e) override {
-        return got("extended1.0", e);
-    }
+using ActClient0 = ActClient<V1_0::IActivityChangedCallback>;
+struct ActClient1 : ActClient<V1_1::IActivityChangedCallback> {
+    using ActClient::ActClient;
     Return<void> onActivityChangedV1_1(const hidl_vec<ActivityEventV1_1>& e) override {
         return got("plain", e);
     }
@@ -204,42 +214,76 @@ struct ActClient1 : Client<V1_1::IActivityChangedCallback> {
         return got("extended", e);
     }
 };
-struct EnvClient0 : Client<V1_0::IEnvironmentChangedCallback> {
-    using Client::Client;
+
+template <typename Interface>
+struct EnvClient : Client<Interface> {
+    using Client<Interface>::Client;
     Return<void> onEnvironmentChanged(const hidl_vec<ActivityEventExtend>& e) override {
-        return got("extended", e);
+        return this->got("extended", e);
     }
 };
-struct EnvClient1 : Client<V1_1::IEnvironmentChangedCallback> {
-    using Client::Client;
-    Return<void> onEnvironmentChanged(const hidl_vec<ActivityEventExtend>& e) override {
-        return got("extended1.0", e);
-    }
+using EnvClient0 = EnvClient<V1_0::IEnvironmentChangedCallback>;
+struct EnvClient1 : EnvClient<V1_1::IEnvironmentChangedCallback> {
+    using EnvClient::EnvClient;
     Return<void> onEnvironmentChangedV1_1(const hidl_vec<ActivityEventExtendV1_1>& e) override {
         return got("extended", e);
     }
 };
 
-OtherParams Params(double p0, double p1, double p2, double p3, const std::string& name = "");
-ar_context_event Context(uint32_t type, uint32_t activity, int64_t timestamp, uint32_t extra = 0,
-                         uint32_t value = 0, const std::string& name = "");
+inline OtherParams Params(const std::array<double, 4>& params, const std::string& name = "") {
+    return {params, name};
+}
+inline ar_context_event Context(uint32_t type, uint32_t activity, int64_t timestamp,
+                                uint32_t extra = 0, uint32_t value = 0,
+                                const std::string& name = "") {
+    ar_context_event event = {type, activity, timestamp, extra, value, {1, 2, 3, ~0ull}, {}};
+    memcpy(event.name, name.data(), name.size());
+    return event;
+}
 
-// Every test starts from empty tables, one working object a side and an empty log.
+// Every test starts with one working object a side.
 class ObjectTest : public ::testing::Test {
   protected:
-    void SetUp() override;
-    void TearDown() override;
+    ObjectTest() { make(); }
+    ~ObjectTest() override { drop(); }
 
-    // Makes both anew on these tables.
-    void Make(const activity_interface* activity, const environment_interface* environment);
+    // Both objects anew, with empty tables, on an unscripted module, with nothing logged.
+    void make(const activity_interface* activity = &kActivityTable,
+              const environment_interface* environment = &kEnvironmentTable);
+    void drop();
 
-    // Calls as that process, the whole results checked in place.
-    int32_t enable(int pid, uint32_t activity, uint32_t event, int64_t latencyNs);
+    // Calls as that process.
+    int32_t enable(int pid, uint32_t activity, uint32_t event, int64_t latencyNs) {
+        As caller(pid);
+        return act->enableActivityEvent(activity, event, latencyNs);
+    }
     int32_t enableExtended(int pid, uint32_t activity, uint32_t event, int64_t latencyNs,
-                           const OtherParams& params);
-    int32_t disable(int pid, uint32_t activity, uint32_t event);
+                           const OtherParams& params) {
+        As caller(pid);
+        return act->enableActivityEventExtend(activity, event, latencyNs, params);
+    }
+    int32_t disable(int pid, uint32_t activity, uint32_t event) {
+        As caller(pid);
+        return act->disableActivityEvent(activity, event);
+    }
+
+    Return<void> enter(const sp<ActClient0>& c) { return act->registerActivityCallback(c); }
+    Return<void> enter(const sp<ActClient1>& c) { return act->registerActivityCallbackV1_1(c); }
+    Return<void> enter(const sp<EnvClient0>& c) { return env->registerEnvironmentCallback(c); }
+    Return<void> enter(const sp<EnvClient1>& c) { return env->registerEnvironmentCallbackV1_1(c); }
     template <typename C>
-    sp<C> add(int pid, const std::string& name);
+    void enter(int pid, const sp<C>& client) {
+        As caller(pid);
+        EXPECT_TRUE(enter(client).isOk());
+    }
+    template <typename C>
+    sp<C> add(int pid, const std::string& name) {
+        const sp<C> client = new C(name);
+        enter(pid, client);
+        return client;
+    }
+
+    // Calls as the module.
     void plain(const std::vector<activity_event>& events) {
         module.activity->activity_changed(events.data(), int(events.size()));
     }
@@ -253,26 +297,5 @@ class ObjectTest : public ::testing::Test {
     sp<ActivityInterface> act;
     sp<EnvironmentInterface> env;
 };
-
-inline void Register(ActivityInterface& act, EnvironmentInterface&, const sp<ActClient0>& c) {
-    ASSERT_TRUE(act.registerActivityCallback(c).isOk());
-}
-inline void Register(ActivityInterface& act, EnvironmentInterface&, const sp<ActClient1>& c) {
-    ASSERT_TRUE(act.registerActivityCallbackV1_1(c).isOk());
-}
-inline void Register(ActivityInterface&, EnvironmentInterface& env, const sp<EnvClient0>& c) {
-    ASSERT_TRUE(env.registerEnvironmentCallback(c).isOk());
-}
-inline void Register(ActivityInterface&, EnvironmentInterface& env, const sp<EnvClient1>& c) {
-    ASSERT_TRUE(env.registerEnvironmentCallbackV1_1(c).isOk());
-}
-
-template <typename C>
-sp<C> ObjectTest::add(int pid, const std::string& name) {
-    const sp<C> client = new C(name);
-    As caller(pid);
-    Register(*act, *env, client);
-    return client;
-}
 
 }  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -6,229 +6,169 @@
 namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation {
 namespace {
 
-// The texts of a side, with its version put in.
-struct ActSide {
-    static constexpr bool kIsAct = true;
-    static constexpr int kNobody = 0;
-    static std::string tag() { return "AR_impl"; }
-    static std::string known(const std::string& v) {
-        return "I AR_impl: It's already register pid[70] " + v + " callback";
-    }
-    static std::string name(const std::string& v) { return v + " ActivityInterface"; }
-    static std::string died() { return "I AR_impl: serviceDied, cookie is 70"; }
-    static std::string gone() { return "E AR_impl: Invalide IBase object"; }
-    static std::string match(const std::string& v) {
-        return "I AR_impl: ######" + v + " Match, remainder cb[1]!!!######";
-    }
-};
-struct EnvSide {
-    static constexpr bool kIsAct = false;
-    static constexpr int kNobody = 1;
-    static std::string tag() { return "AR_impl_Env"; }
-    static std::string known(const std::string& v) {
-        return "I AR_impl_Env: It's already register pid[70] callback, " + v;
-    }
-    static std::string name(const std::string& v) { return "EnvironmentInterface" + v; }
-    static std::string died() { return "I AR_impl_Env: ENV serviceDied, cookie is 70"; }
-    static std::string gone() { return "E AR_impl_Env: Invalide IBase object, ENV"; }
-    static std::string match(const std::string& v) {
-        return "I AR_impl_Env: ######" + v + " ENV Match, remainder cb[1]!!!######";
-    }
-};
-struct ActV1_0 : ActSide {
-    using C = ActClient0;
-    static auto& table() { return Act::clientsV1_0(); }
-    static constexpr const char* kVersion = "V1_0";
-    static constexpr bool kReplaces = false;
-    static constexpr const char* kNoMemory =
-            "E AR_impl: registerActivityCallback mDeathRecipient new failed";
-};
-struct ActV1_1 : ActSide {
-    using C = ActClient1;
-    static auto& table() { return Act::clientsV1_1(); }
-    static constexpr const char* kVersion = "V1_1";
-    static constexpr bool kReplaces = true;
-    static constexpr const char* kNoMemory =
-            "E AR_impl: registerActivityCallbackV1_1 deathRecipient new failed";
-};
-struct EnvV1_0 : EnvSide {
-    using C = EnvClient0;
-    static auto& table() { return Env::clientsV1_0(); }
-    static constexpr const char* kVersion = "V1_0";
-    static constexpr bool kReplaces = false;
-    static constexpr const char* kNoMemory =
-            "E AR_impl_Env: registerEnvironmentCallback new mDeathRecipient failed";
-};
-struct EnvV1_1 : EnvSide {
-    using C = EnvClient1;
-    static auto& table() { return Env::clientsV1_1(); }
-    static constexpr const char* kVersion = "V1_1";
-    static constexpr bool kReplaces = false;
-    static constexpr const char* kNoMemory =
-            "E AR_impl_Env: registerEnvironmentCallbackV1_1 Death new failed";
-};
-
-template <typename Side>
+// By client: one for each version of each side.
+template <typename C>
 struct RegistryTest : ObjectTest {
-    using C = typename Side::C;
+    static constexpr bool kAct = std::is_base_of_v<V1_0::IActivityChangedCallback, C>;
+    static constexpr bool kV1_1 = std::is_same_v<C, ActClient1> || std::is_same_v<C, EnvClient1>;
+    // A process's later callback takes the place of the earlier, with a recipient of its own.
+    static constexpr bool kReplaces = kAct && kV1_1;
+    static constexpr uint64_t kNobody = kAct ? 0 : 1;  // the process without thread state
 
-    static std::string say(char level, const std::string& text) {
-        return std::string(1, level) + " " + Side::tag() + ": " + text;
+    static auto& table() {
+        if constexpr (kAct && kV1_1) return Act::clientsV1_1();
+        if constexpr (kAct && !kV1_1) return Act::clientsV1_0();
+        if constexpr (!kAct && kV1_1) return Env::clientsV1_1();
+        if constexpr (!kAct && !kV1_1) return Env::clientsV1_0();
     }
-    static std::string name() { return Side::name(Side::kVersion); }
-    static std::string known() { return Side::known(Side::kVersion); }
-    static std::string match() { return Side::match(Side::kVersion); }
+    static std::string say(char level, const std::string& text) {
+        return std::string(1, level) + (kAct ? " AR_impl: " : " AR_impl_Env: ") + text;
+    }
     static std::string linked(uint64_t pid, int total) {
-        return say('D', "Pid[" + std::to_string(pid) + "] link to " + name() +
+        return say('D', "Pid[" + std::to_string(pid) + "] link to " + subject +
                                 " death notification successful, total cb[" +
                                 std::to_string(total) + "]");
     }
-    void enter(int pid, const sp<C>& client) {
-        As caller(pid);
-        Register(*act, *env, client);
+    void die(const wp<IBase>& who) {
+        kAct ? act->HandleHidlDeath(70, who) : env->HandleHidlDeath(70, who);
     }
-    void die(uint64_t cookie, const wp<IBase>& who) {
-        if (Side::kIsAct) {
-            act->HandleHidlDeath(cookie, who);
-        } else {
-            env->HandleHidlDeath(cookie, who);
-        }
-    }
+
+    static inline const std::string version = kV1_1 ? "V1_1" : "V1_0";
+    static inline const std::string subject =
+            kAct ? version + " ActivityInterface" : "EnvironmentInterface" + version;
+    const std::string known =
+            say('I', "It's already register pid[70] " +
+                             (kAct ? version + " callback" : "callback, " + version));
+    const std::string noMemory =
+            say('E', kReplaces ? "registerActivityCallbackV1_1 deathRecipient new failed"
+                     : kAct    ? "registerActivityCallback mDeathRecipient new failed"
+                     : kV1_1   ? "registerEnvironmentCallbackV1_1 Death new failed"
+                               : "registerEnvironmentCallback new mDeathRecipient failed");
+    const std::string died =
+            say('I', kAct ? "serviceDied, cookie is 70" : "ENV serviceDied, cookie is 70");
+    const std::string gone =
+            say('E', kAct ? "Invalide IBase object" : "Invalide IBase object, ENV");
+    const std::string match = say(
+            'I', "######" + version + (kAct ? "" : " ENV") + " Match, remainder cb[1]!!!######");
+    const std::string finish = say('I', "finish");
+    const sp<C> a = new C("a"), b = new C("b");
 };
-using Sides = ::testing::Types<ActV1_0, ActV1_1, EnvV1_0, EnvV1_1>;
-TYPED_TEST_SUITE(RegistryTest, Sides, );
+using Clients = ::testing::Types<ActClient0, ActClient1, EnvClient0, EnvClient1>;
+TYPED_TEST_SUITE(RegistryTest, Clients, );
 
 TYPED_TEST(RegistryTest, AddsEachProcessWithItsCookie) {
-    const sp<typename TypeParam::C> a = new typename TypeParam::C("a");
-    const sp<typename TypeParam::C> b = new typename TypeParam::C("b");
-    this->enter(70, a);
-    this->enter(-2, b);  // sign-extended
+    this->enter(70, this->a);
+    this->enter(-2, this->b);  // sign-extended
     EXPECT_EQ(TakeLog(), (Lines{this->linked(70, 1), this->linked(uint64_t(-2), 2)}));
-    EXPECT_EQ(TypeParam::table().valueFor(a), 70u);
-    EXPECT_EQ(TypeParam::table().valueFor(b), uint64_t(-2));
-    EXPECT_EQ(b->cookies, std::vector<uint64_t>{uint64_t(-2)});
+    EXPECT_EQ(this->table().valueFor(this->a), 70u);
+    EXPECT_EQ(this->table().valueFor(this->b), uint64_t(-2));
+    EXPECT_EQ(this->b->cookies, std::vector<uint64_t>{uint64_t(-2)});
     // Each version 1.1 activity registration has a recipient of its own, the others share one.
-    EXPECT_EQ(a->recipients[0] == b->recipients[0], !TypeParam::kReplaces);
+    EXPECT_EQ(this->a->recipients[0] == this->b->recipients[0], !this->kReplaces);
 }
 
 TYPED_TEST(RegistryTest, SecondCallbackOfAProcess) {
-    const sp<typename TypeParam::C> a = new typename TypeParam::C("a");
-    const sp<typename TypeParam::C> b = new typename TypeParam::C("b");
-    this->enter(70, a);
+    this->enter(70, this->a);
     TakeLog();
-    this->enter(70, a);
-    EXPECT_EQ(TakeLog(), Lines{this->known()});
-    this->enter(70, b);
-    ASSERT_EQ(TypeParam::table().size(), 1u);
-    if (TypeParam::kReplaces) {
-        EXPECT_EQ(TakeLog(), (Lines{this->known() + ", delete...", this->linked(70, 1)}));
-        EXPECT_EQ(TypeParam::table().keyAt(0), b);
+    this->enter(70, this->a);
+    EXPECT_EQ(TakeLog(), Lines{this->known});
+    this->enter(70, this->b);
+    ASSERT_EQ(this->table().size(), 1u);
+    if (this->kReplaces) {
+        EXPECT_EQ(TakeLog(), (Lines{this->known + ", delete...", this->linked(70, 1)}));
+        EXPECT_EQ(this->table().keyAt(0), this->b);
         ASSERT_EQ(Act::recipients(*this->act).size(), 1u);
-        EXPECT_EQ(b->recipients[0], Act::recipients(*this->act).keyAt(0));
-        EXPECT_TRUE(a->unlinked.empty());
+        EXPECT_EQ(this->b->recipients[0], Act::recipients(*this->act).keyAt(0));
+        EXPECT_TRUE(this->a->unlinked.empty());
     } else {
-        EXPECT_EQ(TakeLog(), Lines{this->known()});
-        EXPECT_EQ(TypeParam::table().keyAt(0), a);
-        EXPECT_TRUE(b->cookies.empty());
+        EXPECT_EQ(TakeLog(), Lines{this->known});
+        EXPECT_EQ(this->table().keyAt(0), this->a);
+        EXPECT_TRUE(this->b->cookies.empty());
     }
     // The same object from another process is known, too.
-    this->enter(71, TypeParam::table().keyAt(0) == a ? a : b);
-    EXPECT_EQ(TypeParam::table().size(), 1u);
+    this->enter(71, this->table().keyAt(0) == this->a ? this->a : this->b);
+    EXPECT_EQ(this->table().size(), 1u);
 }
 
 TYPED_TEST(RegistryTest, RefusesWhatCannotBeLinked) {
-    const sp<typename TypeParam::C> a = new typename TypeParam::C("a");
-    Register(*this->act, *this->env, sp<typename TypeParam::C>());
+    EXPECT_TRUE(this->enter(sp<TypeParam>()).isOk());
     EXPECT_EQ(TakeLog(), Lines{this->say('E', "invalid Callback")});
     {
         WithoutMemory none;
-        this->enter(70, a);
+        this->enter(70, this->a);
     }
-    EXPECT_EQ(TakeLog(), Lines{TypeParam::kNoMemory});
-    EXPECT_TRUE(a->cookies.empty());
+    EXPECT_EQ(TakeLog(), Lines{this->noMemory});
+    EXPECT_TRUE(this->a->cookies.empty());
 
-    a->link = Status::fromStatusT(::android::FAILED_TRANSACTION);
-    this->enter(70, a);
-    EXPECT_EQ(TakeLog(), Lines{this->say('E', "Transaction error in linking to " + this->name() +
-                                                      " death: " + a->link.description())});
-    a->link = Status::ok();
-    a->linkAnswer = false;
-    this->enter(70, a);
+    this->a->link = Status::fromStatusT(::android::FAILED_TRANSACTION);
+    this->enter(70, this->a);
+    EXPECT_EQ(TakeLog(), Lines{this->say('E', "Transaction error in linking to " + this->subject +
+                                                      " death: " + this->a->link.description())});
+    this->a->link = Status::ok();
+    this->a->linkAnswer = false;
+    this->enter(70, this->a);
     EXPECT_EQ(TakeLog(),
-              Lines{this->say('W', "Unable to link to " + this->name() + " death notifications")});
-    EXPECT_EQ(TypeParam::table().size(), 0u);
+              Lines{this->say('W', "Unable to link to " + this->subject + " death notifications")});
+    EXPECT_EQ(this->table().size(), 0u);
     // A version 1.1 recipient stays though its link failed: one for each attempt.
-    EXPECT_EQ(Act::recipients(*this->act).size(), TypeParam::kReplaces ? 2u : 0u);
+    EXPECT_EQ(Act::recipients(*this->act).size(), this->kReplaces ? 2u : 0u);
 
-    a->linkAnswer = true;
-    this->enter(70, a);
+    this->a->linkAnswer = true;
+    this->enter(70, this->a);
     EXPECT_EQ(TakeLog(), Lines{this->linked(70, 1)});
 }
 
 TYPED_TEST(RegistryTest, WithoutThreadStateAllCountAsOneProcess) {
-    const sp<typename TypeParam::C> a = new typename TypeParam::C("a");
-    const sp<typename TypeParam::C> b = new typename TypeParam::C("b");
     {
         WithoutThreadState none;
-        Register(*this->act, *this->env, a);
-        Register(*this->act, *this->env, b);
+        EXPECT_TRUE(this->enter(this->a).isOk());
+        EXPECT_TRUE(this->enter(this->b).isOk());
     }
     const Lines log = TakeLog();
-    EXPECT_EQ(log[0], this->say('E', std::string("IPCThreadState::self() ") + TypeParam::kVersion +
-                                             " returns nullptr"));
-    EXPECT_EQ(log[1], this->linked(TypeParam::kNobody, 1));
-    ASSERT_EQ(TypeParam::table().size(), 1u);
-    EXPECT_EQ(TypeParam::table().keyAt(0), TypeParam::kReplaces ? b : a);
-    EXPECT_EQ(TypeParam::table().valueAt(0), unsigned(TypeParam::kNobody));
+    EXPECT_EQ(log[0],
+              this->say('E', "IPCThreadState::self() " + this->version + " returns nullptr"));
+    EXPECT_EQ(log[1], this->linked(this->kNobody, 1));
+    ASSERT_EQ(this->table().size(), 1u);
+    EXPECT_EQ(this->table().keyAt(0), this->kReplaces ? this->b : this->a);
+    EXPECT_EQ(this->table().valueAt(0), this->kNobody);
 }
 
 TYPED_TEST(RegistryTest, DeathRemovesTheVeryObject) {
-    const sp<typename TypeParam::C> a = new typename TypeParam::C("a");
-    const sp<typename TypeParam::C> b = new typename TypeParam::C("b");
-    this->enter(70, a);
-    this->enter(71, b);
+    this->enter(70, this->a);
+    this->enter(71, this->b);
     TakeLog();
     // Through the recipient, as the runtime does it. Failing unlinks are nobody's concern.
-    a->link = Status::fromStatusT(::android::DEAD_OBJECT);
-    const sp<hidl_death_recipient> recipient = a->recipients[0].promote();
-    recipient->serviceDied(70, wp<IBase>(sp<IBase>(a)));
-    Lines expected{TypeParam::died()};
-    if (TypeParam::kIsAct && !TypeParam::kReplaces)
-        expected.push_back("E AR_impl: DeathRecipient is nullptr");
-    expected.push_back(this->match());
-    const std::string finish = this->say('I', "finish");
-    if (std::string(TypeParam::kVersion) == "V1_1") expected.push_back(finish);
+    this->a->link = Status::fromStatusT(::android::DEAD_OBJECT);
+    const sp<hidl_death_recipient> recipient = this->a->recipients[0].promote();
+    recipient->serviceDied(70, wp<IBase>(sp<IBase>(this->a)));
+    Lines expected{this->died};
+    if (this->kAct && !this->kReplaces) expected.push_back("E AR_impl: DeathRecipient is nullptr");
+    expected.push_back(this->match);
+    if (this->kV1_1) expected.push_back(this->finish);
     EXPECT_EQ(TakeLog(), expected);
-    EXPECT_EQ(a->unlinked, std::vector<sp<hidl_death_recipient>>{recipient});
-    ASSERT_EQ(TypeParam::table().size(), 1u);
-    EXPECT_EQ(TypeParam::table().keyAt(0), b);
+    EXPECT_EQ(this->a->unlinked, std::vector<sp<hidl_death_recipient>>{recipient});
+    ASSERT_EQ(this->table().size(), 1u);
+    EXPECT_EQ(this->table().keyAt(0), this->b);
     // Again: nobody is left to match, nor is a NULL entry the object. The version 1.1 recipient
     // still stands for the process id.
-    TypeParam::table().add(nullptr, 72);
-    this->die(70, wp<IBase>(sp<IBase>(a)));
-    EXPECT_EQ(TakeLog().back(), finish);
-    EXPECT_EQ(Act::recipients(*this->act).size(), TypeParam::kReplaces ? 2u : 0u);
+    this->table().add(nullptr, 72);
+    this->die(wp<IBase>(sp<IBase>(this->a)));
+    EXPECT_EQ(TakeLog().back(), this->finish);
+    EXPECT_EQ(Act::recipients(*this->act).size(), this->kReplaces ? 2u : 0u);
 }
 
 TYPED_TEST(RegistryTest, ANoticeThatCannotBePromoted) {
-    this->enter(71, new typename TypeParam::C("b"));
+    this->enter(71, this->b);
     TakeLog();
-    wp<IBase> gone;
-    {
-        const sp<IBase> dead = new typename TypeParam::C("a");
-        gone = dead;
-    }
-    const std::string finish = this->say('I', "finish");
-    this->die(70, gone);
-    EXPECT_EQ(TakeLog(), (Lines{TypeParam::died(), TypeParam::gone(), finish}));
+    const wp<IBase> dead = sp<IBase>(new TypeParam("dead"));
+    this->die(dead);
+    EXPECT_EQ(TakeLog(), (Lines{this->died, this->gone, this->finish}));
     // An empty one matches a NULL entry alone.
-    TypeParam::table().add(nullptr, 72);
-    this->die(70, wp<IBase>());
-    const Lines log = TakeLog();
-    EXPECT_EQ(log[1], TypeParam::gone());
-    EXPECT_EQ(log[2], this->match());
-    ASSERT_EQ(TypeParam::table().size(), 1u);
-    EXPECT_EQ(TypeParam::table().valueAt(0), 71u);
+    this->table().add(nullptr, 72);
+    this->die(wp<IBase>());
+    EXPECT_EQ(TakeLog()[2], this->match);
+    ASSERT_EQ(this->table().size(), 1u);
+    EXPECT_EQ(this->table().valueAt(0), 71u);
 }
 
 using DeathTest = ObjectTest;
@@ -240,28 +180,45 @@ TEST_F(DeathTest, TakesTheRequestsOfAVersion1_1ClientOnly) {
     enable(70, 1, 1, 0);
     enable(71, 1, 1, 0);
     enable(70, 2, 1, 0);
+    plain({{1, 1, 10, 0, {}}});
+    Act::barriers().push_back({70, 1, 1, 5});
     module.take();
+    // The client table is free meanwhile: whoever registers now does not wait for the unlinking.
+    zero->insideUnlink = [this] { add<ActClient1>(72, "third"); };
     act->HandleHidlDeath(70, wp<IBase>(sp<IBase>(zero)));
     EXPECT_EQ(Act::requests().size(), 3u);
-    // Both recipients are tried, whichever version died.
-    EXPECT_EQ(zero->unlinked.size(), 2u);
+    // Both recipients are tried, whichever version died: the process's own, then the shared one.
+    EXPECT_EQ(zero->unlinked,
+              (std::vector<sp<hidl_death_recipient>>{one->recipients[0].promote(),
+                                                     zero->recipients[0].promote()}));
     act->HandleHidlDeath(70, wp<IBase>(sp<IBase>(one)));
-    ASSERT_EQ(Act::requests().size(), 1u);
-    EXPECT_EQ(Act::requests()[0].pid, 71u);
+    EXPECT_EQ(Texts(Act::requests()), Lines{"71 1 1 1000000000"});
     EXPECT_EQ(Act::natives(*act).size(), 2u);
     EXPECT_EQ(module.take(), Lines{});
-    ASSERT_EQ(Act::clientsV1_1().size(), 1u);
-    EXPECT_EQ(Act::clientsV1_1().keyAt(0), other);
+    ASSERT_EQ(Act::clientsV1_1().size(), 2u);
+    EXPECT_GE(Act::clientsV1_1().indexOfKey(other), 0);
+    // What a death leaves behind.
+    EXPECT_EQ(Texts(Act::barriers()), Lines{"70 1 1 5"});
+    EXPECT_EQ(Texts(Act::lastEvents()), (Lines{"70 1 1 10", "71 1 1 10"}));
+    EXPECT_EQ(Act::reported().size(), 2u);
+}
+
+TEST_F(DeathTest, AReplacedCallbackDiesForItselfAlone) {
+    const auto before = add<ActClient1>(70, "before");
+    enable(70, 1, 1, 0);
+    add<ActClient1>(70, "now");
+    TakeLog();
+    act->HandleHidlDeath(70, wp<IBase>(sp<IBase>(before)));
+    EXPECT_EQ(TakeLog(), (Lines{"I AR_impl: serviceDied, cookie is 70", "I AR_impl: finish"}));
+    plain({{1, 1, 10, 0, {}}});
+    EXPECT_EQ(TakeJournal(), Lines{"now plain (1,1,10,0)"});
 }
 
 TEST_F(DeathTest, OneObjectInBothTablesLeavesBoth) {
     const auto client = add<ActClient1>(70, "both");
     const auto environment = add<EnvClient1>(70, "both");
-    {
-        As caller(70);
-        ASSERT_TRUE(act->registerActivityCallback(client).isOk());
-        ASSERT_TRUE(env->registerEnvironmentCallback(environment).isOk());
-    }
+    EXPECT_TRUE(act->registerActivityCallback(client).isOk());
+    EXPECT_TRUE(env->registerEnvironmentCallback(environment).isOk());
     TakeLog();
     act->HandleHidlDeath(70, wp<IBase>(sp<IBase>(client)));
     env->HandleHidlDeath(70, wp<IBase>(sp<IBase>(environment)));
@@ -279,29 +236,26 @@ TEST_F(LifeTest, AClientsRecipientKeepsTheObjectAlive) {
     const auto client = add<ActClient1>(70, "1");
     const auto environment = add<EnvClient0>(70, "0");
     TakeLog();
-    ActivityInterface* activityObject = act.get();
-    EnvironmentInterface* environmentObject = env.get();
-    act = nullptr;
-    env = nullptr;
+    const wp<ActivityInterface> weakAct = std::exchange(act, nullptr);
+    const wp<EnvironmentInterface> weakEnv = std::exchange(env, nullptr);
     EXPECT_EQ(TakeLog(), Lines{});
     client->recipients[0].promote()->serviceDied(70, wp<IBase>(sp<IBase>(client)));
     environment->recipients[0].promote()->serviceDied(70, wp<IBase>(sp<IBase>(environment)));
     EXPECT_EQ(Act::clientsV1_1().size() + Env::clientsV1_0().size(), 0u);
-    act = activityObject;
-    env = environmentObject;
+    act = weakAct.promote();
+    env = weakEnv.promote();
 }
 
 TEST_F(LifeTest, DestructionDropsClientsAndKeepsRequests) {
     add<ActClient1>(1, "1");
     enable(1, 1, 1, 0);
-    Make(nullptr, nullptr);
+    drop();
     EXPECT_EQ(Act::clientsV1_1().size(), 0u);
     EXPECT_EQ(Act::requests().size(), 1u);
 }
 
-TEST_F(LifeTest, WithoutTablesEverythingFailsOnItsOwn) {
-    act = nullptr;
-    env = nullptr;
+TEST_F(LifeTest, WithoutTablesTheObjectsLiveAndSaySo) {
+    drop();
     EXPECT_EQ(TakeLog(), (Lines{"I AR_impl: Deconstruct ActivityInterface",
                                 "I AR_impl_Env: Deconstruct EnvironmentInterface"}));
     module = {};
@@ -315,18 +269,14 @@ TEST_F(LifeTest, WithoutTablesEverythingFailsOnItsOwn) {
 }
 
 TEST_F(LifeTest, ASecondObjectEndsTheProcess) {
-    EXPECT_DEATH(
-            {
-                __android_log_set_logger(__android_log_stderr_logger);
-                new ActivityInterface(&kActivityTable);
-            },
-            "AR_impl.*Assertion failed: sInterfaceExists");
-    EXPECT_DEATH(
-            {
-                __android_log_set_logger(__android_log_stderr_logger);
-                new EnvironmentInterface(&kEnvironmentTable);
-            },
-            "AR_impl_Env.*Assertion failed: sInterfaceExists");
+    const auto dies = [](auto make) {
+        __android_log_set_logger(__android_log_stderr_logger);
+        make();
+    };
+    EXPECT_DEATH(dies([] { new ActivityInterface(&kActivityTable); }),
+                 "AR_impl.*Assertion failed: sInterfaceExists");
+    EXPECT_DEATH(dies([] { new EnvironmentInterface(&kEnvironmentTable); }),
+                 "AR_impl_Env.*Assertion failed: sInterfaceExists");
 }
 
 }  // namespace

@@ -8,10 +8,8 @@ const std::string kOpened =
         "I AR_impl_Act: activity_recognition_impl V1.1 open activity_recognition_hidl result: ";
 
 struct RootTest : ObjectTest {
-    void SetUp() override {
-        ObjectTest::SetUp();
-        act = nullptr;  // the root makes its own
-        env = nullptr;
+    RootTest() {
+        drop();  // the root makes its own
         module = {};
         TakeLog();
     }
@@ -37,45 +35,43 @@ TEST_F(RootTest, HandsOutOneObjectOfEachSide) {
     EXPECT_EQ(TakeLog(), Lines{});
 }
 
-TEST_F(RootTest, ClosesTheDeviceOnce) {
+TEST_F(RootTest, ClosesTheDeviceOnceAndDropsBothSides) {
     auto root = fetch();
-    ASSERT_NE(root, nullptr);
-    TakeLog();
-    root = nullptr;
-    EXPECT_EQ(device.closed, 1);
-    EXPECT_EQ(TakeLog(), Lines{"I AR_impl_Act: Deconstruct ActivityRecognition"});
-    root = fetch();
     ASSERT_TRUE(root->getActivityInterface().isOk());
     ASSERT_TRUE(root->getEnvironmentInterface().isOk());
     TakeLog();
+    module.take();
+    module.inside = [] { EXPECT_EQ(TakeLog(), Lines{}) << "closed before anything goes"; };
     root = nullptr;
+    EXPECT_EQ(module.take(), Lines{"close"});
     EXPECT_EQ(TakeLog(), (Lines{"I AR_impl_Act: Deconstruct ActivityRecognition",
                                 "I AR_impl_Env: Deconstruct EnvironmentInterface",
                                 "I AR_impl: Deconstruct ActivityInterface"}));
 }
 
 TEST_F(RootTest, FailsWithoutModuleDeviceOrMemory) {
-    device.getModule = -2;
+    module.results = {{"find", -2}};
     EXPECT_EQ(fetch(), nullptr);
     EXPECT_EQ(TakeLog(), Lines{"E AR_impl_Act: hw_get_module activity_recognition failed: -2"});
-    device.getModule = 0;
-    device.open = -19;
+    module.results = {{"open", -19}};
     EXPECT_EQ(fetch(), nullptr);
     EXPECT_EQ(TakeLog(), Lines{kOpened + "-19"});
-    device.open = 0;
+    module.results = {};
+    module.take();
     {
         WithoutMemory none;
         EXPECT_EQ(fetch(), nullptr);
     }
     EXPECT_EQ(TakeLog(), Lines{"E AR_impl_Act: iface new failed"});
-    EXPECT_EQ(device.opened, 1);
-    EXPECT_EQ(device.closed, 0);  // left open
+    // The device is left open.
+    EXPECT_EQ(module.take(),
+              (Lines{"find activity_recognition", "open activity_recognition_hidl"}));
 }
 
 TEST_F(RootTest, AMissingSideIsAskedForAgain) {
     const auto root = fetch();
-    device.activity = nullptr;
-    device.environment = nullptr;
+    module.activityTable = nullptr;
+    module.environmentTable = nullptr;
     TakeLog();
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(sp<V1_1::IActivityInterface>(root->getActivityInterfaceV1_1()), nullptr);
@@ -88,8 +84,8 @@ TEST_F(RootTest, AMissingSideIsAskedForAgain) {
                        "E AR_impl_Act: getEnvironmentInterfaceV1_1 EnvironmentInterface interface "
                        "not implemented by ar HAL"}));
     }
-    device.activity = &kActivityTable;
-    device.environment = &kEnvironmentTable;
+    module.activityTable = &kActivityTable;
+    module.environmentTable = &kEnvironmentTable;
     {
         WithoutMemory none;
         EXPECT_EQ(sp<V1_0::IActivityInterface>(root->getActivityInterface()), nullptr);

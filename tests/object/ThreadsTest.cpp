@@ -14,12 +14,23 @@ TEST_F(ThreadsTest, ClientsDeathsAndTheModuleAtOnce) {
     module.current = {Context(1, 1, 0)};
     module.names = {"a"};
     std::vector<std::thread> threads;
+    // Batches of a side are delivered one after the other, each whole.
+    std::atomic<int> delivering[2] = {};
+    const auto alone = [&delivering](int side) {
+        return [&delivering, side] {
+            EXPECT_EQ(++delivering[side], 1);
+            std::this_thread::yield();
+            --delivering[side];
+        };
+    };
     for (int pid = 70; pid < 74; ++pid) {
-        threads.emplace_back([this, pid] {
+        threads.emplace_back([this, pid, alone] {
             As caller(pid);
             for (int i = 0; i < kRounds; ++i) {
                 const sp<ActClient1> one = new ActClient1("one");
                 const sp<EnvClient1> environment = new EnvClient1("environment");
+                one->inside = alone(0);
+                environment->inside = alone(1);
                 ASSERT_TRUE(act->registerActivityCallbackV1_1(one).isOk());
                 ASSERT_TRUE(act->registerActivityCallback(new ActClient0("zero")).isOk());
                 ASSERT_TRUE(env->registerEnvironmentCallbackV1_1(environment).isOk());
@@ -53,12 +64,11 @@ TEST_F(ThreadsTest, RacingFirstRegistrationsShareOneRecipient) {
     std::vector<sp<ActClient0>> clients;
     std::vector<std::thread> threads;
     std::atomic<bool> go{false};
-    for (int i = 0; i < 4; ++i) clients.push_back(new ActClient0("c"));
     for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&, i] {
-            As caller(70 + i);
+        clients.push_back(new ActClient0("c"));
+        threads.emplace_back([this, &go, i, client = clients.back()] {
             while (!go) std::this_thread::yield();
-            ASSERT_TRUE(act->registerActivityCallback(clients[i]).isOk());
+            enter(70 + i, client);
         });
     }
     go = true;
