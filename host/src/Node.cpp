@@ -79,11 +79,12 @@ std::string Node::listen() {
 
 SessionPtr Node::dial(const std::string& socketName) {
     Mutex::Autolock dialLock(mDialMutex);
-    auto it = mDialled.find(socketName);
-    if (it != mDialled.end()) {
-        if (!it->second->ended()) return it->second;
-        mDialled.erase(it);
+    // Those that have ended go, with their descriptors: a client outlives many services.
+    for (auto it = mDialled.begin(); it != mDialled.end();) {
+        it = it->second->ended() ? mDialled.erase(it) : std::next(it);
     }
+    auto it = mDialled.find(socketName);
+    if (it != mDialled.end()) return it->second;
 
     Token token;
     if (getrandom(token.data(), sizeof(token), 0) != sizeof(token)) return nullptr;

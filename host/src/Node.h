@@ -2,7 +2,6 @@
 // accepts connections and sees other processes die.
 #pragma once
 
-#include <deque>
 #include <map>
 #include <string>
 

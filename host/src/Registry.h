@@ -42,8 +42,6 @@ class Registry {
     // Waits until something is added, or for a second.
     void waitForChange();
 
-    const std::string& path() const { return mPath; }
-
   private:
     explicit Registry(std::string path);
 

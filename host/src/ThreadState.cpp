@@ -82,7 +82,6 @@ ScopedCaller::ScopedCaller(pid_t pid) : mState(IPCThreadState::state()), mBefore
     // Only processes of one user ever talk to each other here. Asked once: it is a system call.
     static const uid_t uid = getuid();
     mState.mCallingUid = uid;
-    mState.mServing = true;
 }
 
 ScopedCaller::~ScopedCaller() {

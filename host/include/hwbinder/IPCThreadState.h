@@ -33,8 +33,6 @@ class IPCThreadState {
     // Serves incoming calls for as long as the process lives.
     void joinThreadPool();
 
-    bool isServingCall() const { return mServing; }
-
   private:
     friend class ScopedCaller;
 
@@ -43,7 +41,6 @@ class IPCThreadState {
 
     pid_t mCallingPid;
     uid_t mCallingUid;
-    bool mServing = false;
 };
 
 }  // namespace hardware
