@@ -2,8 +2,7 @@
 
 #include <hwbinder/Parcel.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 status_t BHwBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags,
                              TransactCallback callback) {
@@ -18,5 +17,4 @@ status_t BHwBinder::unlinkToDeath(const wp<DeathRecipient>&) {
     return INVALID_OPERATION;
 }
 
-}  // namespace hardware
-}  // namespace android
+}}  // namespace android::hardware

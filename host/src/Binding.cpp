@@ -7,8 +7,7 @@
 #include <hidl/Static.h>
 #include <log/log.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 using ::android::hidl::base::V1_0::IBase;
 
@@ -145,5 +144,4 @@ bool interfacesEqual(const sp<IBase>& a, const sp<IBase>& b) {
     return getOrCreateCachedBinder(a.get()) == getOrCreateCachedBinder(b.get());
 }
 
-}  // namespace hardware
-}  // namespace android
+}}  // namespace android::hardware

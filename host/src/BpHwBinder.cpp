@@ -4,8 +4,7 @@
 
 #include "Session.h"
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 BpHwBinder::BpHwBinder(std::shared_ptr<host::Session> session, uint64_t id, bool dead)
     : mSession(std::move(session)), mId(id), mDead(dead) {}
@@ -49,5 +48,4 @@ void BpHwBinder::sendObituary() {
     }
 }
 
-}  // namespace hardware
-}  // namespace android
+}}  // namespace android::hardware

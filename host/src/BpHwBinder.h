@@ -9,8 +9,7 @@
 
 #include <hwbinder/IBinder.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 namespace host {
 class Session;
@@ -46,5 +45,4 @@ class BpHwBinder : public IBinder {
     std::vector<wp<DeathRecipient>> mRecipients;
 };
 
-}  // namespace hardware
-}  // namespace android
+}}  // namespace android::hardware

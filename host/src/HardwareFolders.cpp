@@ -6,9 +6,7 @@
 
 #include <sstream>
 
-namespace android {
-namespace hardware {
-namespace host {
+namespace android { namespace hardware { namespace host {
 
 std::vector<std::string> hardwareFolders() {
     std::vector<std::string> folders;
@@ -34,6 +32,4 @@ std::string describeHardwareFolders() {
     return text.empty() ? "no folder" : text;
 }
 
-}  // namespace host
-}  // namespace hardware
-}  // namespace android
+}}}  // namespace android::hardware::host

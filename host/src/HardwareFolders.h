@@ -4,9 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace android {
-namespace hardware {
-namespace host {
+namespace android { namespace hardware { namespace host {
 
 // $HIDL_HOST_HW_DIRS, separated by colons; else hw/ in the executable's folder and beside it.
 std::vector<std::string> hardwareFolders();
@@ -14,6 +12,4 @@ std::vector<std::string> hardwareFolders();
 // The same for a log line.
 std::string describeHardwareFolders();
 
-}  // namespace host
-}  // namespace hardware
-}  // namespace android
+}}}  // namespace android::hardware::host

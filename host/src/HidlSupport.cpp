@@ -8,8 +8,7 @@
 
 #include <log/log.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 namespace details {
 
@@ -179,5 +178,4 @@ std::ostream& operator<<(std::ostream& os, const hidl_string& text) {
     return os.write(text.c_str(), static_cast<std::streamsize>(text.size()));
 }
 
-}  // namespace hardware
-}  // namespace android
+}}  // namespace android::hardware

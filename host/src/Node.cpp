@@ -19,9 +19,7 @@
 #include "Registry.h"
 #include "ThreadState.h"
 
-namespace android {
-namespace hardware {
-namespace host {
+namespace android { namespace hardware { namespace host {
 
 namespace {
 
@@ -239,6 +237,4 @@ bool Node::greet(const ConnectionPtr& connection) {
     return true;
 }
 
-}  // namespace host
-}  // namespace hardware
-}  // namespace android
+}}}  // namespace android::hardware::host

@@ -13,9 +13,7 @@
 #include "Wire.h"
 #include "Worker.h"
 
-namespace android {
-namespace hardware {
-namespace host {
+namespace android { namespace hardware { namespace host {
 
 class Node {
   public:
@@ -72,6 +70,4 @@ class Node {
     std::map<int, ConnectionPtr> mStrangers;
 };
 
-}  // namespace host
-}  // namespace hardware
-}  // namespace android
+}}}  // namespace android::hardware::host

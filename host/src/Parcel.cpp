@@ -6,8 +6,7 @@
 
 #include <log/log.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 namespace {
 
@@ -178,5 +177,4 @@ void Parcel::setReceived(std::vector<uint8_t> bytes, std::vector<sp<IBinder>> ob
     mPosition = 0;
 }
 
-}  // namespace hardware
-}  // namespace android
+}}  // namespace android::hardware

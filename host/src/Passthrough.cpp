@@ -14,8 +14,7 @@
 
 #include "HardwareFolders.h"
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 using ::android::hidl::base::V1_0::IBase;
 using ::android::hidl::manager::V1_0::IServiceManager;
@@ -117,5 +116,4 @@ sp<IBase> wrapPassthroughInternal(const sp<IBase>& interface) {
 }
 
 }  // namespace details
-}  // namespace hardware
-}  // namespace android
+}}  // namespace android::hardware

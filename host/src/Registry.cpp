@@ -20,9 +20,7 @@
 
 #include <log/log.h>
 
-namespace android {
-namespace hardware {
-namespace host {
+namespace android { namespace hardware { namespace host {
 
 namespace {
 
@@ -241,6 +239,4 @@ void Registry::waitForChange() {
     poll(&event, 1, 1000 /* ms */);
 }
 
-}  // namespace host
-}  // namespace hardware
-}  // namespace android
+}}}  // namespace android::hardware::host

@@ -11,9 +11,7 @@
 
 #include "Wire.h"
 
-namespace android {
-namespace hardware {
-namespace host {
+namespace android { namespace hardware { namespace host {
 
 class Registry {
   public:
@@ -55,6 +53,4 @@ class Registry {
     base::unique_fd mDir;
 };
 
-}  // namespace host
-}  // namespace hardware
-}  // namespace android
+}}}  // namespace android::hardware::host

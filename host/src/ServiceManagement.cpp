@@ -12,8 +12,7 @@
 #include "Node.h"
 #include "Registry.h"
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 using ::android::hidl::base::V1_0::BnHwBase;
 using ::android::hidl::base::V1_0::BpHwBase;
@@ -171,5 +170,4 @@ status_t registerAsServiceInternal(const sp<IBase>& service, const std::string& 
 }
 
 }  // namespace details
-}  // namespace hardware
-}  // namespace android
+}}  // namespace android::hardware

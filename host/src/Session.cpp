@@ -15,9 +15,7 @@
 #include "Node.h"
 #include "ThreadState.h"
 
-namespace android {
-namespace hardware {
-namespace host {
+namespace android { namespace hardware { namespace host {
 
 namespace {
 
@@ -534,6 +532,4 @@ status_t Session::goneStatus() {
     return mEnded || hungUp ? DEAD_OBJECT : FAILED_TRANSACTION;
 }
 
-}  // namespace host
-}  // namespace hardware
-}  // namespace android
+}}}  // namespace android::hardware::host

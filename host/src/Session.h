@@ -28,9 +28,7 @@
 #include "Wire.h"
 #include "Worker.h"
 
-namespace android {
-namespace hardware {
-namespace host {
+namespace android { namespace hardware { namespace host {
 
 using Token = std::array<uint64_t, 2>;
 
@@ -150,6 +148,4 @@ class Session : public std::enable_shared_from_this<Session> {
 
 using SessionPtr = std::shared_ptr<Session>;
 
-}  // namespace host
-}  // namespace hardware
-}  // namespace android
+}}}  // namespace android::hardware::host

@@ -8,8 +8,7 @@
 
 #include <log/log.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 namespace {
 
@@ -130,5 +129,4 @@ void return_status::onIgnored() const {
 }
 
 }  // namespace details
-}  // namespace hardware
-}  // namespace android
+}}  // namespace android::hardware

@@ -2,9 +2,7 @@
 
 #include "Worker.h"
 
-namespace android {
-namespace hardware {
-namespace details {
+namespace android { namespace hardware { namespace details {
 
 TaskRunner::TaskRunner() = default;
 TaskRunner::~TaskRunner() = default;
@@ -19,6 +17,4 @@ bool TaskRunner::push(const Task& task) {
     return mWorker != nullptr && mWorker->post(task, mLimit);
 }
 
-}  // namespace details
-}  // namespace hardware
-}  // namespace android
+}}}  // namespace android::hardware::details

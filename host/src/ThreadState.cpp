@@ -14,8 +14,7 @@
 
 #include "Node.h"
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 namespace {
 
@@ -147,5 +146,4 @@ void joinRpcThreadpool() {
     IPCThreadState::self()->joinThreadPool();
 }
 
-}  // namespace hardware
-}  // namespace android
+}}  // namespace android::hardware

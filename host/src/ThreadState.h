@@ -5,8 +5,7 @@
 
 #include <hwbinder/IPCThreadState.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 // The thread is serving this caller for as long as the object lives.
 class ScopedCaller {
@@ -39,5 +38,4 @@ class PoolSlot {
 size_t startedPoolSize();
 
 }  // namespace host
-}  // namespace hardware
-}  // namespace android
+}}  // namespace android::hardware

@@ -11,9 +11,7 @@
 
 #include <log/log.h>
 
-namespace android {
-namespace hardware {
-namespace host {
+namespace android { namespace hardware { namespace host {
 
 namespace {
 
@@ -176,6 +174,4 @@ void Connection::shutdown() {
     ::shutdown(mFd.get(), SHUT_RDWR);
 }
 
-}  // namespace host
-}  // namespace hardware
-}  // namespace android
+}}}  // namespace android::hardware::host

@@ -14,9 +14,7 @@
 
 #include <android-base/unique_fd.h>
 
-namespace android {
-namespace hardware {
-namespace host {
+namespace android { namespace hardware { namespace host {
 
 // As the platform's binder buffer: a transaction's references and bytes together.
 constexpr size_t kMaxTransactionSize = 1024 * 1024;
@@ -108,6 +106,4 @@ using ConnectionPtr = std::shared_ptr<Connection>;
 // A oneway call must fit one packet, since neither its sender nor its receiver ever waits.
 constexpr size_t kMaxOnewaySize = kPacketSize - sizeof(MessageHeader);
 
-}  // namespace host
-}  // namespace hardware
-}  // namespace android
+}}}  // namespace android::hardware::host

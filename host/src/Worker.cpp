@@ -4,9 +4,7 @@
 
 #include <thread>
 
-namespace android {
-namespace hardware {
-namespace host {
+namespace android { namespace hardware { namespace host {
 
 Worker::~Worker() {
     std::unique_lock<std::mutex> lock(mState->mutex);
@@ -41,6 +39,4 @@ void Worker::run(const std::shared_ptr<State>& state) {
     }
 }
 
-}  // namespace host
-}  // namespace hardware
-}  // namespace android
+}}}  // namespace android::hardware::host

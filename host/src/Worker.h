@@ -10,9 +10,7 @@
 #include <memory>
 #include <mutex>
 
-namespace android {
-namespace hardware {
-namespace host {
+namespace android { namespace hardware { namespace host {
 
 class Worker {
   public:
@@ -38,6 +36,4 @@ class Worker {
     const std::shared_ptr<State> mState;
 };
 
-}  // namespace host
-}  // namespace hardware
-}  // namespace android
+}}}  // namespace android::hardware::host

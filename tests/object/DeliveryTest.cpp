@@ -4,8 +4,7 @@
 
 #include "Harness.h"
 
-namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation {
-namespace {
+namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation { namespace {
 
 activity_event Plain(uint32_t type, uint32_t activity, int64_t timestamp, uint32_t extra = 0) {
     return {type, activity, timestamp, extra, {0xee, 0xee, 0xee, 0xee}};
@@ -272,5 +271,4 @@ TEST_F(DeliveryTest, RoutesAsThePlainWalkDoes) {
     }
 }
 
-}  // namespace
-}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
+}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

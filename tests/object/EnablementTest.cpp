@@ -1,8 +1,7 @@
 // Enable, disable, flush and barriers: what the module is told, and what stands in the tables.
 #include "Harness.h"
 
-namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation {
-namespace {
+namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation { namespace {
 
 constexpr int64_t kSecond = 1000000000;
 const std::string kSevenDays = "604800000000000";
@@ -254,5 +253,4 @@ TEST_F(EnablementTest, TheModuleCallsBackFromInsideItsSlots) {
                                     both[1], both[1]}));
 }
 
-}  // namespace
-}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
+}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

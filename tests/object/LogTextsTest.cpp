@@ -9,8 +9,7 @@
 
 #include "Harness.h"
 
-namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation {
-namespace {
+namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation { namespace {
 
 // What the lines of a log call look like, from the literals that make up its format.
 std::string Pattern(const std::string& literals) {
@@ -51,5 +50,4 @@ struct LogTexts : ::testing::Environment {
 
 [[maybe_unused]] auto* const kLogTexts = ::testing::AddGlobalTestEnvironment(new LogTexts);
 
-}  // namespace
-}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
+}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

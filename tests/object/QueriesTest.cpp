@@ -3,8 +3,7 @@
 
 #include "Harness.h"
 
-namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation {
-namespace {
+namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation { namespace {
 
 using Objects = std::tuple<sp<ActivityInterface>, sp<EnvironmentInterface>>;
 
@@ -152,5 +151,4 @@ TEST_F(ControlTest, PassesEverythingOnAndFoldsTheResult) {
     }
 }
 
-}  // namespace
-}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
+}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -3,8 +3,7 @@
 
 #include "Harness.h"
 
-namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation {
-namespace {
+namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation { namespace {
 
 // By client: one for each version of each side.
 template <typename C>
@@ -279,5 +278,4 @@ TEST_F(LifeTest, ASecondObjectEndsTheProcess) {
                  "AR_impl_Env.*Assertion failed: sInterfaceExists");
 }
 
-}  // namespace
-}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
+}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -7,8 +7,7 @@
 #include "Harness.h"
 #include "NativeParams.h"
 
-namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation {
-namespace {
+namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation { namespace {
 
 using I = ActivityInterface;
 
@@ -132,5 +131,4 @@ TEST(Conversions, ANameEndsWithItsFieldAtTheLatest) {
     EXPECT_EQ(I::convertACEToAEEV1_1(natives[0]).name, "nnnn");
 }
 
-}  // namespace
-}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
+}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

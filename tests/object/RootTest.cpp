@@ -1,8 +1,7 @@
 // The factory and the root object.
 #include "Harness.h"
 
-namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation {
-namespace {
+namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation { namespace {
 
 const std::string kOpened =
         "I AR_impl_Act: activity_recognition_impl V1.1 open activity_recognition_hidl result: ";
@@ -100,5 +99,4 @@ TEST_F(RootTest, AMissingSideIsAskedForAgain) {
     EXPECT_NE(sp<V1_1::IEnvironmentInterface>(root->getEnvironmentInterfaceV1_1()), nullptr);
 }
 
-}  // namespace
-}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
+}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

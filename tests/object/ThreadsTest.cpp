@@ -4,8 +4,7 @@
 
 #include "Harness.h"
 
-namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation {
-namespace {
+namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation { namespace {
 
 using ThreadsTest = ObjectTest;
 
@@ -80,5 +79,4 @@ TEST_F(ThreadsTest, RacingFirstRegistrationsShareOneRecipient) {
     }
 }
 
-}  // namespace
-}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
+}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -21,11 +21,11 @@ class Guide : public ProcessTest {};
 TEST(GuideText, ShowsTheMinimalClientAsItIsBuilt) {
     const std::string folder = PROJECT_FOLDER "/docs/";
     const std::string guide = contentOf(folder + "writing-a-client.md");
-    const std::string begin = "```cpp\n// minimal_client.cpp";
+    const std::string begin = "```cpp\n// MinimalClient.cpp";
     const size_t at = guide.find(begin);
     ASSERT_NE(std::string::npos, at);
     const size_t from = at + 7;
-    EXPECT_EQ(contentOf(folder + "examples/minimal_client.cpp"),
+    EXPECT_EQ(contentOf(folder + "examples/MinimalClient.cpp"),
               guide.substr(from, guide.find("```\n", from) - from));
 }
 

@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <process_support/stage.h>
+#include <process_support/Stage.h>
 
 #include <string>
 #include <vector>

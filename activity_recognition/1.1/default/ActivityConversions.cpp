@@ -2,12 +2,8 @@
 
 #include "ActivityInterface.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 namespace {
 
 // The service never reads past the field, even if the module leaves out the terminator.
@@ -57,9 +53,4 @@ ActivityEventExtendV1_1 ActivityInterface::convertACEToAEEV1_1(const ar_context_
     return record;
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

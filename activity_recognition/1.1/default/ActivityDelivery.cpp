@@ -7,12 +7,8 @@
 #include "ActivityInterface.h"
 #include "Queries.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 using ::android::Mutex;
 using ::android::hardware::hidl_vec;
 
@@ -182,9 +178,4 @@ void ActivityInterface::ReportV1_1(size_t position, const ClientPositions& clien
     }
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

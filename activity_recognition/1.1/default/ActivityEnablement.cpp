@@ -5,12 +5,8 @@
 #include "ActivityInterface.h"
 #include "NativeParams.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 using ::android::Mutex;
 
 namespace {
@@ -217,9 +213,4 @@ void ActivityInterface::HandleFirstReport(uint64_t pid, uint32_t activity, uint3
     firstReport.push_back({pid, activity, event, barrier});
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -10,8 +10,7 @@
 // mListMutex is held across calls to clients, no lock across a call into the module. So a client
 // may enable, disable, flush and query from inside a callback, but must not register there, and a
 // module may call back from inside its own slots unless a client's callback led there.
-#ifndef ZALTHO_AR_ACTIVITY_INTERFACE_H
-#define ZALTHO_AR_ACTIVITY_INTERFACE_H
+#pragma once
 
 #include <stdint.h>
 
@@ -26,12 +25,8 @@
 #include "IndexedTable.h"
 #include "Records.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 using V1_0::OtherParams;
 
 // Floor and rounding unit of requested latencies.
@@ -205,11 +200,4 @@ class ActivityInterface : public V1_1::IActivityInterface {
     static const activity_callbacks sActCb;
 };
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
-
-#endif  // ZALTHO_AR_ACTIVITY_INTERFACE_H
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -5,12 +5,8 @@
 #include "ActivityInterface.h"
 #include "Queries.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 namespace {
 
 struct SupportedActivities {
@@ -65,9 +61,4 @@ Return<void> ActivityInterface::getCurrentActivityV1_1(getCurrentActivityV1_1_cb
     return AnswerCurrent<CurrentV1_1>(mImpl, &activity_interface::get_current_activity, answer);
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

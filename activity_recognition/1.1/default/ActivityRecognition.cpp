@@ -7,12 +7,8 @@
 #include <hardware/hardware.h>
 #include <log/log.h>
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 ActivityRecognition::ActivityRecognition(activity_recognition_module* module,
                                          activity_recognition_device* device)
     : mDevice(device), mModule(module) {}
@@ -94,9 +90,4 @@ V1_1::IActivityRecognition* HIDL_FETCH_IActivityRecognition(const char* /*name*/
     return root;
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

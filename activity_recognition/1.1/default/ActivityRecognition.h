@@ -1,18 +1,13 @@
 // The root object: owns the native device and hands out the two working objects.
-#ifndef ZALTHO_AR_ACTIVITY_RECOGNITION_H
-#define ZALTHO_AR_ACTIVITY_RECOGNITION_H
+#pragma once
 
 #include <vendor/zaltho/hardware/activity_recognition/1.1/IActivityRecognition.h>
 
 #include "ActivityInterface.h"
 #include "EnvironmentInterface.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 // Without a lock: a first request for an interface must not race with another first request for
 // it, and the process uses one root object. The service sees to both.
 class ActivityRecognition : public V1_1::IActivityRecognition {
@@ -38,11 +33,4 @@ class ActivityRecognition : public V1_1::IActivityRecognition {
 extern "C" __attribute__((visibility("default"))) V1_1::IActivityRecognition*
 HIDL_FETCH_IActivityRecognition(const char* name);
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
-
-#endif  // ZALTHO_AR_ACTIVITY_RECOGNITION_H
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -1,12 +1,8 @@
 #include "ActivityInterface.h"
 #include "NativeParams.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 namespace {
 
 template <typename Record>
@@ -160,9 +156,4 @@ bool ActivityInterface::CheckRepeatedEvent(uint64_t pid, uint32_t activity, uint
     return true;
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

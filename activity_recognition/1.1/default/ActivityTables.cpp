@@ -1,11 +1,7 @@
 #include "ActivityInterface.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 // The order is that of construction at load, and in reverse of destruction at unload.
 ::android::Mutex ActivityInterface::mListMutex;
 ::android::Mutex ActivityInterface::eventMutex;
@@ -19,9 +15,4 @@ ClientList ActivityInterface::packageNames;
 bool ActivityInterface::sInterfaceExists = false;
 const activity_callbacks ActivityInterface::sActCb = {ActChangedCb, ActExtendChangedCb};
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -1,17 +1,12 @@
 // Who is calling.
-#ifndef ZALTHO_AR_CALLER_H
-#define ZALTHO_AR_CALLER_H
+#pragma once
 
 #include <stdint.h>
 
 #include <hwbinder/IPCThreadState.h>
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 // Reads the process id of the caller that this thread is serving; outside any call that is this
 // process itself. False when the thread has no binder state.
 inline bool ReadCallingPid(int32_t* pid) {
@@ -32,11 +27,4 @@ inline uint64_t ClientKey(int32_t pid) {
     return static_cast<uint64_t>(static_cast<int64_t>(pid));
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
-
-#endif  // ZALTHO_AR_CALLER_H
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -1,7 +1,6 @@
 // Lists of client records, padding included: records go to other processes byte for byte, and a
 // plain assignment may leave out padding and so send along whatever stood there before.
-#ifndef ZALTHO_AR_CLIENT_RECORDS_H
-#define ZALTHO_AR_CLIENT_RECORDS_H
+#pragma once
 
 #include <stddef.h>
 #include <string.h>
@@ -13,12 +12,8 @@
 #include <vendor/zaltho/hardware/activity_recognition/1.1/types.h>
 #include <zaltho/activity_recognition_native.h>
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 using V1_0::ActivityEvent;
 using V1_0::ActivityEventExtend;
 
@@ -91,11 +86,4 @@ template <typename Record>
     return copy;
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
-
-#endif  // ZALTHO_AR_CLIENT_RECORDS_H
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

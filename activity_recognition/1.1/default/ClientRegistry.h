@@ -1,7 +1,6 @@
 // Clients of one interface version of one side: registration, death, broadcast. Both versions of
 // both sides do this alike; where they differ, they say so in a Version (see RegisterClient).
-#ifndef ZALTHO_AR_CLIENT_REGISTRY_H
-#define ZALTHO_AR_CLIENT_REGISTRY_H
+#pragma once
 
 #include <stdint.h>
 #include <sys/types.h>
@@ -21,12 +20,8 @@
 #include "Caller.h"
 #include "ClientRecords.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 using ::android::sp;
 using ::android::wp;
 using ::android::hardware::Return;
@@ -155,11 +150,4 @@ void Broadcast(const ClientTable<Callback>& clients, const std::vector<Record>& 
     }
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
-
-#endif  // ZALTHO_AR_CLIENT_REGISTRY_H
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

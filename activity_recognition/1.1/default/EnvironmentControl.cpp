@@ -5,12 +5,8 @@
 #include "EnvironmentInterface.h"
 #include "NativeParams.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 namespace {
 
 // Clients learn that the module refused, not with which code.
@@ -61,9 +57,4 @@ Return<int32_t> EnvironmentInterface::disableEnvironment(uint32_t environment, u
     return Result(mImpl->disable_environment(environment, eventType));
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

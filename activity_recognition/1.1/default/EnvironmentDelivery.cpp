@@ -6,12 +6,8 @@
 #include "EnvironmentInterface.h"
 #include "Queries.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 using ::android::Mutex;
 using ::android::hardware::hidl_vec;
 
@@ -67,9 +63,4 @@ void EnvironmentInterface::env_extend_changed_cb_v1_0(
     Broadcast<ChangedV1_0>(mClientVectorV1_0, events);
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

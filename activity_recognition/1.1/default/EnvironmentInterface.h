@@ -9,8 +9,7 @@
 // EnvironmentDelivery, EnvironmentQueries. Conversions are the activity side's.
 //
 // Threads and locks: as on the activity side, with one mListMutex of its own and a leaf lock.
-#ifndef ZALTHO_AR_ENVIRONMENT_INTERFACE_H
-#define ZALTHO_AR_ENVIRONMENT_INTERFACE_H
+#pragma once
 
 #include <stdint.h>
 
@@ -23,12 +22,8 @@
 #include "ClientRecords.h"
 #include "ClientRegistry.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 using V1_0::OtherParams;
 
 class EnvironmentInterface : public V1_1::IEnvironmentInterface {
@@ -83,11 +78,4 @@ class EnvironmentInterface : public V1_1::IEnvironmentInterface {
     static const environment_callbacks sEnvCb;
 };
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
-
-#endif  // ZALTHO_AR_ENVIRONMENT_INTERFACE_H
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -6,12 +6,8 @@
 #include "EnvironmentInterface.h"
 #include "Queries.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 namespace {
 
 struct SupportedEnvironments {
@@ -70,9 +66,4 @@ Return<void> EnvironmentInterface::getCurrentEnvironmentV1_1(getCurrentEnvironme
                                       answer);
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -6,12 +6,8 @@
 
 #include "EnvironmentInterface.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 using ::android::Mutex;
 
 // The order is that of construction at load.
@@ -163,9 +159,4 @@ void EnvironmentInterface::HandleHidlDeath(uint64_t cookie, const wp<IBase>& who
     }
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -1,6 +1,5 @@
 // The tables that delivery looks into for every record.
-#ifndef ZALTHO_AR_INDEXED_TABLE_H
-#define ZALTHO_AR_INDEXED_TABLE_H
+#pragma once
 
 #include <stdint.h>
 #include <sys/types.h>
@@ -10,12 +9,8 @@
 
 #include "Records.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 // What delivery finds records by. Fields that a table's key leaves out are 0.
 struct RecordKey {
     uint64_t pid;
@@ -123,11 +118,4 @@ using FirstReportTable = IndexedTable<FirstReport, KeyByClientAndPair>;
 using LastEventTable = IndexedTable<EventResponseData, KeyByClientAndActivity>;
 using ClientList = IndexedTable<uint64_t, KeyByClient>;
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
-
-#endif  // ZALTHO_AR_INDEXED_TABLE_H
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

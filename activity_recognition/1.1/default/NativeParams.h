@@ -1,18 +1,13 @@
 // Clients' extra parameters in the native form.
-#ifndef ZALTHO_AR_NATIVE_PARAMS_H
-#define ZALTHO_AR_NATIVE_PARAMS_H
+#pragma once
 
 #include <string.h>
 
 #include <vendor/zaltho/hardware/activity_recognition/1.0/types.h>
 #include <zaltho/activity_recognition_native.h>
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 // A longer name is refused before any native call.
 inline bool NameFits(const V1_0::OtherParams& params) {
     return params.name.size() <= ACTIVITY_RECOGNITION_NAME_SIZE;
@@ -28,11 +23,4 @@ inline other_params ToNativeParams(const V1_0::OtherParams& params) {
     return native;
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
-
-#endif  // ZALTHO_AR_NATIVE_PARAMS_H
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -1,7 +1,6 @@
 // Queries that a client's call answers from the native module: name lists and current states. Both
 // sides and versions answer alike; a Version holds the texts.
-#ifndef ZALTHO_AR_QUERIES_H
-#define ZALTHO_AR_QUERIES_H
+#pragma once
 
 #include <string.h>
 
@@ -14,12 +13,8 @@
 
 #include "ClientRecords.h"
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 // Whether a count lies in 1 to most: one comparison, 0 and negative counts wrap.
 inline bool CountFits(int count, uint32_t most) {
     return static_cast<uint32_t>(count) - 1 < most;
@@ -80,11 +75,4 @@ template <typename Version, typename Native, typename Answer>
     return ::android::hardware::Void();
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
-
-#endif  // ZALTHO_AR_QUERIES_H
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -1,19 +1,14 @@
 // What the activity side keeps about requests, native enables, barriers and routed events.
 // All are plain values, copied freely; none owns anything.
-#ifndef ZALTHO_AR_RECORDS_H
-#define ZALTHO_AR_RECORDS_H
+#pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 
 #include <zaltho/activity_recognition_native.h>
 
-namespace vendor {
-namespace zaltho {
-namespace hardware {
-namespace activity_recognition {
-namespace V1_1 {
-namespace implementation {
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
 // One client's standing request.
 struct EnableRequestData {
     uint64_t pid;
@@ -74,11 +69,4 @@ inline ZqActivityRecognitionExtEvent ToExtEvent(const EventResponseData& routed)
     return {routed.activity, routed.event, routed.timestamp, {}, routed.extra};
 }
 
-}  // namespace implementation
-}  // namespace V1_1
-}  // namespace activity_recognition
-}  // namespace hardware
-}  // namespace zaltho
-}  // namespace vendor
-
-#endif  // ZALTHO_AR_RECORDS_H
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -1,4 +1,4 @@
-// activityctl: the service from a terminal. This file is the command line; see commands.h for what
+// activityctl: the service from a terminal. This file is the command line; see Commands.h for what
 // the sub-commands do and docs/activityctl.md for the guide.
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -8,15 +8,14 @@
 
 #include <signal.h>
 
-#include "commands.h"
-#include "failure.h"
-#include "options.h"
-#include "output.h"
-#include "service.h"
-#include "text.h"
+#include "Commands.h"
+#include "Failure.h"
+#include "Options.h"
+#include "Output.h"
+#include "Service.h"
+#include "Text.h"
 
-namespace activityctl {
-namespace {
+namespace activityctl { namespace {
 
 constexpr const char* kHelpEnd = R"(
 Examples:
@@ -279,8 +278,7 @@ class CommandLine {
     Run mRun;
 };
 
-}  // namespace
-}  // namespace activityctl
+}}  // namespace activityctl
 
 int main(int argc, char** argv) {
     // A reader that goes away ends a watch in order, with its requests withdrawn.

@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <exception>
 
-#include "process_support/process.h"
-#include "story.h"
+#include "Story.h"
+#include "process_support/Process.h"
 
 int main(int argc, char** argv) {
     process_support::throwOnSignals();

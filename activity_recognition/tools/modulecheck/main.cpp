@@ -7,7 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "checks.h"
+#include "Checks.h"
 
 using namespace modulecheck;
 

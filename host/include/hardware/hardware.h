@@ -1,6 +1,5 @@
 // The platform's legacy hardware-module convention: records, constants and the loader.
-#ifndef ANDROID_INCLUDE_HARDWARE_HARDWARE_H
-#define ANDROID_INCLUDE_HARDWARE_HARDWARE_H
+#pragma once
 
 #include <stdint.h>
 #include <sys/cdefs.h>
@@ -61,5 +60,3 @@ int hw_get_module_by_class(const char* class_id, const char* inst,
                            const struct hw_module_t** module);
 
 __END_DECLS
-
-#endif  // ANDROID_INCLUDE_HARDWARE_HARDWARE_H

@@ -1,6 +1,5 @@
 // Between HIDL's types and the parcel, and between interfaces and the objects that carry them.
-#ifndef ANDROID_HIDL_BINDER_SUPPORT_H
-#define ANDROID_HIDL_BINDER_SUPPORT_H
+#pragma once
 
 #include <mutex>
 #include <new>
@@ -18,8 +17,7 @@
 #include <hwbinder/Parcel.h>
 #include <hwbinder/ProcessState.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 // Turns a binder's death into a HIDL client's. Held by the proxy alone: without the proxy there is
 // no notice.
@@ -84,7 +82,4 @@ sp<IType> fromBinder(const sp<IBinder>& binder) {
     return static_cast<IType*>(base.get());
 }
 
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HIDL_BINDER_SUPPORT_H
+}}  // namespace android::hardware

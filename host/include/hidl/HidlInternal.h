@@ -1,6 +1,5 @@
 // The smallest parts of HIDL: tags, the 8-byte pointer, the fatal log.
-#ifndef ANDROID_HIDL_INTERNAL_H
-#define ANDROID_HIDL_INTERNAL_H
+#pragma once
 
 #include <stddef.h>
 #include <stdint.h>
@@ -8,9 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace android {
-namespace hardware {
-namespace details {
+namespace android { namespace hardware { namespace details {
 
 // Tags by which generated classes say what they are.
 struct i_tag;     // pure interface
@@ -62,8 +59,4 @@ class HidlInstrumentor {
     void configureInstrumentation(bool log = true) { (void)log; }
 };
 
-}  // namespace details
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HIDL_INTERNAL_H
+}}}  // namespace android::hardware::details

@@ -1,15 +1,12 @@
 // Wrapping of local objects, so that passthrough calls behave like calls across processes.
-#ifndef ANDROID_HIDL_PASSTHROUGH_SUPPORT_H
-#define ANDROID_HIDL_PASSTHROUGH_SUPPORT_H
+#pragma once
 
 #include <android/hidl/base/1.0/IBase.h>
 #include <hidl/HidlSupport.h>
 #include <hidl/HidlTransportSupport.h>
 #include <hidl/TaskRunner.h>
 
-namespace android {
-namespace hardware {
-namespace details {
+namespace android { namespace hardware { namespace details {
 
 sp<::android::hidl::base::V1_0::IBase> wrapPassthroughInternal(
         const sp<::android::hidl::base::V1_0::IBase>& interface);
@@ -21,8 +18,4 @@ sp<IType> wrapPassthrough(const sp<IType>& interface) {
     return static_cast<IType*>(wrapPassthroughInternal(interface).get());
 }
 
-}  // namespace details
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HIDL_PASSTHROUGH_SUPPORT_H
+}}}  // namespace android::hardware::details

@@ -1,7 +1,6 @@
 // HIDL's value types. Layouts are those of the wire: a string or vector is 16 bytes, a pointer to
 // the elements first, then their count and who owns them.
-#ifndef ANDROID_HIDL_SUPPORT_H
-#define ANDROID_HIDL_SUPPORT_H
+#pragma once
 
 #include <stddef.h>
 #include <stdint.h>
@@ -26,13 +25,9 @@
 #include <utils/StrongPointer.h>
 
 namespace android {
-namespace hidl {
-namespace base {
-namespace V1_0 {
+namespace hidl { namespace base { namespace V1_0 {
 struct IBase;
-}  // namespace V1_0
-}  // namespace base
-}  // namespace hidl
+}}}  // namespace hidl::base::V1_0
 
 namespace hardware {
 
@@ -351,5 +346,3 @@ static_assert(sizeof(hidl_memory) == 40, "wire layout");
 
 }  // namespace hardware
 }  // namespace android
-
-#endif  // ANDROID_HIDL_SUPPORT_H

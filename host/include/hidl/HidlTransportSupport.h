@@ -1,6 +1,5 @@
 // What services, clients and generated code call of the transport.
-#ifndef ANDROID_HIDL_TRANSPORT_SUPPORT_H
-#define ANDROID_HIDL_TRANSPORT_SUPPORT_H
+#pragma once
 
 #include <android/hidl/base/1.0/IBase.h>
 #include <hidl/HidlBinderSupport.h>
@@ -10,8 +9,7 @@
 #include <hidl/Status.h>
 #include <utils/StrongPointer.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 // maxThreads: how many incoming calls are served at a time, 1 to 64. callerWillJoin: the caller is
 // going to be one of them through joinRpcThreadpool().
@@ -46,7 +44,4 @@ sp<typename BpType::Pure> getServiceInternal(const std::string& instance, bool r
 }
 
 }  // namespace details
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HIDL_TRANSPORT_SUPPORT_H
+}}  // namespace android::hardware

@@ -1,13 +1,10 @@
-#ifndef ANDROID_HIDL_TRANSPORT_UTILS_H
-#define ANDROID_HIDL_TRANSPORT_UTILS_H
+#pragma once
 
 #include <string>
 
 #include <hidl/HidlSupport.h>
 
-namespace android {
-namespace hardware {
-namespace details {
+namespace android { namespace hardware { namespace details {
 
 // Whether the object has this interface in its chain; asks the other process if it is remote.
 bool canCastInterface(::android::hidl::base::V1_0::IBase* interface, const char* castTo,
@@ -22,8 +19,4 @@ int32_t getPidIfSharable();
 // Whether addresses may be told in getDebugInfo().
 bool debuggable();
 
-}  // namespace details
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HIDL_TRANSPORT_UTILS_H
+}}}  // namespace android::hardware::details

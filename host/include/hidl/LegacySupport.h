@@ -1,14 +1,12 @@
 // The main function of a service that serves an implementation library.
-#ifndef ANDROID_HIDL_LEGACY_SUPPORT_H
-#define ANDROID_HIDL_LEGACY_SUPPORT_H
+#pragma once
 
 #include <string>
 
 #include <hidl/HidlTransportSupport.h>
 #include <log/log.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 namespace details {
 
 // OK when the library was loaded and its object registered.
@@ -47,7 +45,4 @@ status_t defaultPassthroughServiceImplementation(size_t maxThreads = 1) {
     return defaultPassthroughServiceImplementation<Interface>("default", maxThreads);
 }
 
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HIDL_LEGACY_SUPPORT_H
+}}  // namespace android::hardware

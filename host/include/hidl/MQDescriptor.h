@@ -1,11 +1,9 @@
 // Fast message queues are in no interface that the host serves. Generated code asserts the size.
-#ifndef ANDROID_HIDL_MQDESCRIPTOR_H
-#define ANDROID_HIDL_MQDESCRIPTOR_H
+#pragma once
 
 #include <hidl/HidlSupport.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 enum MQFlavor : uint32_t { kSynchronizedReadWrite = 0x01, kUnsynchronizedWrite = 0x02 };
 
@@ -18,7 +16,4 @@ struct MQDescriptor {
     uint32_t mFlags __attribute__((unused)) = flavor;
 };
 
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HIDL_MQDESCRIPTOR_H
+}}  // namespace android::hardware

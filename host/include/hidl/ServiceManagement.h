@@ -1,6 +1,5 @@
 // Finding and offering services by name.
-#ifndef ANDROID_HARDWARE_ISERVICE_MANAGER_H
-#define ANDROID_HARDWARE_ISERVICE_MANAGER_H
+#pragma once
 
 #include <string>
 
@@ -8,8 +7,7 @@
 #include <hidl/HidlSupport.h>
 #include <utils/Errors.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 // The host's registry: a folder of sockets, no daemon. A local object; never NULL.
 sp<::android::hidl::manager::V1_0::IServiceManager> defaultServiceManager();
@@ -30,7 +28,4 @@ status_t registerAsServiceInternal(const sp<::android::hidl::base::V1_0::IBase>&
                                    const std::string& name);
 
 }  // namespace details
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HARDWARE_ISERVICE_MANAGER_H
+}}  // namespace android::hardware

@@ -1,7 +1,6 @@
 // Tables that generated code fills and asks: how to make a stub or a wrapper for an interface, and
 // which stub an object has.
-#ifndef ANDROID_HARDWARE_STATIC_H
-#define ANDROID_HARDWARE_STATIC_H
+#pragma once
 
 #include <sched.h>
 
@@ -13,9 +12,7 @@
 #include <hidl/HidlSupport.h>
 #include <hwbinder/Binder.h>
 
-namespace android {
-namespace hardware {
-namespace details {
+namespace android { namespace hardware { namespace details {
 
 struct SchedPrio {
     int sched_policy;
@@ -66,8 +63,4 @@ extern ConcurrentMap<const ::android::hidl::base::V1_0::IBase*, wp<BHwBinder>>* 
 extern ConcurrentMap<wp<::android::hidl::base::V1_0::IBase>, SchedPrio>* const gServicePrioMap;
 extern ConcurrentMap<wp<::android::hidl::base::V1_0::IBase>, bool>* const gServiceSidMap;
 
-}  // namespace details
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HARDWARE_STATIC_H
+}}}  // namespace android::hardware::details

@@ -1,6 +1,5 @@
 // How a call across processes ended: transport status, and the value that came back.
-#ifndef ANDROID_HARDWARE_BINDER_STATUS_H
-#define ANDROID_HARDWARE_BINDER_STATUS_H
+#pragma once
 
 #include <stdint.h>
 
@@ -12,8 +11,7 @@
 #include <utils/Errors.h>
 #include <utils/StrongPointer.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 class Status final {
   public:
@@ -147,7 +145,4 @@ inline Return<void> Void() {
     return Return<void>();
 }
 
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HARDWARE_BINDER_STATUS_H
+}}  // namespace android::hardware

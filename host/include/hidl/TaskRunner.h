@@ -1,14 +1,12 @@
 // A queue of oneway calls in passthrough mode, run in order by a thread of its own.
-#ifndef ANDROID_HIDL_TASK_RUNNER_H
-#define ANDROID_HIDL_TASK_RUNNER_H
+#pragma once
 
 #include <stddef.h>
 
 #include <functional>
 #include <memory>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 namespace host {
 class Worker;
@@ -35,7 +33,4 @@ class TaskRunner {
 };
 
 }  // namespace details
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HIDL_TASK_RUNNER_H
+}}  // namespace android::hardware

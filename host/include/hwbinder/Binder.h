@@ -1,6 +1,5 @@
 // Base of every stub.
-#ifndef ANDROID_HARDWARE_BINDER_H
-#define ANDROID_HARDWARE_BINDER_H
+#pragma once
 
 #include <sched.h>
 
@@ -10,8 +9,7 @@
 #define SCHED_NORMAL SCHED_OTHER  // as Android's libc calls it
 #endif
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 class BHwBinder : public IBinder {
   public:
@@ -32,7 +30,4 @@ class BHwBinder : public IBinder {
     int mSchedPriority = 0;
 };
 
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HARDWARE_BINDER_H
+}}  // namespace android::hardware

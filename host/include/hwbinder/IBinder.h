@@ -1,6 +1,5 @@
 // An object that can be called across processes, local or remote.
-#ifndef ANDROID_HARDWARE_IBINDER_H
-#define ANDROID_HARDWARE_IBINDER_H
+#pragma once
 
 #include <stdint.h>
 
@@ -9,8 +8,7 @@
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 class BHwBinder;
 class BpHwBinder;
@@ -44,7 +42,4 @@ class IBinder : public virtual RefBase {
     ~IBinder() override = default;
 };
 
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HARDWARE_IBINDER_H
+}}  // namespace android::hardware

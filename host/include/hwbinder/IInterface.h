@@ -1,11 +1,9 @@
 // Base of every proxy.
-#ifndef ANDROID_HARDWARE_IINTERFACE_H
-#define ANDROID_HARDWARE_IINTERFACE_H
+#pragma once
 
 #include <hwbinder/IBinder.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 class IInterface : public virtual RefBase {
   public:
@@ -31,7 +29,4 @@ class BpInterface : public INTERFACE, public IInterface {
     const sp<IBinder> mRemote;
 };
 
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HARDWARE_IINTERFACE_H
+}}  // namespace android::hardware

@@ -1,14 +1,12 @@
 // The calling thread as a party to calls: who is being served.
-#ifndef ANDROID_HARDWARE_IPC_THREAD_STATE_H
-#define ANDROID_HARDWARE_IPC_THREAD_STATE_H
+#pragma once
 
 #include <stdint.h>
 #include <sys/types.h>
 
 #include <utils/Errors.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 class IPCThreadState {
   public:
@@ -43,7 +41,4 @@ class IPCThreadState {
     uid_t mCallingUid;
 };
 
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HARDWARE_IPC_THREAD_STATE_H
+}}  // namespace android::hardware

@@ -4,8 +4,7 @@
 // points to names its parent's header and the offset of the pointer in the parent; reading it
 // checks both and puts the pointer right. So no address of the other process is ever followed, and
 // every length is checked against what arrived.
-#ifndef ANDROID_HARDWARE_PARCEL_H
-#define ANDROID_HARDWARE_PARCEL_H
+#pragma once
 
 #include <stddef.h>
 #include <stdint.h>
@@ -18,8 +17,7 @@
 #include <utils/Errors.h>
 #include <utils/StrongPointer.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 class Parcel {
   public:
@@ -108,7 +106,4 @@ class Parcel {
     mutable size_t mPosition = 0;
 };
 
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HARDWARE_PARCEL_H
+}}  // namespace android::hardware

@@ -1,14 +1,12 @@
 // The process as a party to calls: its pool of threads that serve incoming ones.
-#ifndef ANDROID_HARDWARE_PROCESS_STATE_H
-#define ANDROID_HARDWARE_PROCESS_STATE_H
+#pragma once
 
 #include <stddef.h>
 
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
 
-namespace android {
-namespace hardware {
+namespace android { namespace hardware {
 
 class ProcessState : public virtual RefBase {
   public:
@@ -26,7 +24,4 @@ class ProcessState : public virtual RefBase {
     ~ProcessState() override = default;
 };
 
-}  // namespace hardware
-}  // namespace android
-
-#endif  // ANDROID_HARDWARE_PROCESS_STATE_H
+}}  // namespace android::hardware

@@ -9,8 +9,7 @@
 // Unless said otherwise a slot that returns int returns 0 for success and anything else for
 // failure. Slots are called from several threads at once, also while the module is calling back.
 // The service never tests a single slot for NULL: a table that is offered has all slots filled.
-#ifndef ZALTHO_ACTIVITY_RECOGNITION_NATIVE_H
-#define ZALTHO_ACTIVITY_RECOGNITION_NATIVE_H
+#pragma once
 
 #include <stdint.h>
 
@@ -196,5 +195,3 @@ ZALTHO_AR_SIZE(activity_recognition_device, 136);
 #undef ZALTHO_AR_AT
 #undef ZALTHO_AR_SIZE
 #endif  // __cplusplus
-
-#endif  // ZALTHO_ACTIVITY_RECOGNITION_NATIVE_H

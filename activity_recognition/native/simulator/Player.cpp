@@ -1,0 +1,63 @@
+#include "Player.h"
+
+#include <math.h>
+
+#include "Trace.h"
+
+namespace ar_simulator {
+
+void Clock::start(double speed) {
+    mEpochNs = monotonicNs();
+    mSpeed = speed;
+}
+
+int64_t Clock::nowNs() const {
+    return mEpochNs + static_cast<int64_t>(static_cast<double>(monotonicNs() - mEpochNs) * mSpeed);
+}
+
+int64_t Clock::untilNs(int64_t timeNs) const {
+    // Rounded up: waking early only means to wait again.
+    const double leftNs = ceil(static_cast<double>(timeNs - nowNs()) / mSpeed);
+    if (leftNs >= 9e18) return INT64_MAX;
+    return leftNs > 0 ? static_cast<int64_t>(leftNs) : 0;
+}
+
+void Player::start(const Scenario* scenario, int64_t nowNs) {
+    mScenario = scenario;
+    mNext = 0;
+    mOriginNs = nowNs;
+}
+
+bool Player::next(int64_t nowNs, Kind* kind, ar_context_event* event) {
+    while (nextDueNs() <= nowNs) {
+        if (mNext == mScenario->steps.size()) {
+            mNext = 0;
+            mOriginNs += mScenario->periodNs;
+            continue;
+        }
+        const Step& step = mScenario->steps[mNext++];
+        if (step.kind == Kind::WAIT) {
+            mReleased.erase(mReleased.find(step.event.name));
+            // Time in the file stood still since the wait was reached.
+            mOriginNs = nowNs - step.offsetNs;
+            continue;
+        }
+        *kind = step.kind;
+        *event = step.event;
+        event->timestamp = mOriginNs + step.offsetNs;
+        return true;
+    }
+    return false;
+}
+
+int64_t Player::nextDueNs() const {
+    if (mScenario == nullptr || mScenario->steps.empty()) return INT64_MAX;
+    if (mNext == mScenario->steps.size()) {
+        return mScenario->loops ? mOriginNs + mScenario->periodNs : INT64_MAX;
+    }
+    const Step& step = mScenario->steps[mNext];
+    if (step.kind == Kind::WAIT && mReleased.count(step.event.name) == 0) return INT64_MAX;
+    return mOriginNs + step.offsetNs;
+}
+
+}  // namespace ar_simulator

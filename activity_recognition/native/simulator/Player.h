@@ -1,0 +1,48 @@
+// Plays a scenario: says which record comes next and when.
+#pragma once
+
+#include <stdint.h>
+
+#include <set>
+#include <string>
+
+#include "Scenario.h"
+
+namespace ar_simulator {
+
+// The module's clock: CLOCK_MONOTONIC at start, running speed times as fast from there.
+class Clock {
+  public:
+    void start(double speed);
+    int64_t nowNs() const;
+    // Monotonic time left until timeNs of this clock, at least 0.
+    int64_t untilNs(int64_t timeNs) const;
+
+  private:
+    int64_t mEpochNs = 0;
+    double mSpeed = 1;
+};
+
+// Not thread-safe. Times are those of the module's clock.
+class Player {
+  public:
+    // The scenario must outlive the playing.
+    void start(const Scenario* scenario, int64_t nowNs);
+    bool isStarted() const { return mScenario != nullptr; }
+
+    // One `wait name`, met or still to come, is over.
+    void release(const std::string& name) { mReleased.insert(name); }
+
+    // Takes the next record that is due; its timestamp is the moment at which it was.
+    bool next(int64_t nowNs, Kind* kind, ar_context_event* event);
+    // When to ask again; INT64_MAX while a wait lasts or when the scenario is over.
+    int64_t nextDueNs() const;
+
+  private:
+    const Scenario* mScenario = nullptr;
+    size_t mNext = 0;
+    int64_t mOriginNs = 0;  // the moment of offset 0
+    std::multiset<std::string> mReleased;
+};
+
+}  // namespace ar_simulator

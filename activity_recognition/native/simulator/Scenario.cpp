@@ -1,0 +1,314 @@
+#include "Scenario.h"
+
+#include <errno.h>
+#include <math.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+
+namespace ar_simulator {
+namespace {
+
+constexpr size_t kMaxListSize = 64;
+constexpr size_t kMaxNameLength = ACTIVITY_RECOGNITION_NAME_SIZE - 1;
+constexpr double kMaxSeconds = 1e6;
+constexpr uint64_t kMaxTimes = 10000;
+constexpr size_t kMaxSteps = 1000000;
+
+// Decimal, or hexadecimal with 0x. Signs, blanks and octal are not numbers here.
+bool parseNumber(const std::string& text, uint64_t max, uint64_t* number) {
+    if (text.empty() || text[0] < '0' || text[0] > '9') return false;
+    const bool hex = text.size() > 1 && (text[1] == 'x' || text[1] == 'X');
+    char* end = nullptr;
+    errno = 0;
+    *number = strtoull(text.c_str(), &end, hex ? 16 : 10);
+    return errno == 0 && *end == '\0' && *number <= max;
+}
+
+bool parseDouble(const char* text, double* number) {
+    if (*text != '.' && (*text < '0' || *text > '9')) return false;
+    char* end = nullptr;
+    *number = strtod(text, &end);
+    return *end == '\0' && isfinite(*number);
+}
+
+bool parseSeconds(const std::string& text, int64_t* ns) {
+    double seconds = 0;
+    if (!parseDouble(text.c_str(), &seconds) || seconds > kMaxSeconds) return false;
+    *ns = llround(seconds * kNsPerSecond);
+    return true;
+}
+
+bool isName(const std::string& word) {
+    double number = 0;
+    return !word.empty() && word.size() <= kMaxNameLength && !parseDouble(word.c_str(), &number);
+}
+
+std::vector<std::string> split(const std::string& text, const char* separators) {
+    std::vector<std::string> words;
+    size_t end = 0;
+    for (size_t start = 0;
+         (start = text.find_first_not_of(separators, end)) != std::string::npos;) {
+        end = std::min(text.find_first_of(separators, start), text.size());
+        words.push_back(text.substr(start, end - start));
+    }
+    return words;
+}
+
+void setName(ar_context_event* event, const std::string& name) {
+    memcpy(event->name, name.c_str(), name.size() + 1);
+}
+
+class Reader {
+  public:
+    explicit Reader(Scenario* scenario) : mScenario(*scenario) {}
+
+    // Returns the reason why the line is bad, empty when it is good.
+    std::string read(const std::string& line);
+    std::string finish();
+
+  private:
+    using Words = std::vector<std::string>;
+
+    std::string readList(const Words& words, std::vector<std::string>* list);
+    std::string readSpeed(const Words& words);
+    std::string readLoop(const Words& words);
+    std::string readWait(const Words& words);
+    std::string readRecord(const Words& words);
+    std::string readWhat(const std::string& word, Step* step);
+    std::string readOption(const std::string& word, Step* step);
+    void sortSection();
+
+    Scenario& mScenario;
+    std::vector<std::string> mSeen;  // directives
+    size_t mSectionStart = 0;        // first step after the last wait
+    int64_t mLastOffsetNs = 0;       // of the last line
+    int64_t mWaitOffsetNs = 0;       // of the last wait
+    uint64_t mTimes = 1;
+    int64_t mEveryNs = 0;
+};
+
+std::string Reader::read(const std::string& line) {
+    if (line.find('\0') != std::string::npos) return "holds a NUL byte";
+    const Words words = split(line.substr(0, line.find('#')), " \t\r\n");
+    if (words.empty()) return "";
+
+    const std::string& first = words[0];
+    if (first == "wait") return readWait(words);
+    const bool isDirective =
+            first == "activities" || first == "environments" || first == "speed" || first == "loop";
+    if (!isDirective) return readRecord(words);
+
+    if (!mScenario.steps.empty()) return "'" + first + "' must come before the records";
+    if (std::find(mSeen.begin(), mSeen.end(), first) != mSeen.end()) {
+        return "'" + first + "' was given before";
+    }
+    mSeen.push_back(first);
+    if (first == "activities") return readList(words, &mScenario.activities);
+    if (first == "environments") return readList(words, &mScenario.environments);
+    return first == "speed" ? readSpeed(words) : readLoop(words);
+}
+
+std::string Reader::readList(const Words& words, std::vector<std::string>* list) {
+    if (words.size() < 2 || words.size() > kMaxListSize + 1) {
+        return "'" + words[0] + "' takes 1 to 64 names";
+    }
+    list->clear();
+    for (size_t i = 1; i < words.size(); ++i) {
+        if (!isName(words[i])) return "'" + words[i] + "' is not a name of 1 to 31 bytes";
+        if (std::find(list->begin(), list->end(), words[i]) != list->end()) {
+            return "'" + words[i] + "' is named twice";
+        }
+        list->push_back(words[i]);
+    }
+    return "";
+}
+
+std::string Reader::readSpeed(const Words& words) {
+    if (words.size() != 2 || !parseFactor(words[1].c_str(), &mScenario.speed)) {
+        return "'speed' takes a factor of more than 0 up to 1000000";
+    }
+    return "";
+}
+
+std::string Reader::readLoop(const Words& words) {
+    mScenario.loops = true;
+    if (words.size() == 1) return "";
+    if (words.size() > 2 || !parseSeconds(words[1], &mScenario.periodNs) ||
+        mScenario.periodNs <= 0) {
+        return "'loop' takes seconds, more than 0 up to 1000000";
+    }
+    return "";
+}
+
+std::string Reader::readWait(const Words& words) {
+    if (words.size() != 2 || !isName(words[1])) return "'wait' takes a name of 1 to 31 bytes";
+    sortSection();
+    Step step = {};
+    step.offsetNs = mWaitOffsetNs = mLastOffsetNs =
+            mScenario.steps.empty() ? 0 : mScenario.steps.back().offsetNs;
+    step.kind = Kind::WAIT;
+    setName(&step.event, words[1]);
+    mScenario.steps.push_back(step);
+    mSectionStart = mScenario.steps.size();
+    return "";
+}
+
+std::string Reader::readRecord(const Words& words) {
+    Step step = {};
+    if (!parseSeconds(words[0], &step.offsetNs)) {
+        return "'" + words[0] + "' is neither a directive nor an offset of 0 to 1000000 seconds";
+    }
+    if (step.offsetNs < mLastOffsetNs) {
+        return "offset " + words[0] + " is earlier than " +
+               (mLastOffsetNs == mWaitOffsetNs && mSectionStart == mScenario.steps.size()
+                        ? "what comes before the wait"
+                        : "the line above");
+    }
+    if (words.size() < 4) return "a record has offset, kind, what, event type";
+
+    if (words[1] == "activity") {
+        step.kind = Kind::PLAIN;
+    } else if (words[1] == "extended") {
+        step.kind = Kind::EXTENDED;
+    } else if (words[1] == "environment") {
+        step.kind = Kind::ENVIRONMENT;
+    } else {
+        return "'" + words[1] + "' is not a kind: activity, extended or environment";
+    }
+    std::string reason = readWhat(words[2], &step);
+    if (!reason.empty()) return reason;
+
+    uint64_t type = 0;
+    const bool isActivity = step.kind != Kind::ENVIRONMENT;
+    if (!parseNumber(words[3], isActivity ? 2 : UINT32_MAX, &type) || type < 1) {
+        return "'" + words[3] + "' is not an event type" + (isActivity ? " (1 or 2)" : "");
+    }
+    step.event.event_type = static_cast<uint32_t>(type);
+
+    mTimes = 1;
+    mEveryNs = 0;
+    for (size_t i = 4; i < words.size(); ++i) {
+        reason = readOption(words[i], &step);
+        if (!reason.empty()) return reason;
+    }
+    if (mScenario.steps.size() + mTimes > kMaxSteps) return "more than 1000000 records";
+    mLastOffsetNs = step.offsetNs;
+    for (uint64_t i = 0; i < mTimes; ++i) {
+        mScenario.steps.push_back(step);
+        step.offsetNs += mEveryNs;
+    }
+    return "";
+}
+
+std::string Reader::readWhat(const std::string& word, Step* step) {
+    const bool isActivity = step->kind != Kind::ENVIRONMENT;
+    const auto& list = isActivity ? mScenario.activities : mScenario.environments;
+    const auto found = std::find(list.begin(), list.end(), word);
+    uint64_t number = static_cast<uint64_t>(found - list.begin());
+    if (found == list.end() && !parseNumber(word, list.size() - 1, &number)) {
+        return std::string("no ") + (isActivity ? "activity" : "environment") + " is named '" +
+               word + "'";
+    }
+    step->event.activity = static_cast<uint32_t>(number);
+    setName(&step->event, list[number]);
+    return "";
+}
+
+std::string Reader::readOption(const std::string& word, Step* step) {
+    const size_t equals = word.find('=');
+    const std::string key = word.substr(0, equals);
+    const std::string text = equals == std::string::npos ? "" : word.substr(equals + 1);
+    uint64_t number = 0;
+
+    if (key == "times") {
+        if (!parseNumber(text, kMaxTimes, &mTimes) || mTimes < 1) return "times takes 1 to 10000";
+    } else if (key == "every") {
+        if (!parseSeconds(text, &mEveryNs)) return "every takes 0 to 1000000 seconds";
+    } else if (key == "extra") {
+        if (!parseNumber(text, UINT32_MAX, &number)) return "extra takes a number of 32 bits";
+        step->event.extra = static_cast<uint32_t>(number);
+    } else if (step->kind == Kind::PLAIN) {
+        return "'" + word + "' is not an option of a plain record: extra, times, every";
+    } else if (key == "value") {
+        if (!parseNumber(text, UINT32_MAX, &number)) return "value takes a number of 32 bits";
+        step->event.value = static_cast<uint32_t>(number);
+    } else if (key == "data") {
+        const Words numbers = split(text, ",");
+        bool good = !numbers.empty() && numbers.size() <= 4;
+        for (size_t i = 0; good && i < numbers.size(); ++i) {
+            good = parseNumber(numbers[i], UINT64_MAX, &step->event.context_data[i]);
+        }
+        if (!good) return "data takes up to four numbers of 64 bits with commas between them";
+    } else if (key == "name") {
+        if (text.size() > kMaxNameLength) return "name takes at most 31 bytes";
+        setName(&step->event, text);
+    } else {
+        return "'" + word + "' is not an option: extra, value, data, name, times, every";
+    }
+    return "";
+}
+
+// Repetitions reach past the lines that follow theirs.
+void Reader::sortSection() {
+    std::stable_sort(mScenario.steps.begin() + static_cast<ptrdiff_t>(mSectionStart),
+                     mScenario.steps.end(),
+                     [](const Step& a, const Step& b) { return a.offsetNs < b.offsetNs; });
+}
+
+std::string Reader::finish() {
+    sortSection();
+    const int64_t endNs = mScenario.steps.empty() ? 0 : mScenario.steps.back().offsetNs;
+    if (mScenario.periodNs == 0) {
+        mScenario.periodNs = endNs + kNsPerSecond;
+    } else if (mScenario.periodNs < endNs) {
+        return "'loop' starts again before the last record";
+    }
+    return "";
+}
+
+}  // namespace
+
+Scenario Scenario::builtIn() {
+    Scenario scenario;
+    scenario.activities = {"still", "walking", "running", "cycling", "driving"};
+    scenario.environments = {"home", "office", "station", "outdoors"};
+    return scenario;
+}
+
+bool parseFactor(const char* text, double* factor) {
+    return parseDouble(text, factor) && *factor > 0 && *factor <= 1e6;
+}
+
+bool readScenario(const char* path, Scenario* scenario, std::string* error) {
+    *scenario = Scenario::builtIn();
+    FILE* file = fopen(path, "re");
+    if (file == nullptr) {
+        *error = std::string(path) + ": " + strerror(errno);
+        return false;
+    }
+    Reader reader(scenario);
+    std::string reason;
+    size_t number = 0;
+    char* line = nullptr;
+    size_t capacity = 0;
+    for (ssize_t length; reason.empty() && (length = getline(&line, &capacity, file)) >= 0;) {
+        ++number;
+        reason = reader.read(std::string(line, static_cast<size_t>(length)));
+    }
+    const bool failed = ferror(file) != 0;
+    const int cause = errno;
+    free(line);
+    fclose(file);
+    if (failed) {
+        *error = std::string(path) + ": " + strerror(cause);
+        return false;
+    }
+    if (reason.empty()) reason = reader.finish();
+    if (!reason.empty()) *error = std::string(path) + ":" + std::to_string(number) + ": " + reason;
+    return reason.empty();
+}
+
+}  // namespace ar_simulator

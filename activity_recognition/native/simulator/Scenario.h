@@ -1,0 +1,43 @@
+// A scenario file, read into memory. The format is described in docs/scenarios.md.
+#pragma once
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include <zaltho/activity_recognition_native.h>
+
+namespace ar_simulator {
+
+// The first three are the kinds of records, one per callback.
+enum class Kind { PLAIN, EXTENDED, ENVIRONMENT, WAIT };
+constexpr int kRecordKinds = 3;
+
+constexpr int64_t kNsPerSecond = 1000000000;
+
+struct Step {
+    int64_t offsetNs;        // since the beginning; of a wait: when it is reached
+    Kind kind;               // WAIT: event.name holds what is waited for
+    ar_context_event event;  // without its timestamp
+};
+
+struct Scenario {
+    std::vector<std::string> activities;
+    std::vector<std::string> environments;
+    std::vector<Step> steps;  // in the order in which they are played
+    double speed = 1;         // seconds of the module's clock in a second
+    bool loops = false;
+    int64_t periodNs = 0;  // from one beginning to the next
+
+    // The built-in lists and nothing to play.
+    static Scenario builtIn();
+};
+
+// Returns false with "path:line: reason", or "path: reason", in *error.
+bool readScenario(const char* path, Scenario* scenario, std::string* error);
+
+// Whole text to number. Factors are more than 0 up to a million.
+bool parseFactor(const char* text, double* factor);
+
+}  // namespace ar_simulator

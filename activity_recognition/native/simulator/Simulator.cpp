@@ -1,0 +1,471 @@
+#include "Simulator.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include <android/log.h>
+
+#define SIM_LOG(priority, ...) \
+    __android_log_print(ANDROID_LOG_##priority, AR_SIMULATOR_LOG_TAG, __VA_ARGS__)
+
+namespace ar_simulator {
+namespace {
+
+const char* nonEmptyEnv(const char* name) {
+    const char* value = getenv(name);
+    return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+// Open for writing too, so that the reading end never sees the last writer go.
+int openControl(const char* path, int* fd) {
+    struct stat info = {};
+    if (stat(path, &info) != 0) return -errno;
+    if (!S_ISFIFO(info.st_mode)) return -ENXIO;
+    *fd = ::open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    return *fd >= 0 ? 0 : -errno;
+}
+
+Side sideOf(Kind kind) {
+    return kind == Kind::ENVIRONMENT ? ENVIRONMENT : ACTIVITY;
+}
+
+}  // namespace
+
+Simulator& Simulator::instance() {
+    // Never destroyed: its thread may run until the process is gone.
+    static Simulator* const simulator = new Simulator;
+    return *simulator;
+}
+
+int Simulator::open() {
+    android::Mutex::Autolock lock(mMutex);
+    if (mState != State::CLOSED) {
+        SIM_LOG(ERROR, "the device is open already");
+        return -EBUSY;
+    }
+    if (!configure()) {
+        release();
+        return -EINVAL;
+    }
+    mClock.start(mScenario.speed);
+    mPlayer = Player();
+    mActivityCallbacks = nullptr;
+    mEnvironmentCallbacks = nullptr;
+    mState = State::OPEN;
+    mThread = std::thread([this] { run(); });
+    TraceLine line("open");
+    return finish("open", line, 0);
+}
+
+// Leaves whatever it opened to release().
+bool Simulator::configure() {
+    std::string error;
+    const char* path = nonEmptyEnv("AR_SIMULATOR_SCENARIO");
+    for (auto& list : mLists) list.clear();
+    mScenario = Scenario::builtIn();
+    if (path != nullptr && !readScenario(path, &mScenario, &error)) {
+        SIM_LOG(ERROR, "%s", error.c_str());
+        return false;
+    }
+    if (const char* speed = nonEmptyEnv("AR_SIMULATOR_SPEED")) {
+        if (!parseFactor(speed, &mScenario.speed)) {
+            SIM_LOG(ERROR, "AR_SIMULATOR_SPEED: '%s' is not a factor of more than 0 up to 1000000",
+                    speed);
+            return false;
+        }
+    }
+    if (const char* loop = nonEmptyEnv("AR_SIMULATOR_LOOP")) {
+        if (strcmp(loop, "0") != 0 && strcmp(loop, "1") != 0) {
+            SIM_LOG(ERROR, "AR_SIMULATOR_LOOP: '%s' is neither 0 nor 1", loop);
+            return false;
+        }
+        mScenario.loops = *loop == '1';
+    }
+
+    int result = 0;
+    const char* control = nonEmptyEnv("AR_SIMULATOR_CONTROL");
+    if (control != nullptr && (result = openControl(control, &mControlFd)) != 0) {
+        SIM_LOG(ERROR, "AR_SIMULATOR_CONTROL: %s: %s", control,
+                result == -ENXIO ? "not a FIFO" : strerror(-result));
+        return false;
+    }
+    const auto wait = std::find_if(mScenario.steps.begin(), mScenario.steps.end(),
+                                   [](const Step& step) { return step.kind == Kind::WAIT; });
+    if (control == nullptr && wait != mScenario.steps.end()) {
+        SIM_LOG(ERROR, "%s: waits for '%s', but AR_SIMULATOR_CONTROL names no FIFO", path,
+                wait->event.name);
+        return false;
+    }
+    const char* trace = nonEmptyEnv("AR_SIMULATOR_TRACE");
+    if (trace != nullptr && (result = mTrace.open(trace)) != 0) {
+        SIM_LOG(ERROR, "AR_SIMULATOR_TRACE: %s: %s", trace, strerror(-result));
+        return false;
+    }
+    mWakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (mWakeFd < 0) {
+        SIM_LOG(ERROR, "eventfd: %s", strerror(errno));
+        return false;
+    }
+
+    const std::vector<std::string>* const names[SIDES] = {&mScenario.activities,
+                                                          &mScenario.environments};
+    for (int side = 0; side < SIDES; ++side) {
+        for (const std::string& name : *names[side]) {
+            mLists[side].push_back(const_cast<char*>(name.c_str()));
+        }
+    }
+    SIM_LOG(INFO, "%s: %zu records, speed %g, %s", path != nullptr ? path : "no scenario",
+            mScenario.steps.size(), mScenario.speed, mScenario.loops ? "looping" : "once");
+    return true;
+}
+
+void Simulator::release() {
+    for (int* fd : {&mWakeFd, &mControlFd}) {
+        if (*fd >= 0) ::close(*fd);
+        *fd = -1;
+    }
+    mTrace.close();
+    mControlText.clear();
+    mInitialised.clear();
+    for (int side = 0; side < SIDES; ++side) {
+        mPairs[side].clear();
+        mCurrent[side].clear();
+    }
+    for (HoldBuffer& buffer : mBuffers) buffer = HoldBuffer();
+}
+
+int Simulator::close() {
+    std::thread thread;
+    {
+        android::Mutex::Autolock lock(mMutex);
+        if (mState != State::OPEN) return -EINVAL;
+        if (mThread.get_id() == std::this_thread::get_id()) {
+            SIM_LOG(ERROR, "close was called from inside a callback");
+            return -EDEADLK;
+        }
+        TraceLine line("close");
+        finish("close", line, 0);
+        mState = State::CLOSING;
+        thread.swap(mThread);
+        wake();
+    }
+    thread.join();
+    android::Mutex::Autolock lock(mMutex);
+    release();
+    mState = State::CLOSED;
+    return 0;
+}
+
+// Calls.
+
+int Simulator::finish(const char* native, TraceLine& line, int result) {
+    if (mState != State::OPEN) return -ENODEV;
+    if (result < 0) SIM_LOG(WARN, "%s refused: %s", native, strerror(-result));
+    mTrace.write(line.number("result", result));
+    return result;
+}
+
+void Simulator::traceInterface(const char* native) {
+    TraceLine line(native);
+    android::Mutex::Autolock lock(mMutex);
+    finish(native, line, 0);
+}
+
+void Simulator::registerActivityCallbacks(const activity_callbacks* callbacks) {
+    android::Mutex::Autolock lock(mMutex);
+    TraceLine line("register_activity_callbacks");
+    if (finish("register_activity_callbacks", line, 0) != 0) return;
+    mActivityCallbacks = callbacks;
+    startPlaying();
+}
+
+void Simulator::registerEnvironmentCallbacks(const environment_callbacks* callbacks) {
+    android::Mutex::Autolock lock(mMutex);
+    TraceLine line("register_environment_callbacks");
+    if (finish("register_environment_callbacks", line, 0) != 0) return;
+    mEnvironmentCallbacks = callbacks;
+    startPlaying();
+}
+
+void Simulator::startPlaying() {
+    if (mPlayer.isStarted()) return;
+    mPlayer.start(&mScenario, mClock.nowNs());
+    wake();
+}
+
+int Simulator::supportedList(Side side, char*** list) {
+    const char* native =
+            side == ACTIVITY ? "get_supported_activities_list" : "get_supported_environments_list";
+    android::Mutex::Autolock lock(mMutex);
+    TraceLine line(native);
+    if (list == nullptr) return finish(native, line, -EINVAL);
+    *list = mLists[side].data();
+    return finish(native, line, static_cast<int>(mLists[side].size()));
+}
+
+int Simulator::current(Side side, ar_context_event** events) {
+    // Other threads' queries must not change a snapshot that is still being read.
+    static thread_local ar_context_event snapshots[SIDES][ACTIVITY_RECOGNITION_MAX_CURRENT];
+    const char* native = side == ACTIVITY ? "get_current_activity" : "get_current_environment";
+    android::Mutex::Autolock lock(mMutex);
+    TraceLine line(native);
+    if (events == nullptr) return finish(native, line, -EINVAL);
+    if (mState == State::OPEN) play(mClock.nowNs());
+    std::copy(mCurrent[side].begin(), mCurrent[side].end(), snapshots[side]);
+    *events = snapshots[side];
+    return finish(native, line, static_cast<int>(mCurrent[side].size()));
+}
+
+int Simulator::checkPair(Side side, uint32_t what, uint32_t eventType) {
+    if (what >= mLists[side].size()) return -EINVAL;
+    return side == ACTIVITY && (eventType < 1 || eventType > 2) ? -EINVAL : 0;
+}
+
+void Simulator::enable(Side side, const PairKey& key, int64_t latencyNs, bool extended) {
+    if (mState != State::OPEN) return;
+    // What was due before this call is judged by what was enabled then.
+    play(mClock.nowNs());
+    Pair& pair = mPairs[side][key];
+    pair.latencyNs = latencyNs;
+    pair.extended = pair.extended || extended;
+    wake();
+}
+
+void Simulator::disable(Side side, const PairKey& key) {
+    if (mState != State::OPEN) return;
+    play(mClock.nowNs());
+    for (Kind kind : {Kind::PLAIN, Kind::EXTENDED, Kind::ENVIRONMENT}) {
+        if (sideOf(kind) == side) mBuffers[static_cast<int>(kind)].drop(key);
+    }
+    mPairs[side].erase(key);
+}
+
+int Simulator::enableActivity(uint32_t activity, uint32_t eventType, int64_t latencyNs) {
+    android::Mutex::Autolock lock(mMutex);
+    TraceLine line("enable_activity_event");
+    line.number("activity", activity).number("event_type", eventType);
+    line.number("latency_ns", latencyNs);
+    const int result = checkPair(ACTIVITY, activity, eventType);
+    if (result == 0) enable(ACTIVITY, {activity, eventType}, latencyNs, false);
+    return finish("enable_activity_event", line, result);
+}
+
+int Simulator::enableActivityExtend(uint32_t activity, uint32_t eventType, int64_t latencyNs,
+                                    const other_params* params) {
+    android::Mutex::Autolock lock(mMutex);
+    TraceLine line("enable_activity_event_extend");
+    line.number("activity", activity).number("event_type", eventType);
+    line.number("latency_ns", latencyNs).params(params);
+    const int result = params == nullptr ? -EINVAL : checkPair(ACTIVITY, activity, eventType);
+    if (result == 0) enable(ACTIVITY, {activity, eventType}, latencyNs, true);
+    return finish("enable_activity_event_extend", line, result);
+}
+
+int Simulator::disableActivity(uint32_t activity, uint32_t eventType) {
+    android::Mutex::Autolock lock(mMutex);
+    TraceLine line("disable_activity_event");
+    line.number("activity", activity).number("event_type", eventType);
+    const int result = checkPair(ACTIVITY, activity, eventType);
+    if (result == 0) disable(ACTIVITY, {activity, eventType});
+    return finish("disable_activity_event", line, result);
+}
+
+int Simulator::flush() {
+    android::Mutex::Autolock lock(mMutex);
+    TraceLine line("flush");
+    if (mState == State::OPEN) {
+        const int64_t nowNs = mClock.nowNs();
+        play(nowNs);
+        mBuffers[static_cast<int>(Kind::PLAIN)].flush(nowNs);
+        mBuffers[static_cast<int>(Kind::EXTENDED)].flush(nowNs);
+        wake();
+    }
+    return finish("flush", line, 0);
+}
+
+int Simulator::initEnvironment(uint32_t environment, const other_params* params) {
+    android::Mutex::Autolock lock(mMutex);
+    TraceLine line("init_environment");
+    line.number("environment", environment).params(params);
+    const int result = params == nullptr ? -EINVAL : checkPair(ENVIRONMENT, environment, 0);
+    if (result == 0 && mState == State::OPEN) mInitialised.insert(environment);
+    return finish("init_environment", line, result);
+}
+
+int Simulator::exitEnvironment(uint32_t environment, const other_params* params) {
+    android::Mutex::Autolock lock(mMutex);
+    TraceLine line("exit_environment");
+    line.number("environment", environment).params(params);
+    const int result = params == nullptr ? -EINVAL : checkPair(ENVIRONMENT, environment, 0);
+    if (result == 0) {
+        mInitialised.erase(environment);
+        const PairTable pairs = mPairs[ENVIRONMENT];
+        for (const auto& pair : pairs) {
+            if (pair.first.first == environment) disable(ENVIRONMENT, pair.first);
+        }
+    }
+    return finish("exit_environment", line, result);
+}
+
+int Simulator::enableEnvironment(uint32_t environment, uint32_t eventType, int64_t latencyNs,
+                                 const other_params* params) {
+    android::Mutex::Autolock lock(mMutex);
+    TraceLine line("enable_environment");
+    line.number("environment", environment).number("event_type", eventType);
+    line.number("latency_ns", latencyNs).params(params);
+    int result = params == nullptr ? -EINVAL : checkPair(ENVIRONMENT, environment, eventType);
+    if (result == 0 && mInitialised.count(environment) == 0) result = -EPERM;
+    if (result == 0) enable(ENVIRONMENT, {environment, eventType}, latencyNs, false);
+    return finish("enable_environment", line, result);
+}
+
+int Simulator::disableEnvironment(uint32_t environment, uint32_t eventType) {
+    android::Mutex::Autolock lock(mMutex);
+    TraceLine line("disable_environment");
+    line.number("environment", environment).number("event_type", eventType);
+    const int result = checkPair(ENVIRONMENT, environment, eventType);
+    if (result == 0) disable(ENVIRONMENT, {environment, eventType});
+    return finish("disable_environment", line, result);
+}
+
+// The thread.
+
+void Simulator::wake() {
+    // Fails only when the counter is full, and then the thread is awake anyway.
+    const uint64_t one = 1;
+    ssize_t ignored = ::write(mWakeFd, &one, sizeof(one));
+    (void)ignored;
+}
+
+void Simulator::run() {
+    mMutex.lock();
+    while (mState == State::OPEN) {
+        readControl();
+        const int64_t nowNs = mClock.nowNs();
+        play(nowNs);
+        if (sendDue(nowNs)) continue;
+
+        pollfd fds[] = {{mWakeFd, POLLIN, 0}, {mControlFd, POLLIN, 0}};
+        const int64_t leftNs = sleepNs();
+        timespec timeout = {static_cast<time_t>(leftNs / kNsPerSecond),
+                            static_cast<long>(leftNs % kNsPerSecond)};
+        mMutex.unlock();
+        ppoll(fds, 2, leftNs == INT64_MAX ? nullptr : &timeout, nullptr);
+        uint64_t drained = 0;
+        ssize_t ignored = ::read(fds[0].fd, &drained, sizeof(drained));
+        (void)ignored;
+        mMutex.lock();
+    }
+    mMutex.unlock();
+}
+
+void Simulator::readControl() {
+    char text[256];
+    ssize_t length = 0;
+    while (mControlFd >= 0 && (length = ::read(mControlFd, text, sizeof(text))) > 0) {
+        mControlText.append(text, static_cast<size_t>(length));
+    }
+    size_t end = 0;
+    for (size_t start = 0; (end = mControlText.find('\n')) != std::string::npos;) {
+        start = mControlText.find_first_not_of(" \t");
+        const size_t last = mControlText.find_last_not_of(" \t\r\n", end);
+        if (start < end && last != std::string::npos) {
+            mPlayer.release(mControlText.substr(start, last + 1 - start));
+        }
+        mControlText.erase(0, end + 1);
+    }
+}
+
+// Plays what is due; stops at a full buffer, which must be sent first.
+void Simulator::play(int64_t nowNs) {
+    Kind kind = Kind::PLAIN;
+    ar_context_event event = {};
+    while (std::none_of(mBuffers, mBuffers + kRecordKinds,
+                        [](const HoldBuffer& buffer) { return buffer.isFull(); }) &&
+           mPlayer.next(nowNs, &kind, &event)) {
+        const Side side = sideOf(kind);
+        std::vector<ar_context_event>& current = mCurrent[side];
+        current.erase(std::remove_if(current.begin(), current.end(),
+                                     [&](const ar_context_event& other) {
+                                         return other.activity == event.activity;
+                                     }),
+                      current.end());
+        current.push_back(event);
+        if (current.size() > ACTIVITY_RECOGNITION_MAX_CURRENT) current.erase(current.begin());
+
+        const auto pair = mPairs[side].find({event.activity, event.event_type});
+        if (pair == mPairs[side].end()) continue;
+        if (kind == Kind::EXTENDED && !pair->second.extended) continue;
+        mBuffers[static_cast<int>(kind)].add(event);
+    }
+}
+
+// Hands over one batch, without the lock; false when nothing is due.
+bool Simulator::sendDue(int64_t nowNs) {
+    Kind kind = Kind::PLAIN;
+    int64_t firstNs = INT64_MAX;
+    for (Kind candidate : {Kind::PLAIN, Kind::EXTENDED, Kind::ENVIRONMENT}) {
+        const int64_t deadlineNs =
+                mBuffers[static_cast<int>(candidate)].deadlineNs(mPairs[sideOf(candidate)]);
+        if (deadlineNs < firstNs) {
+            firstNs = deadlineNs;
+            kind = candidate;
+        }
+    }
+    if (firstNs > nowNs || firstNs == INT64_MAX) return false;
+
+    const std::vector<ar_context_event> events =
+            mBuffers[static_cast<int>(kind)].take(mPairs[sideOf(kind)], nowNs);
+    const int count = static_cast<int>(events.size());
+    const activity_callbacks* activityCallbacks = mActivityCallbacks;
+    const environment_callbacks* environmentCallbacks = mEnvironmentCallbacks;
+    const bool heard = kind == Kind::ENVIRONMENT ? environmentCallbacks != nullptr
+                                                 : activityCallbacks != nullptr;
+    if (!heard) return true;
+    if (mTrace.isOpen()) {
+        static const char* const natives[] = {"activity_changed", "activity_extend_changed",
+                                              "environment_changed"};
+        TraceLine line(natives[static_cast<int>(kind)]);
+        mTrace.write(line.events(events.data(), count, kind != Kind::PLAIN));
+    }
+    std::vector<activity_event> plain;
+    if (kind == Kind::PLAIN) {
+        for (const ar_context_event& event : events) {
+            plain.push_back({event.event_type, event.activity, event.timestamp, event.extra, {}});
+        }
+    }
+
+    mMutex.unlock();
+    switch (kind) {
+        case Kind::PLAIN:
+            activityCallbacks->activity_changed(plain.data(), count);
+            break;
+        case Kind::EXTENDED:
+            activityCallbacks->activity_extend_changed(events.data(), count);
+            break;
+        default:
+            environmentCallbacks->environment_changed(events.data(), count);
+            break;
+    }
+    mMutex.lock();
+    return true;
+}
+
+int64_t Simulator::sleepNs() const {
+    int64_t wakeNs = mPlayer.nextDueNs();
+    for (Kind kind : {Kind::PLAIN, Kind::EXTENDED, Kind::ENVIRONMENT}) {
+        wakeNs =
+                std::min(wakeNs, mBuffers[static_cast<int>(kind)].deadlineNs(mPairs[sideOf(kind)]));
+    }
+    return wakeNs == INT64_MAX ? INT64_MAX : mClock.untilNs(wakeNs);
+}
+
+}  // namespace ar_simulator

@@ -1,0 +1,99 @@
+// The engine behind the module's tables.
+#pragma once
+
+#include <stdint.h>
+
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <utils/Mutex.h>
+
+#include <zaltho/activity_recognition_native.h>
+
+#include "HoldBuffer.h"
+#include "Player.h"
+#include "Scenario.h"
+#include "Trace.h"
+
+#define AR_SIMULATOR_LOG_TAG "AR_simulator"
+
+namespace ar_simulator {
+
+enum Side { ACTIVITY, ENVIRONMENT, SIDES };
+
+// Lives as long as the process, like the tables that lead to it. Every method may be called from
+// any thread at any time, from inside callbacks too; only close() waits. Results are 0 or negative
+// errno values, or a count where the slot returns one.
+class Simulator {
+  public:
+    static Simulator& instance();
+
+    // Reads the environment variables and the scenario, starts the thread. -EINVAL when one of
+    // them is bad (the log says which), -EBUSY when open.
+    int open();
+    // Stops the thread, waits for a callback in progress. -EDEADLK on that thread.
+    int close();
+
+    void traceInterface(const char* native);
+    void registerActivityCallbacks(const activity_callbacks* callbacks);
+    void registerEnvironmentCallbacks(const environment_callbacks* callbacks);
+
+    // The list stays as it is until the next open().
+    int supportedList(Side side, char*** list);
+    // The snapshot belongs to the calling thread until it asks again for this side.
+    int current(Side side, ar_context_event** events);
+
+    int enableActivity(uint32_t activity, uint32_t eventType, int64_t latencyNs);
+    int enableActivityExtend(uint32_t activity, uint32_t eventType, int64_t latencyNs,
+                             const other_params* params);
+    int disableActivity(uint32_t activity, uint32_t eventType);
+    int flush();
+
+    int initEnvironment(uint32_t environment, const other_params* params);
+    int exitEnvironment(uint32_t environment, const other_params* params);
+    int enableEnvironment(uint32_t environment, uint32_t eventType, int64_t latencyNs,
+                          const other_params* params);
+    int disableEnvironment(uint32_t environment, uint32_t eventType);
+
+  private:
+    enum class State { CLOSED, OPEN, CLOSING };
+
+    bool configure() REQUIRES(mMutex);
+    void release() REQUIRES(mMutex);
+    int checkPair(Side side, uint32_t what, uint32_t eventType) REQUIRES(mMutex);
+    int finish(const char* native, TraceLine& line, int result) REQUIRES(mMutex);
+    void enable(Side side, const PairKey& key, int64_t latencyNs, bool extended) REQUIRES(mMutex);
+    void disable(Side side, const PairKey& key) REQUIRES(mMutex);
+
+    void startPlaying() REQUIRES(mMutex);
+    void wake() REQUIRES(mMutex);
+    void run();
+    void readControl() REQUIRES(mMutex);
+    void play(int64_t nowNs) REQUIRES(mMutex);
+    bool sendDue(int64_t nowNs) REQUIRES(mMutex);
+    int64_t sleepNs() const REQUIRES(mMutex);
+
+    android::Mutex mMutex;
+    State mState GUARDED_BY(mMutex) = State::CLOSED;
+    std::thread mThread GUARDED_BY(mMutex);
+    int mWakeFd GUARDED_BY(mMutex) = -1;
+    int mControlFd GUARDED_BY(mMutex) = -1;
+    std::string mControlText GUARDED_BY(mMutex);  // the last, incomplete line
+    Trace mTrace GUARDED_BY(mMutex);
+
+    Scenario mScenario GUARDED_BY(mMutex);
+    std::vector<char*> mLists[SIDES] GUARDED_BY(mMutex);
+    Clock mClock GUARDED_BY(mMutex);
+    Player mPlayer GUARDED_BY(mMutex);
+
+    const activity_callbacks* mActivityCallbacks GUARDED_BY(mMutex) = nullptr;
+    const environment_callbacks* mEnvironmentCallbacks GUARDED_BY(mMutex) = nullptr;
+    PairTable mPairs[SIDES] GUARDED_BY(mMutex);
+    std::set<uint32_t> mInitialised GUARDED_BY(mMutex);
+    HoldBuffer mBuffers[kRecordKinds] GUARDED_BY(mMutex);
+    std::vector<ar_context_event> mCurrent[SIDES] GUARDED_BY(mMutex);  // newest last
+};
+
+}  // namespace ar_simulator

@@ -1,0 +1,47 @@
+// The JSON trace: one object a line for every native call and every batch, as docs/scenarios.md
+// describes it.
+#pragma once
+
+#include <stdint.h>
+
+#include <string>
+
+#include <zaltho/activity_recognition_native.h>
+
+namespace ar_simulator {
+
+// CLOCK_MONOTONIC, nanoseconds.
+int64_t monotonicNs();
+
+// One line under construction.
+class TraceLine {
+  public:
+    explicit TraceLine(const char* native);
+
+    TraceLine& number(const char* key, int64_t value);
+    TraceLine& params(const other_params* params);
+    // Plain records carry no payload.
+    TraceLine& events(const ar_context_event* events, int count, bool withPayload);
+
+    std::string finish();
+
+  private:
+    std::string mText;
+};
+
+// Not thread-safe: the owner's lock orders the lines.
+class Trace {
+  public:
+    ~Trace() { close(); }
+
+    // Returns 0 or a negative errno value.
+    int open(const char* path);
+    void close();
+    bool isOpen() const { return mFd >= 0; }
+    void write(TraceLine& line);
+
+  private:
+    int mFd = -1;
+};
+
+}  // namespace ar_simulator

@@ -1,0 +1,40 @@
+// The sub-commands. Each returns kOk or throws Failure.
+#pragma once
+
+#include <string>
+
+#include "Failure.h"
+#include "Options.h"
+#include "Output.h"
+#include "Service.h"
+
+namespace activityctl {
+
+// Queries.cpp
+ExitStatus list(Side& side, Output& output);
+ExitStatus current(Side& side, Output& output);
+ExitStatus status(const Options& options, Output& output);
+
+// Control.cpp: one call per pair or environment, then done
+ExitStatus disable(Side& side, const Options& options, Output& output);
+ExitStatus flush(ActivitySide& side, Output& output);
+ExitStatus enableAndLeave(Side& side, const Options& options, Output& output);
+ExitStatus initEnvironments(EnvironmentSide& side, const Options& options, Output& output);
+ExitStatus exitEnvironments(EnvironmentSide& side, const Options& options, Output& output);
+
+// Watch.cpp: enables, stays, and on leaving disables what it enabled. quiet: prints no events.
+ExitStatus watch(Service& service, Side& side, const Options& options, Output& output, bool quiet);
+
+// Looks names up in the service's list; a pair without an event type becomes both.
+std::vector<Pair> resolve(const Side& side, const std::vector<std::string>& names,
+                          const std::vector<PairText>& texts, int64_t defaultLatencyNs);
+
+// enable() and disable() of a side; Failure(kRefused) names the pair and, as far as it can be known
+// from here, the reason.
+void enableOrFail(Side& side, const Pair& pair, const Extras& extras);
+void disableOrFail(Side& side, const Pair& pair);
+
+// Members "activity", "activity_name", "event_type" of a pair.
+nlohmann::json toJson(const Side& side, const Pair& pair);
+
+}  // namespace activityctl

@@ -1,0 +1,30 @@
+// The command line, understood but not yet carried out.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Service.h"
+#include "Text.h"
+
+namespace activityctl {
+
+struct Options {
+    std::string instance = "default";
+    Version version = Version::k1_1;
+    bool json = false;
+
+    std::vector<PairText> pairs;
+    int64_t latencyNs = 1'000'000'000;  // of pairs that bring none of their own
+    Extras extras;
+
+    // Watching, and holding an enable.
+    std::optional<uint64_t> count;  // events
+    std::optional<int64_t> forNs;
+    bool control = false;  // commands come on standard input
+    bool leave = false;    // enable and go, without registering
+};
+
+}  // namespace activityctl

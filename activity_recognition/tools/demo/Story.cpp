@@ -1,0 +1,251 @@
+#include "Story.h"
+
+#include <fmt/format.h>
+#include <signal.h>
+
+#include <cstdio>
+#include <stdexcept>
+
+namespace demo {
+namespace {
+
+using process_support::require;
+using Side = Model::Side;
+
+constexpr int64_t kSecond = 1'000'000'000;
+const Extras kNoWake{{1.0, 0.0, 0.0, 0.0}, "trip"};
+
+process_support::StageSetup setup(const std::string& scenarioPath) {
+    process_support::StageSetup setup;
+    setup.scenario = scenarioPath;
+    return setup;
+}
+
+}  // namespace
+
+Story::Story(const std::string& scenarioPath)
+    : mScenario(readScenario(scenarioPath)),
+      mModel(mScenario),
+      mStage(setup(scenarioPath)),
+      mTimeline(mScenario) {}
+
+bool Story::run() {
+    mStage.startService();
+    mStage.serving();
+    mTimeline.add("service", fmt::format("runs as process {}", mStage.service().pid()));
+
+    once({"env", "init", "home", "station"});
+    for (const char* environment : {"home", "station"}) {
+        mModel.initEnvironment(idOf(environment, mScenario.environments));
+    }
+    enter("house", Side::kEnvironment, true, {{"home", 1, "0", 0}, {"station", 3, "0", 0}});
+    enter("porch", Side::kEnvironment, false, {});
+    enter("commuter", Side::kActivity, true, {{"walking", 1, "5s", 5 * kSecond}});
+    enter("veteran", Side::kActivity, false, {{"still", 2, "3s", 3 * kSecond}});
+    enter("sleeper", Side::kActivity, true, {{"driving", 1, "1s", kSecond}}, &kNoWake);
+    enter("runner", Side::kActivity, true, {{"running", 1, "4s", 4 * kSecond}});
+    play("alone", true);
+    show("Every client alone on what it asked for. The version 1.0 client \"veteran\" also sees "
+         "what "
+         "the others get.");
+
+    enter("jogger", Side::kActivity, true, {{"walking", 1, "2.5s", kSecond * 5 / 2}});
+    play("joined", true);
+    show("A second client joins walking:1 with 2.5 s: the module is told 2 s, and asked what is "
+         "current for the joiner's barrier.");
+
+    killHard("runner");
+    play("one_killed", true);
+    show("SIGKILL for \"runner\". Its pair stays enabled in the module, so one batch holds events "
+         "that nobody, one and several asked for.");
+
+    enter("sprinter", Side::kActivity, true, {{"walking", 1, "1s", kSecond}});
+    killHard("sprinter");
+    play("fastest_killed", false);
+    show("The fastest client of walking:1 joins and is killed: the module is told nothing and goes "
+         "on reporting after its one second.");
+
+    enable("jogger", {"walking", 1, "3s", 3 * kSecond});
+    show("The next enable of the pair merges again: 3 s is the smallest latency now.");
+
+    disable("jogger", {"walking", 1, "", 0});
+    once({"env", "disable", "station:3"});
+    mModel.disableEnvironment(idOf("station", mScenario.environments), 3);
+    play("few_left", true);
+    show("The fastest client withdraws: the module is told the next latency up. Another process "
+         "disables an environment pair that \"house\" wanted, and the module obeys at once.");
+
+    for (const char* name : {"commuter", "veteran", "sleeper", "jogger", "house", "porch"}) {
+        leave(name);
+    }
+    show("Everybody leaves: the last request of a pair takes its enable with it.");
+
+    Comparison comparison;
+    for (const auto& actor : mActors) comparison.client(actor->name, *actor->client, mModel);
+    comparison.native(mStage.native(), mModel);
+    comparison.that(mModel.sawMixedBatch(),
+                    "no batch held events that nobody, one and several asked for");
+    fmt::print("\n{} processes served, {} checks against the model.\n", mActors.size(),
+               comparison.checks());
+    for (const std::string& difference : comparison.differences()) {
+        fmt::print("DIFFERENT  {}\n", difference);
+    }
+    return comparison.differences().empty();
+}
+
+std::string Story::label(const Actor& actor) const {
+    return fmt::format("{}[{}]", actor.name, actor.client->pid());
+}
+
+Story::Actor& Story::actor(const std::string& name) {
+    for (const auto& actor : mActors) {
+        if (actor->name == name) return *actor;
+    }
+    throw std::logic_error(name);
+}
+
+void Story::enter(const std::string& name, Side side, bool version11,
+                  const std::vector<Wish>& wishes, const Extras* extras) {
+    std::vector<std::string> arguments{"--interface", version11 ? "1.1" : "1.0"};
+    if (side == Side::kEnvironment) arguments.emplace_back("env");
+    arguments.insert(arguments.end(), {"watch", "--control"});
+    for (const Wish& wish : wishes) {
+        arguments.push_back(fmt::format("{}:{}@{}", wish.what, wish.eventType, wish.latency));
+    }
+    if (extras != nullptr) {
+        arguments.insert(arguments.end(),
+                         {"--params", fmt::format("{}", fmt::join(extras->params, ",")), "--name",
+                          extras->name});
+    }
+    auto actor = std::make_unique<Actor>();
+    actor->name = name;
+    actor->side = side;
+    actor->version11 = version11;
+    actor->wishes = wishes;
+    actor->client = mStage.readyClient(arguments);
+    mActors.push_back(std::move(actor));
+
+    mModel.addClient(name, side, version11);
+    for (const Wish& wish : wishes) {
+        if (side == Side::kActivity) {
+            mModel.enable(name, idOf(wish.what, mScenario.activities), wish.eventType,
+                          wish.latencyNs, extras);
+        } else {
+            mModel.enableEnvironment(idOf(wish.what, mScenario.environments), wish.eventType,
+                                     wish.latencyNs);
+        }
+    }
+}
+
+void Story::waitForDeath(const Actor& actor) {
+    // The notice has been dealt with when the next line of the handler is there too.
+    const std::string notice = fmt::format("serviceDied, cookie is {}", actor.client->pid());
+    auto handled = [&] {
+        const auto& lines = mStage.service().err().lines();
+        bool found = false;
+        for (const auto& line : lines) {
+            const size_t at = line.text.rfind(notice);
+            found = found || (at != std::string::npos && at + notice.size() == line.text.size());
+            if (found && line.text.find("Match, remainder") != std::string::npos) return true;
+        }
+        return false;
+    };
+    require(handled, "the death notice of " + label(actor),
+            [this] { return mStage.service().describe(); });
+}
+
+void Story::leave(const std::string& name) {
+    Actor& leaving = actor(name);
+    if (const int status = leaving.client->leave(); status != 0) {
+        throw std::runtime_error(leaving.client->process().describe());
+    }
+    waitForDeath(leaving);
+    for (const Wish& wish : leaving.wishes) {
+        if (leaving.side == Side::kActivity) {
+            mModel.disable(name, idOf(wish.what, mScenario.activities), wish.eventType);
+        } else {
+            mModel.disableEnvironment(idOf(wish.what, mScenario.environments), wish.eventType);
+        }
+    }
+    mModel.removeClient(name);
+}
+
+void Story::killHard(const std::string& name) {
+    Actor& victim = actor(name);
+    mTimeline.add(label(victim), "is killed with SIGKILL");
+    victim.client->process().signal(SIGKILL);
+    victim.client->process().waitExit();
+    waitForDeath(victim);
+    victim.wishes.clear();
+    mModel.removeClient(name);
+}
+
+void Story::enable(const std::string& name, const Wish& wish) {
+    Actor& asking = actor(name);
+    const size_t before = asking.client->output("enabled").size();
+    asking.client->command(fmt::format("enable {}:{}@{}", wish.what, wish.eventType, wish.latency));
+    asking.client->waitFor("enabled", before + 1);
+    mModel.enable(name, idOf(wish.what, mScenario.activities), wish.eventType, wish.latencyNs);
+}
+
+void Story::disable(const std::string& name, const Wish& wish) {
+    Actor& asking = actor(name);
+    asking.client->command(fmt::format("disable {}:{}", wish.what, wish.eventType));
+    asking.client->waitFor("disabled");
+    asking.wishes.clear();
+    mModel.disable(name, idOf(wish.what, mScenario.activities), wish.eventType);
+}
+
+void Story::once(const std::vector<std::string>& arguments) {
+    auto client = mStage.client(arguments);
+    if (client->process().waitExit() != 0) {
+        throw std::runtime_error(client->process().describe());
+    }
+}
+
+void Story::waitForDeliveries() {
+    for (const auto& actor : mActors) {
+        for (const auto& [call, events] : mModel.expected(actor->name)) {
+            actor->client->waitForEvents(call, events.size());
+        }
+    }
+}
+
+void Story::play(const std::string& stage, bool flush) {
+    mModel.play(stage);
+    mStage.release(stage);
+    if (flush) {
+        // Once its last record is here, the whole stage has been played, and can be flushed.
+        const auto expected = mModel.expected("house");
+        for (const auto& [call, events] : expected) {
+            actor("house").client->waitForEvents(call, events.size());
+        }
+        once({"flush"});
+        mModel.flush();
+    }
+    waitForDeliveries();
+
+    size_t batch = 0;
+    for (const auto& line : mStage.native()) {
+        if (line.at("native") != "activity_changed" || batch++ < mBatchesCounted) continue;
+        mModel.countCalls(line.at("events"));
+        ++mBatchesCounted;
+    }
+}
+
+void Story::show(const std::string& heading) {
+    process_support::drainOutput();
+    const auto& trace = mStage.native();
+    for (; mTraceShown < trace.size(); ++mTraceShown) mTimeline.addModule(trace[mTraceShown]);
+    for (const auto& actor : mActors) {
+        const auto& output = actor->client->output();
+        for (; actor->shown < output.size(); ++actor->shown) {
+            mTimeline.addClient(label(*actor), output[actor->shown]);
+        }
+    }
+    const auto& log = mStage.service().err().lines();
+    for (; mLogShown < log.size(); ++mLogShown) mTimeline.addLog(log[mLogShown]);
+    mTimeline.print(heading);
+}
+
+}  // namespace demo

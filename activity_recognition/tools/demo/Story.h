@@ -1,0 +1,67 @@
+// The demo's cast and its steps. Every step does the same thing twice: with real processes, and in
+// the model.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Comparison.h"
+#include "Model.h"
+#include "ScenarioFile.h"
+#include "Timeline.h"
+#include "process_support/Stage.h"
+
+namespace demo {
+
+class Story {
+  public:
+    explicit Story(const std::string& scenarioPath);
+
+    // Plays it all. Whether reality and model agree; the differences are printed.
+    bool run();
+
+  private:
+    struct Wish {
+        std::string what;
+        uint32_t eventType;
+        std::string latency;  // as written on the command line
+        int64_t latencyNs;    // what that is
+    };
+    struct Actor {
+        std::string name;
+        Model::Side side;
+        bool version11;
+        std::unique_ptr<process_support::Client> client;
+        std::vector<Wish> wishes;
+        size_t shown = 0;  // lines in the timeline
+    };
+
+    void enter(const std::string& name, Model::Side side, bool version11,
+               const std::vector<Wish>& wishes, const Extras* extras = nullptr);
+    void leave(const std::string& name);
+    void killHard(const std::string& name);
+    void enable(const std::string& name, const Wish& wish);
+    void disable(const std::string& name, const Wish& wish);
+    // A command that is a process of its own and ends at once.
+    void once(const std::vector<std::string>& arguments);
+    void play(const std::string& stage, bool flush);
+    void show(const std::string& heading);
+
+    void waitForDeath(const Actor& actor);
+    void waitForDeliveries();
+    std::string label(const Actor& actor) const;
+    Actor& actor(const std::string& name);
+
+    const ScenarioFile mScenario;
+    Model mModel;
+    process_support::Stage mStage;
+    Timeline mTimeline;
+    std::vector<std::unique_ptr<Actor>> mActors;  // in order of entering, also those that left
+    size_t mTraceShown = 0;
+    size_t mLogShown = 0;
+    size_t mBatchesCounted = 0;
+};
+
+}  // namespace demo
