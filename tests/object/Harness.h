@@ -8,7 +8,6 @@
 #include <atomic>
 #include <functional>
 #include <map>
-#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -33,6 +32,18 @@ using ::android::hardware::Status;
 using Lines = std::vector<std::string>;
 
 // The tables, for tests that no other thread disturbs.
+struct ClientTableTestPeer {
+    template <typename R>
+    static auto& of(RecipientTable<R>& on) NO_THREAD_SAFETY_ANALYSIS {
+        return on.mRecipients;
+    }
+    template <typename R>
+    static auto& of(SharedRecipient<R>& on) NO_THREAD_SAFETY_ANALYSIS {
+        return on.mRecipient;
+    }
+};
+using Recipients = ClientTableTestPeer;
+
 struct ActivityInterfaceTestPeer {
     using I = ActivityInterface;
     static auto& clientsV1_1() NO_THREAD_SAFETY_ANALYSIS { return I::mClientVectorV1_1; }
@@ -42,17 +53,15 @@ struct ActivityInterfaceTestPeer {
     static auto& lastEvents() NO_THREAD_SAFETY_ANALYSIS { return I::mLastActivityEvent; }
     static auto& reported() NO_THREAD_SAFETY_ANALYSIS { return I::packageNames; }
     static auto& natives(I& on) NO_THREAD_SAFETY_ANALYSIS { return on.mEnableToNativeData; }
-    static auto& recipients(I& on) NO_THREAD_SAFETY_ANALYSIS {
-        return on.mDeathRecipientVectorV1_1;
-    }
-    static auto& sharedRecipient(I& on) NO_THREAD_SAFETY_ANALYSIS { return on.mDeathRecipient; }
+    static auto& recipients(I& on) { return Recipients::of(on.mDeathRecipientVectorV1_1); }
+    static auto& sharedRecipient(I& on) { return Recipients::of(on.mDeathRecipient); }
 };
 
 struct EnvironmentInterfaceTestPeer {
     using I = EnvironmentInterface;
     static auto& clientsV1_1() NO_THREAD_SAFETY_ANALYSIS { return I::mClientVectorV1_1; }
     static auto& clientsV1_0() NO_THREAD_SAFETY_ANALYSIS { return I::mClientVectorV1_0; }
-    static auto& sharedRecipient(I& on) NO_THREAD_SAFETY_ANALYSIS { return on.mDeathRecipient; }
+    static auto& sharedRecipient(I& on) { return Recipients::of(on.mDeathRecipient); }
 };
 
 using Act = ActivityInterfaceTestPeer;
@@ -102,9 +111,8 @@ Lines Texts(const Records& records) {
     return lines;
 }
 
-// Log lines as "E AR_impl: text", in their order. All are also remembered for the whole run.
+// Log lines as "E AR_impl: text", in their order.
 Lines TakeLog();
-inline std::set<std::string> everLogged;
 
 // What the clients got, as "name plain (1,1,10,0)", in their order.
 Lines TakeJournal();

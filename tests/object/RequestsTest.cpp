@@ -5,7 +5,6 @@
 #include <memory>
 
 #include "Harness.h"
-#include "NativeParams.h"
 
 namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation { namespace {
 

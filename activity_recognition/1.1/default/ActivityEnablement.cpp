@@ -3,41 +3,16 @@
 #include <log/log.h>
 
 #include "ActivityInterface.h"
-#include "NativeParams.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
-using ::android::Mutex;
 
 namespace {
+
 constexpr int32_t kSuccess = 0;
 constexpr int32_t kFailure = 1;
+
 }  // namespace
-
-// A client's new request replaces its old one and becomes the last.
-void ActivityInterface::AddRequest(const EnableRequestData& request) {
-    Mutex::Autolock lock(eventMutex);
-    RemoveActivityEvent(request.pid, request.activity, request.event, mEventData);
-    mEventData.push_back(request);
-}
-
-int64_t ActivityInterface::MergedLatency(uint32_t activity, uint32_t event) {
-    Mutex::Autolock lock(eventMutex);
-    return MinReportLatencyNsFunc(activity, event, mEventData);
-}
-
-// A refusal takes the client's request away, the one that it replaced included: intended, the
-// client was told that it failed.
-int32_t ActivityInterface::ConcludeEnable(const EnableRequestData& request, bool joined,
-                                          bool accepted) {
-    if (!accepted) {
-        Mutex::Autolock lock(eventMutex);
-        RemoveActivityEvent(request.pid, request.activity, request.event, mEventData);
-        return kFailure;
-    }
-    if (joined) HandleFirstReport(request.pid, request.activity, request.event);
-    return kSuccess;
-}
 
 Return<int32_t> ActivityInterface::enableActivityEvent(uint32_t activity, uint32_t event,
                                                        int64_t reportLatencyNs) {
@@ -54,7 +29,7 @@ Return<int32_t> ActivityInterface::enableActivityEvent(uint32_t activity, uint32
 
     bool joins;
     {
-        Mutex::Autolock lock(mTableLock);
+        Mutex::Autolock lock(mNativeLock);
         joins = !FindEnableToNativeDataExist(activity, event, mEnableToNativeData);
     }
     bool accepted = false;
@@ -90,16 +65,16 @@ Return<int32_t> ActivityInterface::enableActivityEventExtend(uint32_t activity, 
 
     bool joins;
     {
-        // A record of process id 0 counts as none: intended, so a second one comes to stand.
-        Mutex::Autolock lock(mTableLock);
+        // A record of process id 0 counts as none here: a second one comes to stand.
+        Mutex::Autolock lock(mNativeLock);
         joins = FindEnableToNativeData(activity, event, mEnableToNativeData).pid != 0;
     }
+    // The module gets the caller's own parameters, also for a pair that others share.
     bool accepted;
     if (!joins) {
         accepted = UpdateEnableNativeExend(
                 {request.pid, activity, event, request.reportLatencyNs, noWake}, params);
     } else {
-        // The joiner's parameters, no merge of them: intended.
         accepted =
                 EnableActivityEvent(activity, event, MergedLatency(activity, event), params) == 0;
     }
@@ -108,10 +83,35 @@ Return<int32_t> ActivityInterface::enableActivityEventExtend(uint32_t activity, 
     return result;
 }
 
+// A client's new request replaces its old one and becomes the last.
+void ActivityInterface::AddRequest(const EnableRequestData& request) {
+    Mutex::Autolock lock(eventMutex);
+    RemoveActivityEvent(request.pid, request.activity, request.event, mEventData);
+    mEventData.push_back(request);
+}
+
+int64_t ActivityInterface::MergedLatency(uint32_t activity, uint32_t event) {
+    Mutex::Autolock lock(eventMutex);
+    return MinReportLatencyNsFunc(activity, event, mEventData);
+}
+
+// A refusal takes the client's request away. The one that it replaced is gone already: a client
+// whose re-enable fails has no request of the pair.
+int32_t ActivityInterface::ConcludeEnable(const EnableRequestData& request, bool joined,
+                                          bool accepted) {
+    if (!accepted) {
+        Mutex::Autolock lock(eventMutex);
+        RemoveActivityEvent(request.pid, request.activity, request.event, mEventData);
+        return kFailure;
+    }
+    if (joined) HandleFirstReport(request.pid, request.activity, request.event);
+    return kSuccess;
+}
+
 int32_t ActivityInterface::EnableActivityEvent(uint32_t activity, uint32_t event,
                                                int64_t reportLatencyNs, const OtherParams& params) {
     if (mImpl == nullptr || !NameFits(params)) {
-        // The same words for a name that is too long, and info where others say error: intended.
+        // The same words for a name that is too long.
         ALOGI("%s: mImpl interface is not available", "EnableActivityEvent");
         return kFailure;
     }
@@ -127,7 +127,7 @@ bool ActivityInterface::UpdateEnableNative(const EnableToNativeData& record) {
     if (mImpl->enable_activity_event(record.activity, record.event, record.reportLatencyNs) != 0) {
         return false;
     }
-    Mutex::Autolock lock(mTableLock);
+    Mutex::Autolock lock(mNativeLock);
     mEnableToNativeData.push_back(record);
     return true;
 }
@@ -137,13 +137,24 @@ bool ActivityInterface::UpdateEnableNativeExend(const EnableToNativeData& record
     if (EnableActivityEvent(record.activity, record.event, record.reportLatencyNs, params) != 0) {
         return false;
     }
-    Mutex::Autolock lock(mTableLock);
+    Mutex::Autolock lock(mNativeLock);
     mEnableToNativeData.push_back(record);
     return true;
 }
 
+void ActivityInterface::HandleFirstReport(uint64_t pid, uint32_t activity, uint32_t event) {
+    ar_context_event* current = nullptr;
+    const int count = mImpl->get_current_activity(&current);
+    // A module that counts records but hands over none is taken as one that has none.
+    if (count == 0 || (count > 0 && current == nullptr)) return;
+    // The last record in the module's order, not the newest time.
+    const int64_t barrier = count > 0 ? current[count - 1].timestamp : 0;
+    Mutex::Autolock lock(eventMutex);
+    RemoveFirst(pid, activity, event);
+    firstReport.push_back({pid, activity, event, barrier});
+}
+
 Return<int32_t> ActivityInterface::disableActivityEvent(uint32_t activity, uint32_t event) {
-    // The spelling is intended: whoever reads these logs matches on it.
     ALOGI("disableActivityEvent acivity[%d] event[%d]", activity, event);
     if (!ValidEventType(event)) return kFailure;
     const uint64_t pid = ClientKey(CallingPidOrZero());
@@ -161,6 +172,7 @@ Return<int32_t> ActivityInterface::disableActivityEvent(uint32_t activity, uint3
     return DisableOtherActivityEvent(activity, event) == 0 ? kSuccess : kFailure;
 }
 
+// Tells the module what those want of the pair who remain.
 int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t event) {
     bool remains = false;
     bool allExtended = true;
@@ -173,44 +185,25 @@ int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t
         }
         merged = MinReportLatencyNsFunc(activity, event, mEventData);
     }
-    if (remains) {
+    if (!remains) {
         {
-            Mutex::Autolock lock(mTableLock);
-            // The module is not told: intended, it was never told of the pair.
-            if (mEnableToNativeData.empty()) return -1;
+            Mutex::Autolock lock(mNativeLock);
+            RemoveEnableToNativeData(activity, event, mEnableToNativeData);
         }
-        if (mImpl == nullptr) return kFailure;
-        // One request without parameters makes the whole pair a plain one; other parameters than a
-        // no-wake request's are not passed on. Both intended.
-        return allExtended
-                       ? mImpl->enable_activity_event_extend(activity, event, merged, &noWakeParams)
-                       : mImpl->enable_activity_event(activity, event, merged);
+        // Without a module there is nobody to tell, and nobody left who could miss it.
+        return mImpl == nullptr ? kSuccess : mImpl->disable_activity_event(activity, event);
     }
     {
-        Mutex::Autolock lock(mTableLock);
-        RemoveEnableToNativeData(activity, event, mEnableToNativeData);
+        Mutex::Autolock lock(mNativeLock);
+        // As far as the table knows the module has nothing enabled, so it isn't told. It may have:
+        // the pair's record can have gone in another's place.
+        if (mEnableToNativeData.empty()) return -1;
     }
-    // Success without a module: intended, nobody is left who could still want the pair.
-    return mImpl == nullptr ? kSuccess : mImpl->disable_activity_event(activity, event);
-}
-
-Return<int32_t> ActivityInterface::flush() {
-    if (mImpl == nullptr) {
-        ALOGE("%s: mImpl interface is not available", "flush");
-        return kFailure;
-    }
-    return mImpl->flush() == 0 ? kSuccess : kFailure;
-}
-
-void ActivityInterface::HandleFirstReport(uint64_t pid, uint32_t activity, uint32_t event) {
-    ar_context_event* current = nullptr;
-    const int count = mImpl->get_current_activity(&current);
-    if (count == 0 || (count > 0 && current == nullptr)) return;
-    // The last record in the module's order, not the newest time.
-    const int64_t barrier = count > 0 ? current[count - 1].timestamp : 0;
-    Mutex::Autolock lock(eventMutex);
-    RemoveFirst(pid, activity, event);
-    firstReport.push_back({pid, activity, event, barrier});
+    if (mImpl == nullptr) return kFailure;
+    // A request whose first parameter is 0.0 makes the re-enable a plain one. Of the others'
+    // parameters only a no-wake request's are passed on, the last one's.
+    return allExtended ? mImpl->enable_activity_event_extend(activity, event, merged, &noWakeParams)
+                       : mImpl->enable_activity_event(activity, event, merged);
 }
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -20,6 +20,20 @@ ActivityRecognition::~ActivityRecognition() {
     mModule = nullptr;
 }
 
+// Leaves *side NULL when the module doesn't offer it or memory is short.
+template <typename Slot, typename Side>
+void ActivityRecognition::MakeOnce(Slot slot, sp<Side>* side, const char* notOffered,
+                                   const char* method, const char* noMemory) {
+    if (*side != nullptr) return;
+    const auto* impl = (mDevice->*slot)(mDevice);
+    if (impl == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, notOffered, method);
+        return;
+    }
+    *side = new (std::nothrow) Side(impl);
+    if (*side == nullptr) __android_log_write(ANDROID_LOG_ERROR, LOG_TAG, noMemory);
+}
+
 Return<sp<V1_0::IActivityInterface>> ActivityRecognition::getActivityInterface() {
     ALOGI("1.1 Activity compatible 1.0");
     (void)getActivityInterfaceV1_1().isOk();
@@ -33,32 +47,17 @@ Return<sp<V1_0::IEnvironmentInterface>> ActivityRecognition::getEnvironmentInter
 }
 
 Return<sp<V1_1::IActivityInterface>> ActivityRecognition::getActivityInterfaceV1_1() {
-    if (mActivityInterface != nullptr) return mActivityInterface;
-    const activity_interface* impl = mDevice->get_activity_interface(mDevice);
-    if (impl == nullptr) {
-        ALOGE("%s ActivityInterface interface not implemented by ar HAL",
-              "getActivityInterfaceV1_1");
-        return sp<V1_1::IActivityInterface>();
-    }
-    mActivityInterface = new (std::nothrow) ActivityInterface(impl);
-    if (mActivityInterface == nullptr) {
-        ALOGE("getActivityInterfaceV1_1 mActivityInterface new failed");
-    }
+    MakeOnce(&activity_recognition_device::get_activity_interface, &mActivityInterface,
+             AR_FORMAT("%s ActivityInterface interface not implemented by ar HAL", ""),
+             "getActivityInterfaceV1_1", "getActivityInterfaceV1_1 mActivityInterface new failed");
     return mActivityInterface;
 }
 
 Return<sp<V1_1::IEnvironmentInterface>> ActivityRecognition::getEnvironmentInterfaceV1_1() {
-    if (mEnvironmentInterface != nullptr) return mEnvironmentInterface;
-    const environment_interface* impl = mDevice->get_environment_interface(mDevice);
-    if (impl == nullptr) {
-        ALOGE("%s EnvironmentInterface interface not implemented by ar HAL",
-              "getEnvironmentInterfaceV1_1");
-        return sp<V1_1::IEnvironmentInterface>();
-    }
-    mEnvironmentInterface = new (std::nothrow) EnvironmentInterface(impl);
-    if (mEnvironmentInterface == nullptr) {
-        ALOGE("getEnvironmentInterfaceV1_1 mEnvironmentInterface new failed");
-    }
+    MakeOnce(&activity_recognition_device::get_environment_interface, &mEnvironmentInterface,
+             AR_FORMAT("%s EnvironmentInterface interface not implemented by ar HAL", ""),
+             "getEnvironmentInterfaceV1_1",
+             "getEnvironmentInterfaceV1_1 mEnvironmentInterface new failed");
     return mEnvironmentInterface;
 }
 
@@ -72,7 +71,6 @@ V1_1::IActivityRecognition* HIDL_FETCH_IActivityRecognition(const char* /*name*/
     hw_device_t* device = nullptr;
     rc = module->methods->open(module, ACTIVITY_RECOGNITION_HARDWARE_INTERFACE, &device);
     if (rc != 0) {
-        // Info, not error: intended, the same line tells of success below.
         ALOGI("activity_recognition_impl V1.1 open %s result: %d",
               ACTIVITY_RECOGNITION_HARDWARE_INTERFACE, rc);
         return nullptr;
@@ -81,7 +79,7 @@ V1_1::IActivityRecognition* HIDL_FETCH_IActivityRecognition(const char* /*name*/
             reinterpret_cast<activity_recognition_module*>(const_cast<hw_module_t*>(module)),
             reinterpret_cast<activity_recognition_device*>(device));
     if (root == nullptr) {
-        // The device stays open, and the line below is not written: both intended.
+        // The device stays open.
         ALOGE("iface new failed");
         return nullptr;
     }

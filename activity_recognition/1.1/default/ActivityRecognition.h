@@ -8,8 +8,10 @@
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
-// Without a lock: a first request for an interface must not race with another first request for
-// it, and the process uses one root object. The service sees to both.
+// Without a lock: a first request for a side must not race with another request for it, nor may a
+// process have a second root object. The service asks for both sides before anybody else can. A
+// side that is NULL then is asked for again with each request, and once the module offers it, two
+// such requests at the same time race.
 class ActivityRecognition : public V1_1::IActivityRecognition {
   public:
     // Takes over the device, which it closes; the module is kept, never released.
@@ -23,6 +25,10 @@ class ActivityRecognition : public V1_1::IActivityRecognition {
     Return<sp<V1_1::IEnvironmentInterface>> getEnvironmentInterfaceV1_1() override;
 
   private:
+    template <typename Slot, typename Side>
+    void MakeOnce(Slot slot, sp<Side>* side, const char* notOffered, const char* method,
+                  const char* noMemory);
+
     activity_recognition_device* mDevice;
     activity_recognition_module* mModule;
     sp<ActivityInterface> mActivityInterface;

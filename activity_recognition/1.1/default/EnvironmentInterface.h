@@ -1,14 +1,13 @@
 // The environment side: passes clients' control calls straight to the native module and sends
-// every event to every client. It keeps no record of who asked for what: intended, the module
-// does its own bookkeeping.
+// every event to every client. It keeps no record of who asked for what: one client's disable is
+// the module's, whatever other clients still want.
 //
 // Unlike the activity side, both versions refuse a process's second callback, share one death
 // recipient, and count a caller without binder state as process 1.
 //
-// Sources: EnvironmentRegistry (life, registration, death), EnvironmentControl,
-// EnvironmentDelivery, EnvironmentQueries. Conversions are the activity side's.
-//
 // Threads and locks: as on the activity side, with one mListMutex of its own and a leaf lock.
+//
+// Spelling and levels of the log texts, and the numbers in them, are as log readers match them.
 #pragma once
 
 #include <stdint.h>
@@ -19,21 +18,25 @@
 #include <vendor/zaltho/hardware/activity_recognition/1.1/IEnvironmentInterface.h>
 #include <zaltho/activity_recognition_native.h>
 
-#include "ClientRecords.h"
-#include "ClientRegistry.h"
+#include "ClientTable.h"
+#include "Conversions.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
+
 using V1_0::OtherParams;
 
 class EnvironmentInterface : public V1_1::IEnvironmentInterface {
   public:
-    using RemoteListenerHidlDeathRecipient = ClientDeathRecipient<EnvironmentInterface>;
-
     // impl: the module's table, not owned, valid for the process's life; NULL makes an object whose
     // operations fail one by one. A second instance while one lives ends the process.
     explicit EnvironmentInterface(const environment_interface* impl);
     ~EnvironmentInterface() override;
+
+    // What a client's death is linked with; it hands on the notice.
+    using RemoteListenerHidlDeathRecipient = ClientDeathRecipient<EnvironmentInterface>;
+    // cookie: the process id given at registration. who: the dead callback.
+    void HandleHidlDeath(uint64_t cookie, const wp<IBase>& who) EXCLUDES(mListMutex);
 
     Return<void> registerEnvironmentCallback(
             const sp<V1_0::IEnvironmentChangedCallback>& callback) override;
@@ -49,16 +52,13 @@ class EnvironmentInterface : public V1_1::IEnvironmentInterface {
             const sp<V1_1::IEnvironmentChangedCallback>& callback) override;
     Return<void> getCurrentEnvironmentV1_1(getCurrentEnvironmentV1_1_cb answer) override;
 
-    // cookie: the process id given at registration. who: the dead callback.
-    void HandleHidlDeath(uint64_t cookie, const wp<IBase>& who) EXCLUDES(mListMutex);
-
   private:
     friend struct EnvironmentInterfaceTestPeer;
-    struct Registration;
-    struct RegistrationV1_0;
-    struct RegistrationV1_1;
 
-    sp<RemoteListenerHidlDeathRecipient> SharedRecipient() EXCLUDES(mRecipientLock);
+    // One control call with parameters. refusal: the log's format, of the method's name.
+    template <typename Slot, typename... Arguments>
+    int32_t Control(Slot slot, const char* refusal, const char* method, const OtherParams& params,
+                    Arguments... arguments);
 
     // What the module calls; 1 to ACTIVITY_RECOGNITION_MAX_EVENTS records, read during the call.
     static void EnvChangedCb(const ar_context_event* events, int count) EXCLUDES(mListMutex);
@@ -67,10 +67,10 @@ class EnvironmentInterface : public V1_1::IEnvironmentInterface {
 
     const environment_interface* const mImpl;
     // Of all registrations of both versions.
-    sp<RemoteListenerHidlDeathRecipient> mDeathRecipient GUARDED_BY(mRecipientLock);
-    ::android::Mutex mRecipientLock;  // leaf lock
+    SharedRecipient<EnvironmentInterface> mDeathRecipient;
 
-    static ::android::Mutex mListMutex;
+    // Defined in this order, which is that of construction at load.
+    static Mutex mListMutex;
     static ClientTable<V1_1::IEnvironmentChangedCallback> mClientVectorV1_1 GUARDED_BY(mListMutex);
     static ClientTable<V1_0::IEnvironmentChangedCallback> mClientVectorV1_0 GUARDED_BY(mListMutex);
     // Unguarded: objects are made and dropped by the root object alone.

@@ -1,32 +1,26 @@
-// The tables that delivery looks into for every record.
+// A table in insertion order that is also found by key.
 #pragma once
 
 #include <stdint.h>
 #include <sys/types.h>
 
 #include <unordered_map>
+#include <utility>
 #include <vector>
-
-#include "Records.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
-// What delivery finds records by. Fields that a table's key leaves out are 0.
-struct RecordKey {
-    uint64_t pid;
-    uint32_t activity;
-    uint32_t event;
 
-    bool operator==(const RecordKey& other) const {
-        return pid == other.pid && activity == other.activity && event == other.event;
+// Hashes numbers and nested pairs of them. The factor is 2^64 over the golden ratio: it spreads
+// neighbouring numbers.
+struct KeyHash {
+    size_t operator()(uint64_t number) const {
+        const uint64_t spread = number * 0x9e3779b97f4a7c15;
+        return spread ^ (spread >> 32);
     }
-};
-
-struct RecordKeyHash {
-    size_t operator()(const RecordKey& key) const {
-        uint64_t mixed = key.pid * 0x9e3779b97f4a7c15;
-        mixed ^= ((uint64_t(key.activity) << 32) | key.event) * 0xc2b2ae3d27d4eb4f;
-        return mixed ^ (mixed >> 32);
+    template <typename First, typename Second>
+    size_t operator()(const std::pair<First, Second>& key) const {
+        return (*this)((*this)(key.first) + (*this)(key.second));
     }
 };
 
@@ -34,11 +28,14 @@ struct RecordKeyHash {
 // order; a removal closes the gap. The index is made when it is asked for: appending keeps it,
 // removing drops it. So a table that only clients' requests touch costs no more than a vector.
 //
-// KeyOf: a function object from a record to its RecordKey. A record's key fields never change
-// while it stands in the table. Locks nothing: its owner's lock guards the index too.
+// KeyOf: a function object from a record to its key, a number or a pair of keys. What the key is
+// made of never changes while the record stands in the table. Locks nothing: its owner's lock
+// guards the index too.
 template <typename Record, typename KeyOf>
 class IndexedTable {
   public:
+    using Key = decltype(KeyOf()(std::declval<Record>()));
+
     size_t size() const { return mRecords.size(); }
     bool empty() const { return mRecords.empty(); }
     Record& operator[](size_t index) { return mRecords[index]; }
@@ -72,7 +69,7 @@ class IndexedTable {
     }
 
     // Where the records of the key stand, ascending. Valid until the table changes.
-    const std::vector<uint32_t>& positionsOf(const RecordKey& key) {
+    const std::vector<uint32_t>& positionsOf(const Key& key) {
         static const std::vector<uint32_t> kNone;
         if (!mIndexed) makeIndex();
         const auto found = mIndex.find(key);
@@ -80,7 +77,7 @@ class IndexedTable {
     }
 
     // Where the first record of the key stands, or -1.
-    ssize_t firstOf(const RecordKey& key) {
+    ssize_t firstOf(const Key& key) {
         const std::vector<uint32_t>& positions = positionsOf(key);
         return positions.empty() ? -1 : static_cast<ssize_t>(positions.front());
     }
@@ -96,26 +93,8 @@ class IndexedTable {
     }
 
     std::vector<Record> mRecords;
-    std::unordered_map<RecordKey, std::vector<uint32_t>, RecordKeyHash> mIndex;
+    std::unordered_map<Key, std::vector<uint32_t>, KeyHash> mIndex;
     bool mIndexed = false;
 };
-
-struct KeyByPair {
-    RecordKey operator()(const EnableRequestData& r) const { return {0, r.activity, r.event}; }
-};
-struct KeyByClientAndPair {
-    RecordKey operator()(const FirstReport& r) const { return {r.pid, r.activity, r.event}; }
-};
-struct KeyByClientAndActivity {
-    RecordKey operator()(const EventResponseData& r) const { return {r.pid, r.activity, 0}; }
-};
-struct KeyByClient {
-    RecordKey operator()(uint64_t pid) const { return {pid, 0, 0}; }
-};
-
-using EnableRequestTable = IndexedTable<EnableRequestData, KeyByPair>;
-using FirstReportTable = IndexedTable<FirstReport, KeyByClientAndPair>;
-using LastEventTable = IndexedTable<EventResponseData, KeyByClientAndActivity>;
-using ClientList = IndexedTable<uint64_t, KeyByClient>;
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

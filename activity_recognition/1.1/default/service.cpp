@@ -29,13 +29,8 @@ int main() {
               IActivityRecognition::descriptor);
         return EXIT_FAILURE;
     }
-    if (root->isRemote()) {
-        ALOGE("%s is served by another process already", IActivityRecognition::descriptor);
-        return EXIT_FAILURE;
-    }
-
     // The root object makes each side on its first request, without a lock: asked for here, before
-    // anybody else can ask, no two first requests meet. A side that the module lacks is no error.
+    // anybody else can ask, first requests don't meet. A side that the module lacks is no error.
     if (!root->getActivityInterfaceV1_1().isOk() || !root->getEnvironmentInterfaceV1_1().isOk()) {
         ALOGE("The implementation of %s does not answer", IActivityRecognition::descriptor);
         return EXIT_FAILURE;

@@ -1,14 +1,20 @@
 // What the activity side keeps about requests, native enables, barriers and routed events.
-// All are plain values, copied freely; none owns anything.
+// All records are plain values, copied freely; none owns anything.
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 
+#include <utility>
+#include <vector>
+
 #include <zaltho/activity_recognition_native.h>
+
+#include "IndexedTable.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
+
 // One client's standing request.
 struct EnableRequestData {
     uint64_t pid;
@@ -65,8 +71,27 @@ struct ZqActivityRecognitionExtEvent {
 };
 static_assert(offsetof(ZqActivityRecognitionExtEvent, extra) == 80, "record changed");
 
-inline ZqActivityRecognitionExtEvent ToExtEvent(const EventResponseData& routed) {
-    return {routed.activity, routed.event, routed.timestamp, {}, routed.extra};
-}
+using PairKey = std::pair<uint32_t, uint32_t>;            // activity, event
+using ClientPairKey = std::pair<uint64_t, PairKey>;       // process id, pair
+using ClientActivityKey = std::pair<uint64_t, uint32_t>;  // process id, activity
+
+struct PairOf {
+    PairKey operator()(const EnableRequestData& r) const { return {r.activity, r.event}; }
+};
+struct ClientPairOf {
+    ClientPairKey operator()(const FirstReport& r) const { return {r.pid, {r.activity, r.event}}; }
+};
+struct ClientActivityOf {
+    ClientActivityKey operator()(const EventResponseData& r) const { return {r.pid, r.activity}; }
+};
+struct Itself {
+    uint64_t operator()(uint64_t pid) const { return pid; }
+};
+
+using EnableRequestTable = IndexedTable<EnableRequestData, PairOf>;
+using EnableToNativeTable = std::vector<EnableToNativeData>;
+using FirstReportTable = IndexedTable<FirstReport, ClientPairOf>;
+using LastEventTable = IndexedTable<EventResponseData, ClientActivityOf>;
+using ClientList = IndexedTable<uint64_t, Itself>;
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

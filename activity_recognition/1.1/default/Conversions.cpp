@@ -1,9 +1,8 @@
-#include <string.h>
-
-#include "ActivityInterface.h"
+#include "Conversions.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
+
 namespace {
 
 // The service never reads past the field, even if the module leaves out the terminator.
@@ -13,26 +12,15 @@ namespace {
 
 }  // namespace
 
-ActivityEvent ActivityInterface::convertAEToAEV1_0(const activity_event& event) {
-    ActivityEvent record;
-    memset(&record, 0, sizeof(record));
-    record.eventType = event.event_type;
-    record.activity = event.activity;
-    record.timestamp = event.timestamp;
-    return record;
+ActivityEvent RecordConversions::convertAEToAEV1_0(const activity_event& event) {
+    return MakeEventV1_0(event.event_type, event.activity, event.timestamp);
 }
 
-ActivityEventV1_1 ActivityInterface::convertAEToAEV1_1(const activity_event& event) {
-    ActivityEventV1_1 record;
-    memset(&record, 0, sizeof(record));
-    record.eventType = event.event_type;
-    record.activity = event.activity;
-    record.timestamp = event.timestamp;
-    record.extra = event.extra;
-    return record;
+ActivityEventV1_1 RecordConversions::convertAEToAEV1_1(const activity_event& event) {
+    return MakeEventV1_1(event.event_type, event.activity, event.timestamp, event.extra);
 }
 
-ActivityEventExtend ActivityInterface::convertACEToAEEV1_0(const ar_context_event& event) {
+ActivityEventExtend RecordConversions::convertACEToAEEV1_0(const ar_context_event& event) {
     ActivityEventExtend record;
     memset(static_cast<void*>(&record), 0, offsetof(ActivityEventExtend, name));
     record.eventType = event.event_type;
@@ -44,13 +32,21 @@ ActivityEventExtend ActivityInterface::convertACEToAEEV1_0(const ar_context_even
     return record;
 }
 
-ActivityEventExtendV1_1 ActivityInterface::convertACEToAEEV1_1(const ar_context_event& event) {
+ActivityEventExtendV1_1 RecordConversions::convertACEToAEEV1_1(const ar_context_event& event) {
     static_assert(offsetof(ActivityEventExtendV1_1, name) == offsetof(ar_context_event, name),
                   "the records are alike up to the name");
     ActivityEventExtendV1_1 record;
     memcpy(static_cast<void*>(&record), &event, offsetof(ar_context_event, name));
     record.name = NameOf(event);
     return record;
+}
+
+other_params ToNativeParams(const V1_0::OtherParams& params) {
+    other_params native;
+    memset(&native, 0, sizeof(native));
+    memcpy(native.params, params.params.data(), sizeof(native.params));
+    memcpy(native.name, params.name.c_str(), params.name.size());
+    return native;
 }
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -1,5 +1,7 @@
-// Lists of client records, padding included: records go to other processes byte for byte, and a
-// plain assignment may leave out padding and so send along whatever stood there before.
+// Records on their way between the native module and clients, in both directions.
+//
+// Lists of client records are made padding included: they go to other processes byte for byte, and
+// a plain assignment may leave out padding and so send along whatever stood there before.
 #pragma once
 
 #include <stddef.h>
@@ -12,8 +14,11 @@
 #include <vendor/zaltho/hardware/activity_recognition/1.1/types.h>
 #include <zaltho/activity_recognition_native.h>
 
+#include "RequestTables.h"
+
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
+
 using V1_0::ActivityEvent;
 using V1_0::ActivityEventExtend;
 
@@ -55,6 +60,63 @@ AR_RECORD_AT(ActivityEventExtendV1_1, name, 56);
 
 #undef AR_RECORD_AT
 #undef AR_RECORD_SIZE
+
+// Plain client records, padding zero.
+inline ActivityEvent MakeEventV1_0(uint32_t eventType, uint32_t activity, int64_t timestamp) {
+    ActivityEvent record;
+    memset(&record, 0, sizeof(record));
+    record.eventType = eventType;
+    record.activity = activity;
+    record.timestamp = timestamp;
+    return record;
+}
+
+inline ActivityEventV1_1 MakeEventV1_1(uint32_t eventType, uint32_t activity, int64_t timestamp,
+                                       uint32_t extra) {
+    ActivityEventV1_1 record;
+    memset(&record, 0, sizeof(record));
+    record.eventType = eventType;
+    record.activity = activity;
+    record.timestamp = timestamp;
+    record.extra = extra;
+    return record;
+}
+
+// From the module to clients. The base of ActivityInterface, which has them as members; nobody
+// makes one. Each starts from a zero-filled record. The version 1.0 form of an extended record has
+// no extra, and value in its place: clients of that version are built on this layout.
+struct RecordConversions {
+    static ActivityEvent convertAEToAEV1_0(const activity_event& event);
+    static ActivityEventV1_1 convertAEToAEV1_1(const activity_event& event);
+    static ActivityEventExtend convertACEToAEEV1_0(const ar_context_event& event);
+    static ActivityEventExtendV1_1 convertACEToAEEV1_1(const ar_context_event& event);
+};
+
+// A routed event, from the batch to its client's form, and on to each version's record.
+inline ZqActivityRecognitionExtEvent ToExtEvent(const EventResponseData& routed) {
+    return {routed.activity, routed.event, routed.timestamp, {}, routed.extra};
+}
+inline ActivityEvent ToEventV1_0(const ZqActivityRecognitionExtEvent& event) {
+    return MakeEventV1_0(event.event, event.activity, event.timestamp);
+}
+inline ActivityEventV1_1 ToEventV1_1(const ZqActivityRecognitionExtEvent& event) {
+    return MakeEventV1_1(event.event, event.activity, event.timestamp, event.extra);
+}
+
+// Whether a client's parameters have room in the native form. A longer name is refused before any
+// native call.
+inline bool NameFits(const V1_0::OtherParams& params) {
+    return params.name.size() <= ACTIVITY_RECOGNITION_NAME_SIZE;
+}
+
+// Requires NameFits(params). A name of exactly ACTIVITY_RECOGNITION_NAME_SIZE characters fills the
+// field without a terminator; the module takes it as a bounded field.
+other_params ToNativeParams(const V1_0::OtherParams& params);
+
+// Whether a count of native records lies in 1 to most: one comparison, 0 and negative counts wrap.
+inline bool CountFits(int count, uint32_t most) {
+    return static_cast<uint32_t>(count) - 1 < most;
+}
 
 // Assigns a record with its padding.
 inline void AssignWhole(const ActivityEvent& from, ActivityEvent* to) {

@@ -1,0 +1,94 @@
+#define LOG_TAG "AR_impl"
+
+#include "ActivityInterface.h"
+
+#include <log/log.h>
+
+#include "NativeQueries.h"
+
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
+
+namespace {
+
+constexpr QueryTexts kSupported = {
+        LOG_TAG,
+        AR_FORMAT("%s: mImpl interface is not available", ""),
+        AR_FORMAT("%s: can not get support activity, list_size(%d)", "", 0),
+        "getSupportedActivitiesList",
+        "getSupportedActivitiesList hidl string new failed",
+};
+constexpr QueryTexts kCurrentV1_0 = {
+        LOG_TAG,
+        AR_FORMAT("%s: mImpl V1_0 interface is not available", ""),
+        AR_FORMAT("%s: mImpl V1_0 getCurrentActivity error size(%d)", "", 0),
+        "getCurrentActivity",
+        nullptr,
+};
+constexpr QueryTexts kCurrentV1_1 = {
+        LOG_TAG,
+        AR_FORMAT("%s: mImpl V1_1 interface is not available", ""),
+        AR_FORMAT("%s: mImpl V1_1 getCurrentActivity error size(%d)", "", 0),
+        "getCurrentActivityV1_1",
+        nullptr,
+};
+
+}  // namespace
+
+// At unload they go in reverse.
+Mutex ActivityInterface::mListMutex;
+Mutex ActivityInterface::eventMutex;
+Mutex ActivityInterface::sLastEventLock;
+ClientTable<V1_1::IActivityChangedCallback> ActivityInterface::mClientVectorV1_1;
+ClientTable<V1_0::IActivityChangedCallback> ActivityInterface::mClientVectorV1_0;
+LastEventTable ActivityInterface::mLastActivityEvent;
+EnableRequestTable ActivityInterface::mEventData;
+FirstReportTable ActivityInterface::firstReport;
+ClientList ActivityInterface::packageNames;
+bool ActivityInterface::sInterfaceExists = false;
+const activity_callbacks ActivityInterface::sActCb = {ActChangedCb, ActExtendChangedCb};
+
+ActivityInterface::ActivityInterface(const activity_interface* impl)
+    : mDeathRecipient(this), mImpl(impl) {
+    ALOGI("Construct ActivityInterface");
+    LOG_ALWAYS_FATAL_IF(sInterfaceExists);
+    if (mImpl != nullptr) {
+        mImpl->register_activity_callbacks(&sActCb);
+    } else {
+        ALOGE("%s: mImpl interface is not available", "ActivityInterface");
+    }
+    sInterfaceExists = true;
+}
+
+// Unlinks nobody and tells the module nothing: sActCb stays valid, and the requests stay.
+ActivityInterface::~ActivityInterface() {
+    ALOGI("Deconstruct ActivityInterface");
+    sInterfaceExists = false;
+    mClientVectorV1_0.clear();
+    mClientVectorV1_1.clear();
+}
+
+Return<void> ActivityInterface::getSupportedActivitiesList(getSupportedActivitiesList_cb answer) {
+    return AnswerNames(mImpl, &activity_interface::get_supported_activities_list, answer,
+                       kSupported);
+}
+
+Return<void> ActivityInterface::getCurrentActivity(getCurrentActivity_cb answer) {
+    return AnswerCurrent(mImpl, &activity_interface::get_current_activity, convertACEToAEEV1_0,
+                         answer, kCurrentV1_0);
+}
+
+Return<void> ActivityInterface::getCurrentActivityV1_1(getCurrentActivityV1_1_cb answer) {
+    return AnswerCurrent(mImpl, &activity_interface::get_current_activity, convertACEToAEEV1_1,
+                         answer, kCurrentV1_1);
+}
+
+Return<int32_t> ActivityInterface::flush() {
+    if (mImpl == nullptr) {
+        ALOGE("%s: mImpl interface is not available", "flush");
+        return 1;
+    }
+    return mImpl->flush() == 0 ? 0 : 1;
+}
+
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -1,0 +1,293 @@
+// Clients: who is calling, and for one interface version of one side registration, death and
+// broadcast. All versions and sides have these in common; they differ in the arguments.
+#pragma once
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <algorithm>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include <android/hidl/base/1.0/IBase.h>
+#include <hidl/HidlSupport.h>
+#include <hidl/Status.h>
+#include <hwbinder/IPCThreadState.h>
+#include <log/log.h>
+#include <utils/KeyedVector.h>
+#include <utils/Mutex.h>
+#include <utils/RefBase.h>
+
+#include "Conversions.h"
+#include "LogTexts.h"
+
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
+
+using ::android::Mutex;
+using ::android::sp;
+using ::android::wp;
+using ::android::hardware::hidl_vec;
+using ::android::hardware::Return;
+using ::android::hardware::Void;
+using ::android::hidl::base::V1_0::IBase;
+
+// Reads the process id of the caller that this thread is serving; outside any call that is this
+// process itself. False, with *pid as it was, when the thread has no binder state.
+inline bool ReadCallingPid(int32_t* pid) {
+    const auto* state = ::android::hardware::IPCThreadState::self();
+    if (state == nullptr) return false;
+    *pid = state->getCallingPid();
+    return true;
+}
+
+// As above; 0 without binder state.
+inline int32_t CallingPidOrZero() {
+    int32_t pid = 0;
+    ReadCallingPid(&pid);
+    return pid;
+}
+
+// The key of a client in every table, and its death cookie: sign-extended.
+inline uint64_t ClientKey(int32_t pid) {
+    return static_cast<uint64_t>(static_cast<int64_t>(pid));
+}
+
+// Callback to the process id that registered it, ordered by the callbacks' addresses.
+template <typename Callback>
+using ClientTable = ::android::KeyedVector<sp<Callback>, unsigned long>;
+
+// Hands death notices to the object that linked it. It holds that object and is held by it, and
+// nobody breaks the circle: a working object lives as long as the process once a client has
+// registered.
+template <typename Owner>
+class ClientDeathRecipient : public ::android::hardware::hidl_death_recipient {
+  public:
+    explicit ClientDeathRecipient(const sp<Owner>& owner) : mOwner(owner) {}
+
+    void serviceDied(uint64_t cookie, const wp<IBase>& who) override {
+        mOwner->HandleHidlDeath(cookie, who);
+    }
+
+  private:
+    const sp<Owner> mOwner;
+};
+
+// The one recipient of registrations that share it. Owner: whom it tells of deaths.
+template <typename Owner>
+class SharedRecipient {
+  public:
+    using Recipient = ClientDeathRecipient<Owner>;
+
+    explicit SharedRecipient(Owner* owner) : mOwner(owner) {}
+
+    // Made for the first registration. NULL when memory is short; the next one tries again.
+    sp<Recipient> getOrMake() EXCLUDES(mLock) {
+        Mutex::Autolock lock(mLock);
+        if (mRecipient == nullptr) mRecipient = new (std::nothrow) Recipient(mOwner);
+        return mRecipient;
+    }
+    // NULL before the first registration.
+    sp<Recipient> get() const EXCLUDES(mLock) {
+        Mutex::Autolock lock(mLock);
+        return mRecipient;
+    }
+
+  private:
+    friend struct ClientTableTestPeer;
+
+    Owner* const mOwner;  // has this as a member
+    mutable Mutex mLock;  // leaf lock
+    sp<Recipient> mRecipient GUARDED_BY(mLock);
+};
+
+// The recipients of registrations that have one each, with the process that registered.
+template <typename Owner>
+class RecipientTable {
+  public:
+    using Recipient = ClientDeathRecipient<Owner>;
+
+    void add(const sp<Recipient>& recipient, unsigned long pid) EXCLUDES(mLock) {
+        Mutex::Autolock lock(mLock);
+        mRecipients.add(recipient, pid);
+    }
+    // The process's first one, or NULL.
+    sp<Recipient> find(unsigned long pid) const EXCLUDES(mLock) {
+        Mutex::Autolock lock(mLock);
+        const ssize_t index = indexOf(pid);
+        return index < 0 ? nullptr : mRecipients.keyAt(index);
+    }
+    // The process's first one, if any.
+    void remove(unsigned long pid) EXCLUDES(mLock) {
+        Mutex::Autolock lock(mLock);
+        const ssize_t index = indexOf(pid);
+        if (index >= 0) mRecipients.removeItemsAt(index);
+    }
+
+  private:
+    friend struct ClientTableTestPeer;
+
+    ssize_t indexOf(unsigned long pid) const REQUIRES(mLock) {
+        for (size_t i = 0; i < mRecipients.size(); ++i) {
+            if (mRecipients.valueAt(i) == pid) return i;
+        }
+        return -1;
+    }
+
+    mutable Mutex mLock;  // leaf lock
+    ::android::KeyedVector<sp<Recipient>, unsigned long> mRecipients GUARDED_BY(mLock);
+};
+
+// Position of the first client that is this callback or of this process, or -1.
+template <typename Callback>
+ssize_t FindClient(const ClientTable<Callback>& clients, const sp<Callback>& callback,
+                   unsigned long pid) {
+    for (size_t i = 0; i < clients.size(); ++i) {
+        if (clients.keyAt(i) == callback || clients.valueAt(i) == pid) return i;
+    }
+    return -1;
+}
+
+// A client table with its lock, for the time that the lock is not held yet.
+template <typename Callback>
+struct UnlockedClients {
+    Mutex& lock;
+    ClientTable<Callback>& table GUARDED_BY(lock);
+};
+
+// Registers a callback under its caller's process id and links it to its death. Every outcome
+// looks the same to the client; the log tells them apart.
+//   recipient  what to link; NULL when memory is short
+//   own        where the recipient goes when it is this registration's alone; a process's later
+//              callback then replaces the earlier one. NULL when registrations share one: a
+//              process's later callback is refused.
+template <typename Owner, typename Callback>
+Return<void> Register(const sp<Callback>& callback,
+                      const sp<ClientDeathRecipient<Owner>>& recipient,
+                      const UnlockedClients<Callback>& clients, const RegistrationTexts& texts,
+                      RecipientTable<Owner>* own = nullptr) {
+    if (callback == nullptr) {
+        __android_log_write(ANDROID_LOG_ERROR, texts.tag, "invalid Callback");
+        return Void();
+    }
+    if (recipient == nullptr) {
+        __android_log_write(ANDROID_LOG_ERROR, texts.tag, texts.noRecipient);
+        return Void();
+    }
+    int32_t callingPid = texts.pidWithoutCaller;
+    if (!ReadCallingPid(&callingPid)) {
+        __android_log_write(ANDROID_LOG_ERROR, texts.tag, texts.noCaller);
+    }
+    const unsigned long pid = ClientKey(callingPid);
+
+    Mutex::Autolock lock(clients.lock);
+    const ssize_t known = FindClient(clients.table, callback, pid);
+    if (known >= 0) {
+        if (own == nullptr || clients.table.keyAt(known) == callback) {
+            __android_log_print(ANDROID_LOG_INFO, texts.tag, texts.refused, pid);
+            return Void();
+        }
+        // The old callback stays linked: its notice will find nothing to remove.
+        clients.table.removeItemsAt(known);
+        own->remove(pid);
+        __android_log_print(ANDROID_LOG_INFO, texts.tag, texts.replaced, pid);
+    }
+    // Before linking: a notice may come at once and looks there. It stays when linking fails, until
+    // the process registers again.
+    if (own != nullptr) own->add(recipient, pid);
+    const Return<bool> linked = callback->linkToDeath(recipient, pid);
+    if (!linked.isOk()) {
+        __android_log_print(ANDROID_LOG_ERROR, texts.tag, texts.linkFailed,
+                            linked.description().c_str());
+    } else if (!linked) {
+        __android_log_write(ANDROID_LOG_WARN, texts.tag, texts.linkRefused);
+    } else {
+        clients.table.add(callback, pid);
+        __android_log_print(ANDROID_LOG_DEBUG, texts.tag, texts.linked, pid,
+                            static_cast<int>(clients.table.size()));
+    }
+    return Void();
+}
+
+// As above, with the recipient that registrations share, which is not made for a NULL callback.
+template <typename Owner, typename Callback>
+Return<void> Register(const sp<Callback>& callback, SharedRecipient<Owner>& shared,
+                      const UnlockedClients<Callback>& clients, const RegistrationTexts& texts) {
+    return Register<Owner>(callback, callback == nullptr ? nullptr : shared.getOrMake(), clients,
+                           texts);
+}
+
+// Whether there was such a link is nobody's concern.
+inline void Unlink(const sp<IBase>& object,
+                   const sp<::android::hardware::hidl_death_recipient>& recipient) {
+    (void)object->unlinkToDeath(recipient).isOk();
+}
+
+// Position of the first client that is the very object of a death notice, or -1. Identity is that
+// of the weak reference, which outlives the object.
+template <typename Callback>
+ssize_t FindDeadClient(const ClientTable<Callback>& clients, const wp<IBase>& who) {
+    const bool nobody = who.unsafe_get() == nullptr;
+    for (size_t i = 0; i < clients.size(); ++i) {
+        const sp<Callback>& callback = clients.keyAt(i);
+        if (callback == nullptr ? nobody : !nobody && who.get_refs() == callback->getWeakRefs()) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+// Removes the object of a death notice; one object may stand in both tables.
+template <typename CallbackV1_1, typename CallbackV1_0>
+void RemoveDeadClient(const wp<IBase>& who, ClientTable<CallbackV1_1>& clientsV1_1,
+                      ClientTable<CallbackV1_0>& clientsV1_0, const DeathTexts& texts) {
+    ssize_t dead = FindDeadClient(clientsV1_1, who);
+    if (dead >= 0) {
+        clientsV1_1.removeItemsAt(dead);
+        __android_log_print(ANDROID_LOG_INFO, texts.tag, texts.removedV1_1,
+                            static_cast<int>(clientsV1_1.size()));
+    }
+    dead = FindDeadClient(clientsV1_0, who);
+    if (dead >= 0) {
+        clientsV1_0.removeItemsAt(dead);
+        __android_log_print(ANDROID_LOG_INFO, texts.tag, texts.removedV1_0,
+                            static_cast<int>(clientsV1_0.size()));
+    } else {
+        // Of version 1.0 alone, whatever was found above.
+        __android_log_write(ANDROID_LOG_INFO, texts.tag, "finish");
+    }
+}
+
+// Sends every client its own copy of the whole list, in the table's order.
+template <typename Callback, typename Record>
+void Broadcast(const ClientTable<Callback>& clients,
+               Return<void> (Callback::*send)(const hidl_vec<Record>&),
+               const std::vector<Record>& records, const BroadcastTexts& texts) {
+    for (size_t i = 0; i < clients.size(); ++i) {
+        const sp<Callback> callback = clients.keyAt(i);
+        const unsigned long pid = clients.valueAt(i);
+        if (callback == nullptr) {
+            __android_log_print(ANDROID_LOG_ERROR, texts.tag, texts.nullCallback, pid);
+            continue;
+        }
+        const Return<void> sent = (callback.get()->*send)(CopyForClient(records));
+        if (!sent.isOk()) {
+            __android_log_print(ANDROID_LOG_ERROR, texts.tag, texts.failed, texts.function, pid);
+        }
+    }
+}
+
+// Process ids with their positions in a client table, ascending: finds the clients of a process
+// without walking the others.
+using ClientPositions = std::vector<std::pair<unsigned long, size_t>>;
+
+template <typename Callback>
+ClientPositions PositionsByPid(const ClientTable<Callback>& clients) {
+    ClientPositions positions;
+    for (size_t i = 0; i < clients.size(); ++i) positions.emplace_back(clients.valueAt(i), i);
+    std::sort(positions.begin(), positions.end());
+    return positions;
+}
+
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
