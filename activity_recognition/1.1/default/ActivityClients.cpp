@@ -17,7 +17,6 @@ constexpr RegistrationTexts kRegistrationV1_0 = {
         "registerActivityCallback mDeathRecipient new failed",
         "IPCThreadState::self() V1_0 returns nullptr",
         AR_FORMAT("It's already register pid[%lu] V1_0 callback", 0ul),
-        /*replaced=*/nullptr,
         AR_FORMAT("Transaction error in linking to V1_0 ActivityInterface death: %s", ""),
         "Unable to link to V1_0 ActivityInterface death notifications",
         AR_FORMAT(
@@ -30,12 +29,12 @@ constexpr RegistrationTexts kRegistrationV1_1 = {
         "registerActivityCallbackV1_1 deathRecipient new failed",
         "IPCThreadState::self() V1_1 returns nullptr",
         AR_FORMAT("It's already register pid[%lu] V1_1 callback", 0ul),
-        AR_FORMAT("It's already register pid[%lu] V1_1 callback, delete...", 0ul),
         AR_FORMAT("Transaction error in linking to V1_1 ActivityInterface death: %s", ""),
         "Unable to link to V1_1 ActivityInterface death notifications",
         AR_FORMAT(
                 "Pid[%lu] link to V1_1 ActivityInterface death notification successful, total cb[%d]",
                 0ul, 0),
+        AR_FORMAT("It's already register pid[%lu] V1_1 callback, delete...", 0ul),
 };
 constexpr DeathTexts kDeath = {
         LOG_TAG,

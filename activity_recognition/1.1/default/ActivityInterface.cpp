@@ -23,14 +23,12 @@ constexpr QueryTexts kCurrentV1_0 = {
         AR_FORMAT("%s: mImpl V1_0 interface is not available", ""),
         AR_FORMAT("%s: mImpl V1_0 getCurrentActivity error size(%d)", "", 0),
         "getCurrentActivity",
-        nullptr,
 };
 constexpr QueryTexts kCurrentV1_1 = {
         LOG_TAG,
         AR_FORMAT("%s: mImpl V1_1 interface is not available", ""),
         AR_FORMAT("%s: mImpl V1_1 getCurrentActivity error size(%d)", "", 0),
         "getCurrentActivityV1_1",
-        nullptr,
 };
 
 }  // namespace

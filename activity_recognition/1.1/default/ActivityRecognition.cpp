@@ -9,6 +9,7 @@
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
+
 ActivityRecognition::ActivityRecognition(activity_recognition_module* module,
                                          activity_recognition_device* device)
     : mDevice(device), mModule(module) {}

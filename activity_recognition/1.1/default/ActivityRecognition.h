@@ -8,6 +8,7 @@
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
+
 // Without a lock: a first request for a side must not race with another request for it, nor may a
 // process have a second root object. The service asks for both sides before anybody else can. A
 // side that is NULL then is asked for again with each request, and once the module offers it, two

@@ -41,7 +41,7 @@ ActivityEventExtendV1_1 RecordConversions::convertACEToAEEV1_1(const ar_context_
     return record;
 }
 
-other_params ToNativeParams(const V1_0::OtherParams& params) {
+other_params ToNativeParams(const OtherParams& params) {
     other_params native;
     memset(&native, 0, sizeof(native));
     memcpy(native.params, params.params.data(), sizeof(native.params));

@@ -21,14 +21,15 @@ namespace V1_1 { namespace implementation {
 
 using V1_0::ActivityEvent;
 using V1_0::ActivityEventExtend;
+using V1_0::OtherParams;
 
 #define AR_RECORD_AT(type, field, offset) \
     static_assert(offsetof(type, field) == (offset), #type "." #field " moved")
 #define AR_RECORD_SIZE(type, size) static_assert(sizeof(type) == (size), #type " changed size")
 
-AR_RECORD_SIZE(V1_0::OtherParams, 48);
-AR_RECORD_AT(V1_0::OtherParams, params, 0);
-AR_RECORD_AT(V1_0::OtherParams, name, 32);
+AR_RECORD_SIZE(OtherParams, 48);
+AR_RECORD_AT(OtherParams, params, 0);
+AR_RECORD_AT(OtherParams, name, 32);
 
 AR_RECORD_SIZE(ActivityEvent, 16);
 AR_RECORD_AT(ActivityEvent, eventType, 0);
@@ -105,13 +106,13 @@ inline ActivityEventV1_1 ToEventV1_1(const ZqActivityRecognitionExtEvent& event)
 
 // Whether a client's parameters have room in the native form. A longer name is refused before any
 // native call.
-inline bool NameFits(const V1_0::OtherParams& params) {
+inline bool NameFits(const OtherParams& params) {
     return params.name.size() <= ACTIVITY_RECOGNITION_NAME_SIZE;
 }
 
 // Requires NameFits(params). A name of exactly ACTIVITY_RECOGNITION_NAME_SIZE characters fills the
 // field without a terminator; the module takes it as a bounded field.
-other_params ToNativeParams(const V1_0::OtherParams& params);
+other_params ToNativeParams(const OtherParams& params);
 
 // Whether a count of native records lies in 1 to most: one comparison, 0 and negative counts wrap.
 inline bool CountFits(int count, uint32_t most) {

@@ -17,7 +17,6 @@ constexpr RegistrationTexts kRegistrationV1_0 = {
         "registerEnvironmentCallback new mDeathRecipient failed",
         "IPCThreadState::self() V1_0 returns nullptr",
         AR_FORMAT("It's already register pid[%lu] callback, V1_0", 0ul),
-        /*replaced=*/nullptr,
         AR_FORMAT("Transaction error in linking to EnvironmentInterfaceV1_0 death: %s", ""),
         "Unable to link to EnvironmentInterfaceV1_0 death notifications",
         AR_FORMAT(
@@ -30,7 +29,6 @@ constexpr RegistrationTexts kRegistrationV1_1 = {
         "registerEnvironmentCallbackV1_1 Death new failed",
         "IPCThreadState::self() V1_1 returns nullptr",
         AR_FORMAT("It's already register pid[%lu] callback, V1_1", 0ul),
-        /*replaced=*/nullptr,
         AR_FORMAT("Transaction error in linking to EnvironmentInterfaceV1_1 death: %s", ""),
         "Unable to link to EnvironmentInterfaceV1_1 death notifications",
         AR_FORMAT(
@@ -66,14 +64,12 @@ constexpr QueryTexts kCurrentV1_0 = {
         AR_FORMAT("%s: mImpl V1_0 interface is not available", ""),
         AR_FORMAT("%s: mImpl V1_0 getCurrentENV error size(%d)", "", 0),
         "getCurrentEnvironment",
-        nullptr,
 };
 constexpr QueryTexts kCurrentV1_1 = {
         LOG_TAG,
         AR_FORMAT("%s: mImpl V1_1 interface is not available", ""),
         AR_FORMAT("%s: mImpl V1_1 getCurrentEnvironment error size(%d)", "", 0),
         "getCurrentEnvironmentV1_1",
-        nullptr,
 };
 
 }  // namespace

@@ -24,8 +24,6 @@
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
 
-using V1_0::OtherParams;
-
 class EnvironmentInterface : public V1_1::IEnvironmentInterface {
   public:
     // impl: the module's table, not owned, valid for the process's life; NULL makes an object whose

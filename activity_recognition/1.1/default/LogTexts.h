@@ -14,17 +14,17 @@ namespace V1_1 { namespace implementation {
 #define AR_FORMAT(format, ...) \
     (false ? static_cast<void>(snprintf(nullptr, 0, format, __VA_ARGS__)) : void(), format)
 
-// What a registration says, in the order in which it may come to say it.
+// What a registration says.
 struct RegistrationTexts {
     const char* tag;
     int32_t pidWithoutCaller;  // whose registration it is when the thread has no binder state
     const char* noRecipient;
     const char* noCaller;
     const char* refused;     // process id
-    const char* replaced;    // process id
     const char* linkFailed;  // description of the transport's status
     const char* linkRefused;
-    const char* linked;  // process id, clients now
+    const char* linked;              // process id, clients now
+    const char* replaced = nullptr;  // process id; NULL where nothing is replaced
 };
 
 // What the removal of a dead client says.
@@ -48,7 +48,7 @@ struct QueryTexts {
     const char* noTable;   // method
     const char* badCount;  // method, what the module answered
     const char* method;
-    const char* noMemory;  // NULL when nothing is allocated that could be short
+    const char* noMemory = nullptr;  // NULL where nothing is allocated
 };
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

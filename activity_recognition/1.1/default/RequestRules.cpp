@@ -1,7 +1,5 @@
 #include "RequestRules.h"
 
-#include "Conversions.h"
-
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
 

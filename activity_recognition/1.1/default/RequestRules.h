@@ -4,14 +4,11 @@
 
 #include <stdint.h>
 
-#include <vendor/zaltho/hardware/activity_recognition/1.0/types.h>
-
+#include "Conversions.h"
 #include "RequestTables.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
-
-using V1_0::OtherParams;
 
 // Floor and rounding unit of requested latencies.
 constexpr int64_t LATENCY_GRANULARITY_NS = 1000000000;
