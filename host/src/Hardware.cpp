@@ -48,20 +48,15 @@ static int load(const std::string& path, const std::string& id, const hw_module_
     return 0;
 }
 
-int hw_get_module_by_class(const char* class_id, const char* inst, const hw_module_t** module) {
-    const std::string name = inst != nullptr ? std::string(class_id) + "." + inst : class_id;
+int hw_get_module(const char* id, const hw_module_t** module) {
     for (const std::string& variant : variants()) {
         for (const std::string& folder : hardwareFolders()) {
-            const std::string path = folder + "/" + name + "." + variant + ".so";
+            const std::string path = folder + "/" + id + "." + variant + ".so";
             // The first file decides, also when it is none of ours.
-            if (access(path.c_str(), R_OK) == 0) return load(path, class_id, module);
+            if (access(path.c_str(), R_OK) == 0) return load(path, id, module);
         }
     }
-    ALOGE("no module %s.%s.so in %s", name.c_str(), variants().front().c_str(),
+    ALOGE("no module %s.%s.so in %s", id, variants().front().c_str(),
           describeHardwareFolders().c_str());
     return -ENOENT;
-}
-
-int hw_get_module(const char* id, const hw_module_t** module) {
-    return hw_get_module_by_class(id, nullptr, module);
 }

@@ -60,12 +60,6 @@ hidl_handle& hidl_handle::operator=(const native_handle_t* handle) {
     return *this;
 }
 
-void hidl_handle::setTo(native_handle_t* handle, bool shouldOwn) {
-    freeHandle();
-    mHandle = handle;
-    mOwnsHandle = shouldOwn;
-}
-
 void hidl_handle::freeHandle() {
     if (mOwnsHandle && mHandle != nullptr) {
         auto* handle = const_cast<native_handle_t*>(static_cast<const native_handle_t*>(mHandle));

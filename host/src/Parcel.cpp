@@ -52,6 +52,13 @@ bool Parcel::alignForReading() const {
     return true;
 }
 
+status_t Parcel::readBool(bool* value) const {
+    uint32_t number;
+    status_t status = readUint32(&number);
+    if (status == OK) *value = number != 0;
+    return status;
+}
+
 status_t Parcel::writeText(const char* text, size_t length) {
     writeUint32(static_cast<uint32_t>(length));
     return append(text, length);

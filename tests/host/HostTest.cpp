@@ -13,7 +13,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <hidl/HidlTransportSupport.h>
-#include <hidl/LegacySupport.h>
 #include <hidl/Static.h>
 #include <hidl/hosttest/1.0/BsPeer.h>
 #include <log/log.h>

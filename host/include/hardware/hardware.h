@@ -16,7 +16,6 @@ __BEGIN_DECLS
 #define HARDWARE_MAKE_API_VERSION(maj, min) ((((maj)&0xff) << 8) | ((min)&0xff))
 #define HARDWARE_HAL_API_VERSION HARDWARE_MAKE_API_VERSION(1, 0)
 #define HARDWARE_MODULE_API_VERSION(maj, min) HARDWARE_MAKE_API_VERSION(maj, min)
-#define HARDWARE_DEVICE_API_VERSION(maj, min) HARDWARE_MAKE_API_VERSION(maj, min)
 
 // Name of the symbol, of type hw_module_t or a record that starts with one, that a module exports.
 #define HAL_MODULE_INFO_SYM HMI
@@ -54,9 +53,5 @@ typedef struct hw_device_t {
 // Loads the module of this id. Returns 0 and sets *module, or a negative errno value: -ENOENT when
 // no file is found, -EINVAL when a file is not a module of this id.
 int hw_get_module(const char* id, const struct hw_module_t** module);
-
-// As above for modules that come in several instances: looks for "<class_id>.<inst>".
-int hw_get_module_by_class(const char* class_id, const char* inst,
-                           const struct hw_module_t** module);
 
 __END_DECLS

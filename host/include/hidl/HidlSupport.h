@@ -52,9 +52,6 @@ struct hidl_handle {
 
     const native_handle_t* operator->() const { return mHandle; }
     operator const native_handle_t*() const { return mHandle; }
-    const native_handle_t* getNativeHandle() const { return mHandle; }
-
-    void setTo(native_handle_t* handle, bool shouldOwn = false);
 
   private:
     void freeHandle();
@@ -183,15 +180,6 @@ struct hidl_vec {
     T* data() { return mBuffer; }
     const T* data() const { return mBuffer; }
 
-    // Gives up an owned buffer; the caller frees it with delete[].
-    T* releaseData() {
-        if (!mOwnsBuffer && mSize > 0) resize(mSize);
-        T* data = mBuffer;
-        mOwnsBuffer = false;
-        release();
-        return data;
-    }
-
     T& operator[](size_t index) { return mBuffer[index]; }
     const T& operator[](size_t index) const { return mBuffer[index]; }
     size_t size() const { return mSize; }
@@ -266,7 +254,6 @@ struct hidl_array<T, SIZE1> {
     T& operator[](size_t index) { return mBuffer[index]; }
     const T& operator[](size_t index) const { return mBuffer[index]; }
     static constexpr size_t size() { return SIZE1; }
-    static constexpr size_t elementCount() { return SIZE1; }
 
     bool operator==(const hidl_array& other) const {
         return std::equal(mBuffer, mBuffer + SIZE1, other.mBuffer);
@@ -308,7 +295,7 @@ inline std::string toString(const hidl_string& text) {
     return '"' + std::string(text) + '"';
 }
 inline std::string toString(const hidl_handle& handle) {
-    return handle.getNativeHandle() ? "handle" : "nullptr";
+    return static_cast<const native_handle_t*>(handle) != nullptr ? "handle" : "nullptr";
 }
 
 namespace details {

@@ -75,7 +75,6 @@ class return_status {
         mCheckedStatus = true;
         return mStatus.isOk();
     }
-    bool isOkUnchecked() const { return mStatus.isOk(); }
     // Whether the call failed because the other process is gone.
     bool isDeadObject() const {
         mCheckedStatus = true;

@@ -30,30 +30,16 @@ class Parcel {
     bool enforceInterface(const char* interface) const;
 
     status_t writeBool(bool value) { return writeScalar<uint32_t>(value); }
-    status_t writeInt8(int8_t value) { return writeScalar<int32_t>(value); }
-    status_t writeUint8(uint8_t value) { return writeScalar<uint32_t>(value); }
-    status_t writeInt16(int16_t value) { return writeScalar<int32_t>(value); }
-    status_t writeUint16(uint16_t value) { return writeScalar<uint32_t>(value); }
     status_t writeInt32(int32_t value) { return writeScalar(value); }
     status_t writeUint32(uint32_t value) { return writeScalar(value); }
     status_t writeInt64(int64_t value) { return writeScalar(value); }
-    status_t writeUint64(uint64_t value) { return writeScalar(value); }
-    status_t writeFloat(float value) { return writeScalar(value); }
-    status_t writeDouble(double value) { return writeScalar(value); }
     // Text outside any buffer, with its length.
     status_t writeText(const char* text, size_t length);
 
-    status_t readBool(bool* value) const { return readNarrow<uint32_t>(value); }
-    status_t readInt8(int8_t* value) const { return readNarrow<int32_t>(value); }
-    status_t readUint8(uint8_t* value) const { return readNarrow<uint32_t>(value); }
-    status_t readInt16(int16_t* value) const { return readNarrow<int32_t>(value); }
-    status_t readUint16(uint16_t* value) const { return readNarrow<uint32_t>(value); }
+    status_t readBool(bool* value) const;
     status_t readInt32(int32_t* value) const { return readScalar(value); }
     status_t readUint32(uint32_t* value) const { return readScalar(value); }
     status_t readInt64(int64_t* value) const { return readScalar(value); }
-    status_t readUint64(uint64_t* value) const { return readScalar(value); }
-    status_t readFloat(float* value) const { return readScalar(value); }
-    status_t readDouble(double* value) const { return readScalar(value); }
     status_t readText(std::string* text) const;
 
     // NULL is a value like any other.
@@ -87,13 +73,6 @@ class Parcel {
     template <typename T>
     status_t readScalar(T* value) const {
         return extract(value, sizeof(*value));
-    }
-    template <typename Wire, typename T>
-    status_t readNarrow(T* value) const {
-        Wire wire;
-        status_t status = readScalar(&wire);
-        if (status == OK) *value = static_cast<T>(wire);
-        return status;
     }
 
     status_t append(const void* bytes, size_t length);
