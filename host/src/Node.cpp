@@ -27,7 +27,7 @@ namespace {
 constexpr size_t kMaxStrangers = 128;
 
 Message hello(Role role, const Token& token) {
-    Message message = Message::of(MessageType::HELLO);
+    Message message = Message::of(MessageType::kHello);
     message.header.code = static_cast<uint32_t>(role);
     message.header.token[0] = token[0];
     message.header.token[1] = token[1];
@@ -88,9 +88,9 @@ SessionPtr Node::dial(const std::string& socketName) {
     if (getrandom(token.data(), sizeof(token), 0) != sizeof(token)) return nullptr;
     ConnectionPtr control = Registry::self().connect(socketName);
     Message answer;
-    if (control == nullptr || !control->send(hello(Role::CONTROL, token)) ||
-        control->receive(&answer) != Received::MESSAGE ||
-        answer.header.type != MessageType::HELLO) {
+    if (control == nullptr || !control->send(hello(Role::kControl, token)) ||
+        control->receive(&answer) != Received::kMessage ||
+        answer.header.type != MessageType::kHello) {
         return nullptr;
     }
     const pid_t peer = control->peer();
@@ -206,9 +206,9 @@ void Node::accept() {
 bool Node::greet(const ConnectionPtr& connection) {
     Message message;
     switch (connection->tryReceive(&message)) {
-        case Received::WOULD_BLOCK:
+        case Received::kWouldBlock:
             return false;
-        case Received::MESSAGE:
+        case Received::kMessage:
             break;
         default:
             return true;
@@ -218,14 +218,14 @@ bool Node::greet(const ConnectionPtr& connection) {
     const pid_t peer = connection->peer();
     SessionPtr session = sessionOf(token, peer);
     const Role role = static_cast<Role>(message.header.code);
-    bool valid = message.header.type == MessageType::HELLO;
-    if (valid && role == Role::CONTROL && session == nullptr) {
+    bool valid = message.header.type == MessageType::kHello;
+    if (valid && role == Role::kControl && session == nullptr) {
         // Known before it is answered: from then on the other side makes further connections.
         addSession(std::make_shared<Session>(token, connection, nullptr));
-        valid = connection->trySend(message) == Received::MESSAGE;
-    } else if (valid && role == Role::CALL && session != nullptr) {
+        valid = connection->trySend(message) == Received::kMessage;
+    } else if (valid && role == Role::kCall && session != nullptr) {
         valid = session->acceptServing(connection);
-    } else if (valid && role == Role::SERVE && session != nullptr) {
+    } else if (valid && role == Role::kServe && session != nullptr) {
         valid = session->addServing(connection);
     } else {
         valid = false;

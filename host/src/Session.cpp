@@ -103,7 +103,7 @@ ConnectionPtr Session::borrow() {
             return connection;
         }
     }
-    ConnectionPtr connection = mDialer(Role::CALL);
+    ConnectionPtr connection = mDialer(Role::kCall);
     if (connection != nullptr) remember(connection);
     return connection;
 }
@@ -138,7 +138,7 @@ void Session::offerServing(size_t count) {
             if (mEnded || mDialer == nullptr || mServing >= count) return;
             ++mServing;
         }
-        ConnectionPtr connection = mDialer(Role::SERVE);
+        ConnectionPtr connection = mDialer(Role::kServe);
         if (connection == nullptr) {
             Mutex::Autolock lock(mMutex);
             --mServing;
@@ -165,8 +165,8 @@ bool Session::acceptServing(const ConnectionPtr& connection) {
 void Session::serve(const ConnectionPtr& connection) {
     pthread_setname_np(pthread_self(), "hidl-pool");
     Message message;
-    while (connection->receive(&message) == Received::MESSAGE) {
-        if (message.header.type != MessageType::CALL) {
+    while (connection->receive(&message) == Received::kMessage) {
+        if (message.header.type != MessageType::kCall) {
             ALOGE("Closing a connection to pid %d: message %u where a call must be", peer(),
                   static_cast<unsigned>(message.header.type));
             break;
@@ -178,7 +178,7 @@ void Session::serve(const ConnectionPtr& connection) {
 }
 
 status_t Session::call(uint64_t target, uint32_t code, const Parcel& data, Parcel* reply) {
-    MessageHeader header = Message::of(MessageType::CALL, target).header;
+    MessageHeader header = Message::of(MessageType::kCall, target).header;
     header.code = code;
     std::vector<ObjectRef> refs;
     status_t status = encode(data, &refs);
@@ -197,19 +197,19 @@ status_t Session::call(uint64_t target, uint32_t code, const Parcel& data, Parce
     for (;;) {
         Message message;
         switch (loan.get()->receive(&message)) {
-            case Received::MESSAGE:
+            case Received::kMessage:
                 break;
-            case Received::INVALID:
+            case Received::kInvalid:
                 return loan.broken(FAILED_TRANSACTION);
             default:
                 return loan.broken(DEAD_OBJECT);
         }
-        if (message.header.type == MessageType::CALL) {
+        if (message.header.type == MessageType::kCall) {
             status = serveCall(loan.get(), &message);
             if (status != OK) return loan.broken(status);
             continue;
         }
-        if (message.header.type != MessageType::REPLY || !decode(&message, reply)) {
+        if (message.header.type != MessageType::kReply || !decode(&message, reply)) {
             ALOGE("Closing a connection to pid %d: no valid reply", peer());
             return loan.broken(FAILED_TRANSACTION);
         }
@@ -219,7 +219,7 @@ status_t Session::call(uint64_t target, uint32_t code, const Parcel& data, Parce
 }
 
 status_t Session::callOneway(uint64_t target, uint32_t code, const Parcel& data) {
-    Message message = Message::of(MessageType::ONEWAY, target);
+    Message message = Message::of(MessageType::kOneway, target);
     message.header.code = code;
     status_t status = encode(data, &message.objects);
     if (status != OK) return status;
@@ -265,7 +265,7 @@ status_t Session::serveCall(const ConnectionPtr& connection, Message* message) {
         ScopedCaller caller(peer());
         status = target->transact(message->header.code, data, &reply, 0, [](Parcel&) {});
     }
-    MessageHeader header = Message::of(MessageType::REPLY).header;
+    MessageHeader header = Message::of(MessageType::kReply).header;
     std::vector<ObjectRef> refs;
     if (status == OK) status = encode(reply, &refs);
     header.status = status;
@@ -303,7 +303,7 @@ status_t Session::encode(const Parcel& parcel, std::vector<ObjectRef>* refs) {
             return INVALID_OPERATION;
         }
         if (proxy != nullptr) {
-            refs->push_back({proxy->id(), ObjectRef::RECEIVER, 0});
+            refs->push_back({proxy->id(), ObjectRef::kReceiver, 0});
             continue;
         }
         uint64_t& id = mExportedIds[binder.get()];
@@ -312,7 +312,7 @@ status_t Session::encode(const Parcel& parcel, std::vector<ObjectRef>* refs) {
             mExported[id].binder = binder;
         }
         ++mExported[id].sent;
-        refs->push_back({id, ObjectRef::SENDER, 0});
+        refs->push_back({id, ObjectRef::kSender, 0});
     }
     return OK;
 }
@@ -325,7 +325,7 @@ void Session::undoEncode(const std::vector<ObjectRef>& refs) {
 void Session::undoEncodeLocked(const std::vector<ObjectRef>& refs) {
     for (const ObjectRef& ref : refs) {
         // The caller's parcel still holds the object, so nothing is destroyed here.
-        if (ref.owner == ObjectRef::SENDER) takeBackLocked(ref.id, 1, nullptr);
+        if (ref.owner == ObjectRef::kSender) takeBackLocked(ref.id, 1, nullptr);
     }
 }
 
@@ -345,7 +345,7 @@ bool Session::decode(Message* message, Parcel* parcel) {
     objects.reserve(message->objects.size());
     bool known = true;
     for (const ObjectRef& ref : message->objects) {
-        objects.push_back(ref.owner == ObjectRef::SENDER ? proxyFor(ref.id) : exported(ref.id));
+        objects.push_back(ref.owner == ObjectRef::kSender ? proxyFor(ref.id) : exported(ref.id));
         known &= objects.back() != nullptr;
     }
     parcel->setReceived(std::move(message->data), std::move(objects));
@@ -369,7 +369,7 @@ void Session::proxyGone(BpHwBinder* proxy) {
     auto it = mProxies.find(proxy->id());
     // A successor may stand there already.
     if (it != mProxies.end() && it->second.unsafe_get() == proxy) mProxies.erase(it);
-    Message release = Message::of(MessageType::RELEASE, proxy->id());
+    Message release = Message::of(MessageType::kRelease, proxy->id());
     release.header.amount = proxy->received;
     post(std::move(release));
 }
@@ -378,7 +378,7 @@ uint64_t Session::awaitAcknowledgement(const Parcel& reply, const std::vector<Ob
     // A reply may bring the receiver's own objects back. Our proxies of them must live until it has
     // taken the reply, or the release could overtake it and the object be gone.
     const bool refersBack = std::any_of(refs.begin(), refs.end(), [](const ObjectRef& ref) {
-        return ref.owner == ObjectRef::RECEIVER;
+        return ref.owner == ObjectRef::kReceiver;
     });
     if (!refersBack) return 0;
     Mutex::Autolock lock(mMutex);
@@ -389,7 +389,7 @@ uint64_t Session::awaitAcknowledgement(const Parcel& reply, const std::vector<Ob
 
 void Session::acknowledge(uint64_t ack) {
     Mutex::Autolock lock(mMutex);
-    post(Message::of(MessageType::ACK, ack));
+    post(Message::of(MessageType::kAck, ack));
 }
 
 void Session::post(Message message) {
@@ -400,7 +400,7 @@ void Session::post(Message message) {
 }
 
 void Session::sendOutbox() {
-    while (!mOutbox.empty() && mControl->trySend(mOutbox.front()) != Received::WOULD_BLOCK) {
+    while (!mOutbox.empty() && mControl->trySend(mOutbox.front()) != Received::kWouldBlock) {
         mOutboxSize -= mOutbox.front().payloadSize();
         mOutbox.pop_front();
     }
@@ -416,9 +416,9 @@ bool Session::onControlEvents(uint32_t events) {
     for (int i = 0; i < kControlBurst; ++i) {
         Message message;
         switch (mControl->tryReceive(&message)) {
-            case Received::WOULD_BLOCK:
+            case Received::kWouldBlock:
                 return true;
-            case Received::MESSAGE:
+            case Received::kMessage:
                 break;
             default:
                 return false;
@@ -435,7 +435,7 @@ bool Session::onControlEvents(uint32_t events) {
 bool Session::onControlMessage(Message* message) {
     const MessageHeader& header = message->header;
     switch (header.type) {
-        case MessageType::RELEASE: {
+        case MessageType::kRelease: {
             sp<IBinder> last;
             bool valid;
             {
@@ -446,7 +446,7 @@ bool Session::onControlMessage(Message* message) {
             if (last != nullptr) Node::self().janitor().post([last] {});
             return valid;
         }
-        case MessageType::ACK: {
+        case MessageType::kAck: {
             std::vector<sp<IBinder>> taken;  // released when the lock is
             Mutex::Autolock lock(mMutex);
             auto it = mUnacknowledged.find(header.target);
@@ -455,7 +455,7 @@ bool Session::onControlMessage(Message* message) {
             mUnacknowledged.erase(it);
             return true;
         }
-        case MessageType::ONEWAY:
+        case MessageType::kOneway:
             return onOneway(message);
         default:
             return false;

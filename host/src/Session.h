@@ -1,8 +1,8 @@
 // Everything between this process and one other: the connections, which objects each side has from
 // the other, and what happens when the other side is gone.
 //
-// The process that looked the other one up dialled: it opens the control connection, one CALL
-// connection for each of its threads that is in a call at the same time, and SERVE connections on
+// The process that looked the other one up dialled: it opens the control connection, one call
+// connection for each of its threads that is in a call at the same time, and serve connections on
 // which its pool waits for the other's calls. A call is written to a connection of which the caller
 // is the only user, and the same thread reads the reply from it; calls that come back meanwhile are
 // served right there.
@@ -61,7 +61,7 @@ class Session : public std::enable_shared_from_this<Session> {
     bool acceptServing(const ConnectionPtr& connection);
     // Takes a connection on which the other side serves; false when it has too many.
     bool addServing(const ConnectionPtr& connection);
-    // Lets the other side call: dials as many SERVE connections as are missing to `count`.
+    // Lets the other side call: dials as many serve connections as are missing to `count`.
     void offerServing(size_t count);
 
     // On the control thread: takes what has arrived and sends what found the socket full. False
@@ -131,7 +131,7 @@ class Session : public std::enable_shared_from_this<Session> {
     // Connections for outgoing calls that nobody uses now.
     std::vector<ConnectionPtr> mIdle GUARDED_BY(mMutex);
     std::vector<std::weak_ptr<Connection>> mAll GUARDED_BY(mMutex);
-    size_t mServing GUARDED_BY(mMutex) = 0;  // SERVE connections that this side has dialled
+    size_t mServing GUARDED_BY(mMutex) = 0;  // serve connections that this side has dialled
     uint64_t mNextId GUARDED_BY(mMutex) = kRegistryObject + 1;
     std::map<uint64_t, Exported> mExported GUARDED_BY(mMutex);
     std::map<IBinder*, uint64_t> mExportedIds GUARDED_BY(mMutex);

@@ -109,15 +109,15 @@ bool Connection::send(const MessageHeader& header, const std::vector<ObjectRef>&
 Received Connection::trySend(const Message& message) {
     Parts parts(message.header, message.objects, message.data);
     if (sendPacket(mFd.get(), parts.iov, Parts::kCount, MSG_DONTWAIT) >= 0) {
-        return Received::MESSAGE;
+        return Received::kMessage;
     }
-    return errno == EAGAIN || errno == ENOBUFS ? Received::WOULD_BLOCK : Received::HANGUP;
+    return errno == EAGAIN || errno == ENOBUFS ? Received::kWouldBlock : Received::kHangup;
 }
 
 Received Connection::invalid(const char* why) {
     ALOGE("Closing a connection to pid %d: %s", mPeer, why);
     shutdown();
-    return Received::INVALID;
+    return Received::kInvalid;
 }
 
 Received Connection::receive(Message* message, bool wait) {
@@ -129,9 +129,9 @@ Received Connection::receive(Message* message, bool wait) {
         do {
             got = recv(mFd.get(), packet, kPacketSize, MSG_TRUNC | (wait ? 0 : MSG_DONTWAIT));
         } while (got < 0 && errno == EINTR);
-        if (got < 0 && errno == EAGAIN) return Received::WOULD_BLOCK;
+        if (got < 0 && errno == EAGAIN) return Received::kWouldBlock;
         // A killed peer that had not read everything resets the connection.
-        if (got <= 0) return Received::HANGUP;
+        if (got <= 0) return Received::kHangup;
         if (static_cast<size_t>(got) > kPacketSize) return invalid("a packet is too long");
 
         const uint8_t* bytes = packet;
@@ -167,7 +167,7 @@ Received Connection::receive(Message* message, bool wait) {
             target = {target.bytes + length, target.size - length};
         }
     }
-    return Received::MESSAGE;
+    return Received::kMessage;
 }
 
 void Connection::shutdown() {

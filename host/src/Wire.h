@@ -21,36 +21,36 @@ constexpr size_t kMaxTransactionSize = 1024 * 1024;
 constexpr size_t kPacketSize = 60 * 1024;
 
 enum class MessageType : uint32_t {
-    HELLO = 1,  // first on each connection: what the connection is for
-    CALL,       // answered by one REPLY on the same connection
-    REPLY,
-    ONEWAY,   // on the control connection, as are those below
-    RELEASE,  // the sender dropped its proxy of object `target`, which it had been sent `amount`
-              // times
-    ACK,      // the sender holds what REPLY `target` referred to
+    kHello = 1,  // first on each connection: what the connection is for
+    kCall,       // answered by one kReply on the same connection
+    kReply,
+    kOneway,   // on the control connection, as are those below
+    kRelease,  // the sender dropped its proxy of object `target`, which it had been sent `amount`
+               // times
+    kAck,      // the sender holds what kReply `target` referred to
 };
 
 enum class Role : uint32_t {
-    CONTROL = 1,  // opens a session; its hang-up is the other process's death
-    CALL,         // the process that connects calls, the other one serves
-    SERVE,        // the process that connects serves, the other one calls
+    kControl = 1,  // opens a session; its hang-up is the other process's death
+    kCall,         // the process that connects calls, the other one serves
+    kServe,        // the process that connects serves, the other one calls
 };
 
 struct MessageHeader {
     uint32_t magic;
     MessageType type;
-    uint64_t target;    // object of a CALL, ONEWAY or RELEASE; ACK to send for a REPLY, 0 for none
-    uint64_t token[2];  // HELLO: the session
-    uint32_t code;      // CALL, ONEWAY: transaction code. HELLO: the Role
-    uint32_t amount;    // RELEASE
-    int32_t status;     // REPLY: status_t of the transaction
+    uint64_t target;  // object of a kCall, kOneway or kRelease; kAck to send for a kReply, 0: none
+    uint64_t token[2];  // kHello: the session
+    uint32_t code;      // kCall, kOneway: transaction code. kHello: the Role
+    uint32_t amount;    // kRelease
+    int32_t status;     // kReply: status_t of the transaction
     uint32_t objectCount;
     uint32_t dataSize;
     uint32_t reserved;
 };
 
 struct ObjectRef {
-    enum Owner : uint32_t { SENDER = 1, RECEIVER = 2 };
+    enum Owner : uint32_t { kSender = 1, kReceiver = 2 };
     uint64_t id;
     Owner owner;
     uint32_t reserved;
@@ -65,7 +65,7 @@ struct Message {
     size_t payloadSize() const { return objects.size() * sizeof(ObjectRef) + data.size(); }
 };
 
-enum class Received { MESSAGE, HANGUP, WOULD_BLOCK, INVALID };
+enum class Received { kMessage, kHangup, kWouldBlock, kInvalid };
 
 // One thread sends and receives at a time; shutdown() may come from any.
 class Connection {
@@ -81,10 +81,10 @@ class Connection {
     bool send(const Message& message) {
         return send(message.header, message.objects, message.data);
     }
-    // Never waits: WOULD_BLOCK when the socket is full. For messages that fit one packet.
+    // Never waits: kWouldBlock when the socket is full. For messages that fit one packet.
     Received trySend(const Message& message);
 
-    // INVALID has been logged, and the connection is shut down.
+    // kInvalid has been logged, and the connection is shut down.
     Received receive(Message* message) { return receive(message, true); }
     // Never waits: takes messages of one packet only.
     Received tryReceive(Message* message) { return receive(message, false); }

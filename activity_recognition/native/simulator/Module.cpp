@@ -9,15 +9,15 @@
 
 namespace {
 
-using ar_simulator::ACTIVITY;
-using ar_simulator::ENVIRONMENT;
+using ar_simulator::kActivity;
+using ar_simulator::kEnvironment;
 using ar_simulator::Simulator;
 
 const activity_interface sActivityInterface = {
         [](const activity_callbacks* callbacks) {
             Simulator::instance().registerActivityCallbacks(callbacks);
         },
-        [](char*** list) { return Simulator::instance().supportedList(ACTIVITY, list); },
+        [](char*** list) { return Simulator::instance().supportedList(kActivity, list); },
         [](uint32_t activity, uint32_t eventType, int64_t latencyNs) {
             return Simulator::instance().enableActivity(activity, eventType, latencyNs);
         },
@@ -25,7 +25,7 @@ const activity_interface sActivityInterface = {
             return Simulator::instance().enableActivityExtend(activity, eventType, latencyNs,
                                                               params);
         },
-        [](ar_context_event** events) { return Simulator::instance().current(ACTIVITY, events); },
+        [](ar_context_event** events) { return Simulator::instance().current(kActivity, events); },
         [](uint32_t activity, uint32_t eventType) {
             return Simulator::instance().disableActivity(activity, eventType);
         },
@@ -36,7 +36,7 @@ const environment_interface sEnvironmentInterface = {
         [](const environment_callbacks* callbacks) {
             Simulator::instance().registerEnvironmentCallbacks(callbacks);
         },
-        [](char*** list) { return Simulator::instance().supportedList(ENVIRONMENT, list); },
+        [](char*** list) { return Simulator::instance().supportedList(kEnvironment, list); },
         [](uint32_t environment, const other_params* params) {
             return Simulator::instance().initEnvironment(environment, params);
         },
@@ -52,7 +52,7 @@ const environment_interface sEnvironmentInterface = {
             return Simulator::instance().disableEnvironment(environment, eventType);
         },
         [](ar_context_event** events) {
-            return Simulator::instance().current(ENVIRONMENT, events);
+            return Simulator::instance().current(kEnvironment, events);
         },
 };
 

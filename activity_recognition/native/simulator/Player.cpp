@@ -36,7 +36,7 @@ bool Player::next(int64_t nowNs, Kind* kind, ar_context_event* event) {
             continue;
         }
         const Step& step = mScenario->steps[mNext++];
-        if (step.kind == Kind::WAIT) {
+        if (step.kind == Kind::kWait) {
             mReleased.erase(mReleased.find(step.event.name));
             // Time in the file stood still since the wait was reached.
             mOriginNs = nowNs - step.offsetNs;
@@ -56,7 +56,7 @@ int64_t Player::nextDueNs() const {
         return mScenario->loops ? mOriginNs + mScenario->periodNs : INT64_MAX;
     }
     const Step& step = mScenario->steps[mNext];
-    if (step.kind == Kind::WAIT && mReleased.count(step.event.name) == 0) return INT64_MAX;
+    if (step.kind == Kind::kWait && mReleased.count(step.event.name) == 0) return INT64_MAX;
     return mOriginNs + step.offsetNs;
 }
 

@@ -149,7 +149,7 @@ std::string Reader::readWait(const Words& words) {
     Step step = {};
     step.offsetNs = mWaitOffsetNs = mLastOffsetNs =
             mScenario.steps.empty() ? 0 : mScenario.steps.back().offsetNs;
-    step.kind = Kind::WAIT;
+    step.kind = Kind::kWait;
     setName(&step.event, words[1]);
     mScenario.steps.push_back(step);
     mSectionStart = mScenario.steps.size();
@@ -170,11 +170,11 @@ std::string Reader::readRecord(const Words& words) {
     if (words.size() < 4) return "a record has offset, kind, what, event type";
 
     if (words[1] == "activity") {
-        step.kind = Kind::PLAIN;
+        step.kind = Kind::kPlain;
     } else if (words[1] == "extended") {
-        step.kind = Kind::EXTENDED;
+        step.kind = Kind::kExtended;
     } else if (words[1] == "environment") {
-        step.kind = Kind::ENVIRONMENT;
+        step.kind = Kind::kEnvironment;
     } else {
         return "'" + words[1] + "' is not a kind: activity, extended or environment";
     }
@@ -182,7 +182,7 @@ std::string Reader::readRecord(const Words& words) {
     if (!reason.empty()) return reason;
 
     uint64_t type = 0;
-    const bool isActivity = step.kind != Kind::ENVIRONMENT;
+    const bool isActivity = step.kind != Kind::kEnvironment;
     if (!parseNumber(words[3], isActivity ? 2 : UINT32_MAX, &type) || type < 1) {
         return "'" + words[3] + "' is not an event type" + (isActivity ? " (1 or 2)" : "");
     }
@@ -204,7 +204,7 @@ std::string Reader::readRecord(const Words& words) {
 }
 
 std::string Reader::readWhat(const std::string& word, Step* step) {
-    const bool isActivity = step->kind != Kind::ENVIRONMENT;
+    const bool isActivity = step->kind != Kind::kEnvironment;
     const auto& list = isActivity ? mScenario.activities : mScenario.environments;
     const auto found = std::find(list.begin(), list.end(), word);
     uint64_t number = static_cast<uint64_t>(found - list.begin());
@@ -230,7 +230,7 @@ std::string Reader::readOption(const std::string& word, Step* step) {
     } else if (key == "extra") {
         if (!parseNumber(text, UINT32_MAX, &number)) return "extra takes a number of 32 bits";
         step->event.extra = static_cast<uint32_t>(number);
-    } else if (step->kind == Kind::PLAIN) {
+    } else if (step->kind == Kind::kPlain) {
         return "'" + word + "' is not an option of a plain record: extra, times, every";
     } else if (key == "value") {
         if (!parseNumber(text, UINT32_MAX, &number)) return "value takes a number of 32 bits";

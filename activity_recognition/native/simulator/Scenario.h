@@ -11,14 +11,14 @@
 namespace ar_simulator {
 
 // The first three are the kinds of records, one per callback.
-enum class Kind { PLAIN, EXTENDED, ENVIRONMENT, WAIT };
+enum class Kind { kPlain, kExtended, kEnvironment, kWait };
 constexpr int kRecordKinds = 3;
 
 constexpr int64_t kNsPerSecond = 1000000000;
 
 struct Step {
     int64_t offsetNs;        // since the beginning; of a wait: when it is reached
-    Kind kind;               // WAIT: event.name holds what is waited for
+    Kind kind;               // kWait: event.name holds what is waited for
     ar_context_event event;  // without its timestamp
 };
 

@@ -34,7 +34,7 @@ int openControl(const char* path, int* fd) {
 }
 
 Side sideOf(Kind kind) {
-    return kind == Kind::ENVIRONMENT ? ENVIRONMENT : ACTIVITY;
+    return kind == Kind::kEnvironment ? kEnvironment : kActivity;
 }
 
 }  // namespace
@@ -47,7 +47,7 @@ Simulator& Simulator::instance() {
 
 int Simulator::open() {
     android::Mutex::Autolock lock(mMutex);
-    if (mState != State::CLOSED) {
+    if (mState != State::kClosed) {
         SIM_LOG(ERROR, "the device is open already");
         return -EBUSY;
     }
@@ -59,7 +59,7 @@ int Simulator::open() {
     mPlayer = Player();
     mActivityCallbacks = nullptr;
     mEnvironmentCallbacks = nullptr;
-    mState = State::OPEN;
+    mState = State::kOpen;
     mThread = std::thread([this] { run(); });
     TraceLine line("open");
     return finish("open", line, 0);
@@ -98,7 +98,7 @@ bool Simulator::configure() {
         return false;
     }
     const auto wait = std::find_if(mScenario.steps.begin(), mScenario.steps.end(),
-                                   [](const Step& step) { return step.kind == Kind::WAIT; });
+                                   [](const Step& step) { return step.kind == Kind::kWait; });
     if (control == nullptr && wait != mScenario.steps.end()) {
         SIM_LOG(ERROR, "%s: waits for '%s', but AR_SIMULATOR_CONTROL names no FIFO", path,
                 wait->event.name);
@@ -115,9 +115,9 @@ bool Simulator::configure() {
         return false;
     }
 
-    const std::vector<std::string>* const names[SIDES] = {&mScenario.activities,
-                                                          &mScenario.environments};
-    for (int side = 0; side < SIDES; ++side) {
+    const std::vector<std::string>* const names[kSides] = {&mScenario.activities,
+                                                           &mScenario.environments};
+    for (int side = 0; side < kSides; ++side) {
         for (const std::string& name : *names[side]) {
             mLists[side].push_back(const_cast<char*>(name.c_str()));
         }
@@ -135,7 +135,7 @@ void Simulator::release() {
     mTrace.close();
     mControlText.clear();
     mInitialised.clear();
-    for (int side = 0; side < SIDES; ++side) {
+    for (int side = 0; side < kSides; ++side) {
         mPairs[side].clear();
         mCurrent[side].clear();
     }
@@ -146,28 +146,28 @@ int Simulator::close() {
     std::thread thread;
     {
         android::Mutex::Autolock lock(mMutex);
-        if (mState != State::OPEN) return -EINVAL;
+        if (mState != State::kOpen) return -EINVAL;
         if (mThread.get_id() == std::this_thread::get_id()) {
             SIM_LOG(ERROR, "close was called from inside a callback");
             return -EDEADLK;
         }
         TraceLine line("close");
         finish("close", line, 0);
-        mState = State::CLOSING;
+        mState = State::kClosing;
         thread.swap(mThread);
         wake();
     }
     thread.join();
     android::Mutex::Autolock lock(mMutex);
     release();
-    mState = State::CLOSED;
+    mState = State::kClosed;
     return 0;
 }
 
 // Calls.
 
 int Simulator::finish(const char* native, TraceLine& line, int result) {
-    if (mState != State::OPEN) return -ENODEV;
+    if (mState != State::kOpen) return -ENODEV;
     if (result < 0) SIM_LOG(WARN, "%s refused: %s", native, strerror(-result));
     mTrace.write(line.number("result", result));
     return result;
@@ -203,7 +203,7 @@ void Simulator::startPlaying() {
 
 int Simulator::supportedList(Side side, char*** list) {
     const char* native =
-            side == ACTIVITY ? "get_supported_activities_list" : "get_supported_environments_list";
+            side == kActivity ? "get_supported_activities_list" : "get_supported_environments_list";
     android::Mutex::Autolock lock(mMutex);
     TraceLine line(native);
     if (list == nullptr) return finish(native, line, -EINVAL);
@@ -213,12 +213,12 @@ int Simulator::supportedList(Side side, char*** list) {
 
 int Simulator::current(Side side, ar_context_event** events) {
     // Other threads' queries must not change a snapshot that is still being read.
-    static thread_local ar_context_event snapshots[SIDES][ACTIVITY_RECOGNITION_MAX_CURRENT];
-    const char* native = side == ACTIVITY ? "get_current_activity" : "get_current_environment";
+    static thread_local ar_context_event snapshots[kSides][ACTIVITY_RECOGNITION_MAX_CURRENT];
+    const char* native = side == kActivity ? "get_current_activity" : "get_current_environment";
     android::Mutex::Autolock lock(mMutex);
     TraceLine line(native);
     if (events == nullptr) return finish(native, line, -EINVAL);
-    if (mState == State::OPEN) play(mClock.nowNs());
+    if (mState == State::kOpen) play(mClock.nowNs());
     std::copy(mCurrent[side].begin(), mCurrent[side].end(), snapshots[side]);
     *events = snapshots[side];
     return finish(native, line, static_cast<int>(mCurrent[side].size()));
@@ -226,11 +226,11 @@ int Simulator::current(Side side, ar_context_event** events) {
 
 int Simulator::checkPair(Side side, uint32_t what, uint32_t eventType) {
     if (what >= mLists[side].size()) return -EINVAL;
-    return side == ACTIVITY && (eventType < 1 || eventType > 2) ? -EINVAL : 0;
+    return side == kActivity && (eventType < 1 || eventType > 2) ? -EINVAL : 0;
 }
 
 void Simulator::enable(Side side, const PairKey& key, int64_t latencyNs, bool extended) {
-    if (mState != State::OPEN) return;
+    if (mState != State::kOpen) return;
     // What was due before this call is judged by what was enabled then.
     play(mClock.nowNs());
     Pair& pair = mPairs[side][key];
@@ -240,9 +240,9 @@ void Simulator::enable(Side side, const PairKey& key, int64_t latencyNs, bool ex
 }
 
 void Simulator::disable(Side side, const PairKey& key) {
-    if (mState != State::OPEN) return;
+    if (mState != State::kOpen) return;
     play(mClock.nowNs());
-    for (Kind kind : {Kind::PLAIN, Kind::EXTENDED, Kind::ENVIRONMENT}) {
+    for (Kind kind : {Kind::kPlain, Kind::kExtended, Kind::kEnvironment}) {
         if (sideOf(kind) == side) mBuffers[static_cast<int>(kind)].drop(key);
     }
     mPairs[side].erase(key);
@@ -253,8 +253,8 @@ int Simulator::enableActivity(uint32_t activity, uint32_t eventType, int64_t lat
     TraceLine line("enable_activity_event");
     line.number("activity", activity).number("event_type", eventType);
     line.number("latency_ns", latencyNs);
-    const int result = checkPair(ACTIVITY, activity, eventType);
-    if (result == 0) enable(ACTIVITY, {activity, eventType}, latencyNs, false);
+    const int result = checkPair(kActivity, activity, eventType);
+    if (result == 0) enable(kActivity, {activity, eventType}, latencyNs, false);
     return finish("enable_activity_event", line, result);
 }
 
@@ -264,8 +264,8 @@ int Simulator::enableActivityExtend(uint32_t activity, uint32_t eventType, int64
     TraceLine line("enable_activity_event_extend");
     line.number("activity", activity).number("event_type", eventType);
     line.number("latency_ns", latencyNs).params(params);
-    const int result = params == nullptr ? -EINVAL : checkPair(ACTIVITY, activity, eventType);
-    if (result == 0) enable(ACTIVITY, {activity, eventType}, latencyNs, true);
+    const int result = params == nullptr ? -EINVAL : checkPair(kActivity, activity, eventType);
+    if (result == 0) enable(kActivity, {activity, eventType}, latencyNs, true);
     return finish("enable_activity_event_extend", line, result);
 }
 
@@ -273,19 +273,19 @@ int Simulator::disableActivity(uint32_t activity, uint32_t eventType) {
     android::Mutex::Autolock lock(mMutex);
     TraceLine line("disable_activity_event");
     line.number("activity", activity).number("event_type", eventType);
-    const int result = checkPair(ACTIVITY, activity, eventType);
-    if (result == 0) disable(ACTIVITY, {activity, eventType});
+    const int result = checkPair(kActivity, activity, eventType);
+    if (result == 0) disable(kActivity, {activity, eventType});
     return finish("disable_activity_event", line, result);
 }
 
 int Simulator::flush() {
     android::Mutex::Autolock lock(mMutex);
     TraceLine line("flush");
-    if (mState == State::OPEN) {
+    if (mState == State::kOpen) {
         const int64_t nowNs = mClock.nowNs();
         play(nowNs);
-        mBuffers[static_cast<int>(Kind::PLAIN)].flush(nowNs);
-        mBuffers[static_cast<int>(Kind::EXTENDED)].flush(nowNs);
+        mBuffers[static_cast<int>(Kind::kPlain)].flush(nowNs);
+        mBuffers[static_cast<int>(Kind::kExtended)].flush(nowNs);
         wake();
     }
     return finish("flush", line, 0);
@@ -295,8 +295,8 @@ int Simulator::initEnvironment(uint32_t environment, const other_params* params)
     android::Mutex::Autolock lock(mMutex);
     TraceLine line("init_environment");
     line.number("environment", environment).params(params);
-    const int result = params == nullptr ? -EINVAL : checkPair(ENVIRONMENT, environment, 0);
-    if (result == 0 && mState == State::OPEN) mInitialised.insert(environment);
+    const int result = params == nullptr ? -EINVAL : checkPair(kEnvironment, environment, 0);
+    if (result == 0 && mState == State::kOpen) mInitialised.insert(environment);
     return finish("init_environment", line, result);
 }
 
@@ -304,12 +304,12 @@ int Simulator::exitEnvironment(uint32_t environment, const other_params* params)
     android::Mutex::Autolock lock(mMutex);
     TraceLine line("exit_environment");
     line.number("environment", environment).params(params);
-    const int result = params == nullptr ? -EINVAL : checkPair(ENVIRONMENT, environment, 0);
+    const int result = params == nullptr ? -EINVAL : checkPair(kEnvironment, environment, 0);
     if (result == 0) {
         mInitialised.erase(environment);
-        const PairTable pairs = mPairs[ENVIRONMENT];
+        const PairTable pairs = mPairs[kEnvironment];
         for (const auto& pair : pairs) {
-            if (pair.first.first == environment) disable(ENVIRONMENT, pair.first);
+            if (pair.first.first == environment) disable(kEnvironment, pair.first);
         }
     }
     return finish("exit_environment", line, result);
@@ -321,9 +321,9 @@ int Simulator::enableEnvironment(uint32_t environment, uint32_t eventType, int64
     TraceLine line("enable_environment");
     line.number("environment", environment).number("event_type", eventType);
     line.number("latency_ns", latencyNs).params(params);
-    int result = params == nullptr ? -EINVAL : checkPair(ENVIRONMENT, environment, eventType);
+    int result = params == nullptr ? -EINVAL : checkPair(kEnvironment, environment, eventType);
     if (result == 0 && mInitialised.count(environment) == 0) result = -EPERM;
-    if (result == 0) enable(ENVIRONMENT, {environment, eventType}, latencyNs, false);
+    if (result == 0) enable(kEnvironment, {environment, eventType}, latencyNs, false);
     return finish("enable_environment", line, result);
 }
 
@@ -331,8 +331,8 @@ int Simulator::disableEnvironment(uint32_t environment, uint32_t eventType) {
     android::Mutex::Autolock lock(mMutex);
     TraceLine line("disable_environment");
     line.number("environment", environment).number("event_type", eventType);
-    const int result = checkPair(ENVIRONMENT, environment, eventType);
-    if (result == 0) disable(ENVIRONMENT, {environment, eventType});
+    const int result = checkPair(kEnvironment, environment, eventType);
+    if (result == 0) disable(kEnvironment, {environment, eventType});
     return finish("disable_environment", line, result);
 }
 
@@ -347,7 +347,7 @@ void Simulator::wake() {
 
 void Simulator::run() {
     mMutex.lock();
-    while (mState == State::OPEN) {
+    while (mState == State::kOpen) {
         readControl();
         const int64_t nowNs = mClock.nowNs();
         play(nowNs);
@@ -386,7 +386,7 @@ void Simulator::readControl() {
 
 // Plays what is due; stops at a full buffer, which must be sent first.
 void Simulator::play(int64_t nowNs) {
-    Kind kind = Kind::PLAIN;
+    Kind kind = Kind::kPlain;
     ar_context_event event = {};
     while (std::none_of(mBuffers, mBuffers + kRecordKinds,
                         [](const HoldBuffer& buffer) { return buffer.isFull(); }) &&
@@ -403,16 +403,16 @@ void Simulator::play(int64_t nowNs) {
 
         const auto pair = mPairs[side].find({event.activity, event.event_type});
         if (pair == mPairs[side].end()) continue;
-        if (kind == Kind::EXTENDED && !pair->second.extended) continue;
+        if (kind == Kind::kExtended && !pair->second.extended) continue;
         mBuffers[static_cast<int>(kind)].add(event);
     }
 }
 
 // Hands over one batch, without the lock; false when nothing is due.
 bool Simulator::sendDue(int64_t nowNs) {
-    Kind kind = Kind::PLAIN;
+    Kind kind = Kind::kPlain;
     int64_t firstNs = INT64_MAX;
-    for (Kind candidate : {Kind::PLAIN, Kind::EXTENDED, Kind::ENVIRONMENT}) {
+    for (Kind candidate : {Kind::kPlain, Kind::kExtended, Kind::kEnvironment}) {
         const int64_t deadlineNs =
                 mBuffers[static_cast<int>(candidate)].deadlineNs(mPairs[sideOf(candidate)]);
         if (deadlineNs < firstNs) {
@@ -427,17 +427,17 @@ bool Simulator::sendDue(int64_t nowNs) {
     const int count = static_cast<int>(events.size());
     const activity_callbacks* activityCallbacks = mActivityCallbacks;
     const environment_callbacks* environmentCallbacks = mEnvironmentCallbacks;
-    const bool heard = kind == Kind::ENVIRONMENT ? environmentCallbacks != nullptr
-                                                 : activityCallbacks != nullptr;
+    const bool heard = kind == Kind::kEnvironment ? environmentCallbacks != nullptr
+                                                  : activityCallbacks != nullptr;
     if (!heard) return true;
     if (mTrace.isOpen()) {
         static const char* const natives[] = {"activity_changed", "activity_extend_changed",
                                               "environment_changed"};
         TraceLine line(natives[static_cast<int>(kind)]);
-        mTrace.write(line.events(events.data(), count, kind != Kind::PLAIN));
+        mTrace.write(line.events(events.data(), count, kind != Kind::kPlain));
     }
     std::vector<activity_event> plain;
-    if (kind == Kind::PLAIN) {
+    if (kind == Kind::kPlain) {
         for (const ar_context_event& event : events) {
             plain.push_back({event.event_type, event.activity, event.timestamp, event.extra, {}});
         }
@@ -445,10 +445,10 @@ bool Simulator::sendDue(int64_t nowNs) {
 
     mMutex.unlock();
     switch (kind) {
-        case Kind::PLAIN:
+        case Kind::kPlain:
             activityCallbacks->activity_changed(plain.data(), count);
             break;
-        case Kind::EXTENDED:
+        case Kind::kExtended:
             activityCallbacks->activity_extend_changed(events.data(), count);
             break;
         default:
@@ -461,7 +461,7 @@ bool Simulator::sendDue(int64_t nowNs) {
 
 int64_t Simulator::sleepNs() const {
     int64_t wakeNs = mPlayer.nextDueNs();
-    for (Kind kind : {Kind::PLAIN, Kind::EXTENDED, Kind::ENVIRONMENT}) {
+    for (Kind kind : {Kind::kPlain, Kind::kExtended, Kind::kEnvironment}) {
         wakeNs =
                 std::min(wakeNs, mBuffers[static_cast<int>(kind)].deadlineNs(mPairs[sideOf(kind)]));
     }

@@ -21,7 +21,7 @@
 
 namespace ar_simulator {
 
-enum Side { ACTIVITY, ENVIRONMENT, SIDES };
+enum Side { kActivity, kEnvironment, kSides };
 
 // Lives as long as the process, like the tables that lead to it. Every method may be called from
 // any thread at any time, from inside callbacks too; only close() waits. Results are 0 or negative
@@ -58,7 +58,7 @@ class Simulator {
     int disableEnvironment(uint32_t environment, uint32_t eventType);
 
   private:
-    enum class State { CLOSED, OPEN, CLOSING };
+    enum class State { kClosed, kOpen, kClosing };
 
     bool configure() REQUIRES(mMutex);
     void release() REQUIRES(mMutex);
@@ -76,7 +76,7 @@ class Simulator {
     int64_t sleepNs() const REQUIRES(mMutex);
 
     android::Mutex mMutex;
-    State mState GUARDED_BY(mMutex) = State::CLOSED;
+    State mState GUARDED_BY(mMutex) = State::kClosed;
     std::thread mThread GUARDED_BY(mMutex);
     int mWakeFd GUARDED_BY(mMutex) = -1;
     int mControlFd GUARDED_BY(mMutex) = -1;
@@ -84,16 +84,16 @@ class Simulator {
     Trace mTrace GUARDED_BY(mMutex);
 
     Scenario mScenario GUARDED_BY(mMutex);
-    std::vector<char*> mLists[SIDES] GUARDED_BY(mMutex);
+    std::vector<char*> mLists[kSides] GUARDED_BY(mMutex);
     Clock mClock GUARDED_BY(mMutex);
     Player mPlayer GUARDED_BY(mMutex);
 
     const activity_callbacks* mActivityCallbacks GUARDED_BY(mMutex) = nullptr;
     const environment_callbacks* mEnvironmentCallbacks GUARDED_BY(mMutex) = nullptr;
-    PairTable mPairs[SIDES] GUARDED_BY(mMutex);
+    PairTable mPairs[kSides] GUARDED_BY(mMutex);
     std::set<uint32_t> mInitialised GUARDED_BY(mMutex);
     HoldBuffer mBuffers[kRecordKinds] GUARDED_BY(mMutex);
-    std::vector<ar_context_event> mCurrent[SIDES] GUARDED_BY(mMutex);  // newest last
+    std::vector<ar_context_event> mCurrent[kSides] GUARDED_BY(mMutex);  // newest last
 };
 
 }  // namespace ar_simulator

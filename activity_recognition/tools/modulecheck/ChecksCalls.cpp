@@ -34,17 +34,17 @@ void checkActivityCalls(Probe& probe, const Subject& subject) {
     const Calls calls{probe, subject};
     const activity_interface& table = *subject.activity;
     check("enable_activity_event", "(0, 1)",
-          [&] { return calls.enable(Kind::PLAIN, 0, 1, kSecondNs); });
+          [&] { return calls.enable(Kind::kPlain, 0, 1, kSecondNs); });
     check("enable_activity_event", "(0, 1) again",
-          [&] { return calls.enable(Kind::PLAIN, 0, 1, 2 * kSecondNs); });
+          [&] { return calls.enable(Kind::kPlain, 0, 1, 2 * kSecondNs); });
     check("flush", "", table.flush);
-    check("disable_activity_event", "(0, 1)", [&] { return calls.disable(Kind::PLAIN, 0, 1); });
+    check("disable_activity_event", "(0, 1)", [&] { return calls.disable(Kind::kPlain, 0, 1); });
 
     // Names that do and do not leave room for a NUL, and a request for no wake-up.
     for (const size_t length : {0, 31, 32}) {
         const std::string how = fmt::format("(0, 2) with a name of {} characters", length);
         check("enable_activity_event_extend", how.c_str(), [&] {
-            Recorder::instance().willEnable(Kind::EXTENDED, 0, 2);
+            Recorder::instance().willEnable(Kind::kExtended, 0, 2);
             const GuardedParams params(probe, {1, 0, 0, 0}, std::string(length, 'n'));
             return table.enable_activity_event_extend(0, 2, kNoWakeNs, params.get());
         });
@@ -52,8 +52,8 @@ void checkActivityCalls(Probe& probe, const Subject& subject) {
     // After these, a module that kept a pointer has had its chances to use it.
     check("flush", "after the extended enables", table.flush);
     check("enable_activity_event", "(0, 2) after the extended enables",
-          [&] { return calls.enable(Kind::PLAIN, 0, 2, kSecondNs); });
-    check("disable_activity_event", "(0, 2)", [&] { return calls.disable(Kind::PLAIN, 0, 2); });
+          [&] { return calls.enable(Kind::kPlain, 0, 2, kSecondNs); });
+    check("disable_activity_event", "(0, 2)", [&] { return calls.disable(Kind::kPlain, 0, 2); });
     check("flush", "after the disable", table.flush);
 }
 
@@ -65,12 +65,12 @@ void checkEnvironmentCalls(Probe& probe, const Subject& subject) {
         const std::string name(length, 'n');
         check("init_environment", how.c_str(), [&] { return calls.init(0, name); });
         check("enable_environment", how.c_str(), [&] {
-            Recorder::instance().willEnable(Kind::ENVIRONMENT, 0, 1);
+            Recorder::instance().willEnable(Kind::kEnvironment, 0, 1);
             const GuardedParams params(probe, {1, 0, 0, 0}, name);
             return subject.environment->enable_environment(0, 1, kSecondNs, params.get());
         });
         check("disable_environment", "(0, 1)",
-              [&] { return calls.disable(Kind::ENVIRONMENT, 0, 1); });
+              [&] { return calls.disable(Kind::kEnvironment, 0, 1); });
         check("exit_environment", how.c_str(), [&] { return calls.exit(0, name); });
     }
 }

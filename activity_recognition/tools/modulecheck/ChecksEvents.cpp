@@ -29,11 +29,11 @@ void checkEvents(Probe& probe) {
 
     probe.stage("event.enabled", "listening with one pair of each side enabled");
     if (subject.activity != nullptr && subject.activities > 0) {
-        calls.enable(Kind::EXTENDED, 0, 1, kSecondNs);
+        calls.enable(Kind::kExtended, 0, 1, kSecondNs);
     }
     if (subject.environment != nullptr && subject.environments > 0) {
         calls.init(0, "");
-        calls.enable(Kind::ENVIRONMENT, 0, 1, 0);
+        calls.enable(Kind::kEnvironment, 0, 1, 0);
     }
     listen();
     flush(subject);
@@ -74,13 +74,13 @@ void checkReentry(Probe& probe) {
         table.get_supported_activities_list(&list);
         table.get_current_activity(&events);
         probe.stage(rule, "enable_activity_event");
-        expect("enable_activity_event", calls.enable(Kind::PLAIN, 0, 1, 0));
+        expect("enable_activity_event", calls.enable(Kind::kPlain, 0, 1, 0));
         probe.stage(rule, "enable_activity_event_extend");
-        expect("enable_activity_event_extend", calls.enable(Kind::EXTENDED, 0, 2, 0));
+        expect("enable_activity_event_extend", calls.enable(Kind::kExtended, 0, 2, 0));
         probe.stage(rule, "flush");
         expect("flush", table.flush());
         probe.stage(rule, "disable_activity_event");
-        expect("disable_activity_event", calls.disable(Kind::PLAIN, 0, 2));
+        expect("disable_activity_event", calls.disable(Kind::kPlain, 0, 2));
     };
 
     std::mutex lock;
@@ -155,18 +155,18 @@ void checkThreads(Probe& probe) {
             if (hasActivities) {
                 const auto& table = *subject.activity;
                 const int64_t latencyNs = i % 3 * kSecondNs;
-                const Kind kind = i % 10 == 0 ? Kind::EXTENDED : Kind::PLAIN;
+                const Kind kind = i % 10 == 0 ? Kind::kExtended : Kind::kPlain;
                 expect("enable", calls.enable(kind, 0, type, latencyNs));
                 if (table.get_supported_activities_list(&list) < 1) expect("list", -1);
                 if (table.get_current_activity(&events) < 0) expect("current", -1);
                 expect("flush", table.flush());
-                expect("disable", calls.disable(Kind::PLAIN, 0, type));
+                expect("disable", calls.disable(Kind::kPlain, 0, type));
             }
             if (hasEnvironments && i % 10 == 0) {
                 const auto& table = *subject.environment;
-                expect("enable_environment", calls.enable(Kind::ENVIRONMENT, 0, type, 0));
+                expect("enable_environment", calls.enable(Kind::kEnvironment, 0, type, 0));
                 if (table.get_current_environment(&events) < 0) expect("current", -1);
-                expect("disable_environment", calls.disable(Kind::ENVIRONMENT, 0, type));
+                expect("disable_environment", calls.disable(Kind::kEnvironment, 0, type));
             }
         }
     };

@@ -19,24 +19,24 @@ constexpr uint32_t kMostEnabled = 64;
 thread_local int sDepth = 0;
 
 const char* callbackName(Kind kind) {
-    if (kind == Kind::PLAIN) return "activity_changed";
-    return kind == Kind::EXTENDED ? "activity_extend_changed" : "environment_changed";
+    if (kind == Kind::kPlain) return "activity_changed";
+    return kind == Kind::kExtended ? "activity_extend_changed" : "environment_changed";
 }
 
 }  // namespace
 
 const activity_callbacks kActivityCallbacks = {
         [](const activity_event* events, int count) {
-            Recorder::instance().heard(Kind::PLAIN, events, count);
+            Recorder::instance().heard(Kind::kPlain, events, count);
         },
         [](const ar_context_event* events, int count) {
-            Recorder::instance().heard(Kind::EXTENDED, events, count);
+            Recorder::instance().heard(Kind::kExtended, events, count);
         },
 };
 
 const environment_callbacks kEnvironmentCallbacks = {
         [](const ar_context_event* events, int count) {
-            Recorder::instance().heard(Kind::ENVIRONMENT, events, count);
+            Recorder::instance().heard(Kind::kEnvironment, events, count);
         },
 };
 
@@ -171,12 +171,12 @@ void Recorder::start(Probe* probe, const Subject& subject) {
 
 void Recorder::willEnable(Kind kind, uint32_t what, uint32_t eventType) {
     std::lock_guard<std::mutex> lock(mLock);
-    mPairs[{kind == Kind::ENVIRONMENT, what, eventType}].enabled = true;
+    mPairs[{kind == Kind::kEnvironment, what, eventType}].enabled = true;
 }
 
 void Recorder::didDisable(Kind kind, uint32_t what, uint32_t eventType) {
     std::lock_guard<std::mutex> lock(mLock);
-    mPairs[{kind == Kind::ENVIRONMENT, what, eventType}] = {false, Clock::now()};
+    mPairs[{kind == Kind::kEnvironment, what, eventType}] = {false, Clock::now()};
 }
 
 void Recorder::didClose() {
@@ -215,7 +215,7 @@ bool Recorder::checkBatch(const char* name, const void* events, int count, size_
 
 void Recorder::checkEvent(Kind kind, const char* callback, uint32_t eventType, uint32_t what,
                           int64_t timestamp, Clock::time_point at) {
-    const bool isEnvironment = kind == Kind::ENVIRONMENT;
+    const bool isEnvironment = kind == Kind::kEnvironment;
     for (const char* rule : {"event.type", "event.activity", "event.time", "event.enabled"}) {
         mProbe->exercised(rule);
     }
@@ -256,10 +256,10 @@ void Recorder::heard(Kind kind, const void* events, int count) {
         }
         if (mClosed) mProbe->finding("close.silent", fmt::format("{} after close", name));
         const size_t stride =
-                kind == Kind::PLAIN ? sizeof(activity_event) : sizeof(ar_context_event);
+                kind == Kind::kPlain ? sizeof(activity_event) : sizeof(ar_context_event);
         const bool good = checkBatch(name, events, count, stride);
         for (int i = 0; good && i < count; ++i) {
-            if (kind == Kind::PLAIN) {
+            if (kind == Kind::kPlain) {
                 const activity_event& event = static_cast<const activity_event*>(events)[i];
                 checkEvent(kind, name, event.event_type, event.activity, event.timestamp, at);
                 continue;
@@ -281,11 +281,11 @@ void Recorder::heard(Kind kind, const void* events, int count) {
 
 int Calls::enable(Kind kind, uint32_t what, uint32_t eventType, int64_t latencyNs) const {
     Recorder::instance().willEnable(kind, what, eventType);
-    if (kind == Kind::PLAIN) {
+    if (kind == Kind::kPlain) {
         return subject.activity->enable_activity_event(what, eventType, latencyNs);
     }
     const GuardedParams params(probe, {2, 0, 0, 0}, "modulecheck");
-    if (kind == Kind::EXTENDED) {
+    if (kind == Kind::kExtended) {
         return subject.activity->enable_activity_event_extend(what, eventType, latencyNs,
                                                               params.get());
     }
@@ -293,7 +293,7 @@ int Calls::enable(Kind kind, uint32_t what, uint32_t eventType, int64_t latencyN
 }
 
 int Calls::disable(Kind kind, uint32_t what, uint32_t eventType) const {
-    const int result = kind == Kind::ENVIRONMENT
+    const int result = kind == Kind::kEnvironment
                                ? subject.environment->disable_environment(what, eventType)
                                : subject.activity->disable_activity_event(what, eventType);
     Recorder::instance().didDisable(kind, what, eventType);
@@ -315,11 +315,11 @@ void Calls::enableAll(int64_t latencyNs) const {
     const uint32_t environments = std::min(subject.environments, kMostEnabled);
     for (uint32_t type = 1; type <= 2; ++type) {
         for (uint32_t i = 0; subject.activity != nullptr && i < activities; ++i) {
-            enable(Kind::EXTENDED, i, type, latencyNs);
+            enable(Kind::kExtended, i, type, latencyNs);
         }
         for (uint32_t i = 0; subject.environment != nullptr && i < environments; ++i) {
             init(i, "");
-            enable(Kind::ENVIRONMENT, i, type, latencyNs);
+            enable(Kind::kEnvironment, i, type, latencyNs);
         }
     }
 }
@@ -329,10 +329,10 @@ void Calls::disableAll() const {
     const uint32_t environments = std::min(subject.environments, kMostEnabled);
     for (uint32_t type = 1; type <= 2; ++type) {
         for (uint32_t i = 0; subject.activity != nullptr && i < activities; ++i) {
-            disable(Kind::EXTENDED, i, type);
+            disable(Kind::kExtended, i, type);
         }
         for (uint32_t i = 0; subject.environment != nullptr && i < environments; ++i) {
-            disable(Kind::ENVIRONMENT, i, type);
+            disable(Kind::kEnvironment, i, type);
         }
     }
 }

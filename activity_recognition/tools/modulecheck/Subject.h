@@ -14,7 +14,7 @@
 
 namespace modulecheck {
 
-enum class Kind { PLAIN, EXTENDED, ENVIRONMENT };
+enum class Kind { kPlain, kExtended, kEnvironment };
 
 // Every step that fails is a finding already when it returns NULL or false.
 struct Subject {
