@@ -6,6 +6,7 @@
 #include <hidl/HidlTransportSupport.h>
 #include <hidl/Static.h>
 #include <log/log.h>
+#include <utils/Mutex.h>
 
 namespace android { namespace hardware {
 
@@ -122,8 +123,8 @@ sp<IBinder> getOrCreateCachedBinder(IBase* interface) {
     if (interface->isRemote()) return IInterface::asBinder(dynamic_cast<IInterface*>(interface));
 
     // Making a stub and storing it is one step: an object has one stub at a time.
-    static std::mutex* mutex = new std::mutex;
-    std::unique_lock<std::mutex> lock(*mutex);
+    static auto* mutex = new Mutex;
+    Mutex::Autolock lock(*mutex);
     sp<BHwBinder> stub = details::gBnMap->get(interface, nullptr).promote();
     if (stub != nullptr) return stub;
     const std::string descriptor = details::getDescriptor(interface);

@@ -20,14 +20,14 @@ status_t BpHwBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, 
 }
 
 status_t BpHwBinder::linkToDeath(const sp<DeathRecipient>& recipient) {
-    std::unique_lock<std::mutex> lock(mMutex);
+    Mutex::Autolock lock(mMutex);
     if (mDead) return DEAD_OBJECT;
     mRecipients.push_back(recipient);
     return OK;
 }
 
 status_t BpHwBinder::unlinkToDeath(const wp<DeathRecipient>& recipient) {
-    std::unique_lock<std::mutex> lock(mMutex);
+    Mutex::Autolock lock(mMutex);
     if (mDead) return DEAD_OBJECT;
     auto it = std::find(mRecipients.begin(), mRecipients.end(), recipient);
     if (it == mRecipients.end()) return NAME_NOT_FOUND;
@@ -38,7 +38,7 @@ status_t BpHwBinder::unlinkToDeath(const wp<DeathRecipient>& recipient) {
 void BpHwBinder::sendObituary() {
     std::vector<wp<DeathRecipient>> recipients;
     {
-        std::unique_lock<std::mutex> lock(mMutex);
+        Mutex::Autolock lock(mMutex);
         mDead = true;
         recipients.swap(mRecipients);
     }

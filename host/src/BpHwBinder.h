@@ -4,10 +4,10 @@
 #include <stdint.h>
 
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include <hwbinder/IBinder.h>
+#include <utils/Mutex.h>
 
 namespace android { namespace hardware {
 
@@ -40,9 +40,9 @@ class BpHwBinder : public IBinder {
     const std::shared_ptr<host::Session> mSession;
     const uint64_t mId;
 
-    std::mutex mMutex;
-    bool mDead;
-    std::vector<wp<DeathRecipient>> mRecipients;
+    Mutex mMutex;
+    bool mDead GUARDED_BY(mMutex);
+    std::vector<wp<DeathRecipient>> mRecipients GUARDED_BY(mMutex);
 };
 
 }}  // namespace android::hardware

@@ -21,7 +21,7 @@ class Node {
     static Node& self();
 
     // Listens, once; the name of the socket in the registry. Empty on failure, which is logged.
-    std::string listen();
+    std::string listen() EXCLUDES(mDialMutex, mMutex);
 
     // What calls to object 0 reach: set before listen().
     void setRegistryObject(const sp<IBinder>& object);
@@ -29,7 +29,7 @@ class Node {
 
     // The session with the process that listens there, made when there is none. NULL when nobody
     // listens.
-    SessionPtr dial(const std::string& socketName);
+    SessionPtr dial(const std::string& socketName) EXCLUDES(mDialMutex, mMutex);
 
     // Lets every process that was dialled call back, with as many threads as the pool now has.
     void offerServing();
@@ -48,9 +48,9 @@ class Node {
     void accept();
     // First message of a connection. False when it has not come yet.
     bool greet(const ConnectionPtr& connection);
-    void addSession(const SessionPtr& session);
-    void endSession(const SessionPtr& session);
-    SessionPtr sessionOf(const Token& token, pid_t peer);
+    void addSession(const SessionPtr& session) EXCLUDES(mMutex);
+    void endSession(const SessionPtr& session) EXCLUDES(mMutex);
+    SessionPtr sessionOf(const Token& token, pid_t peer) EXCLUDES(mMutex);
 
     Worker mJanitor{"hidl-janitor"};
     base::unique_fd mEpoll;

@@ -3,11 +3,11 @@
 #include <hidl/ServiceManagement.h>
 
 #include <map>
-#include <mutex>
 
 #include <android/hidl/base/1.0/BpHwBase.h>
 #include <hidl/HidlTransportSupport.h>
 #include <log/log.h>
+#include <utils/Mutex.h>
 
 #include "Node.h"
 #include "Registry.h"
@@ -34,14 +34,14 @@ class LocalServices : public BHwBinder {
     }
 
     sp<IBase> get(const std::string& interface, const std::string& instance) {
-        std::unique_lock<std::mutex> lock(mMutex);
+        Mutex::Autolock lock(mMutex);
         auto it = mServices.find(interface + "/" + instance);
         return it == mServices.end() ? nullptr : it->second;
     }
 
     void add(const std::vector<std::string>& interfaces, const std::string& instance,
              const sp<IBase>& service) {
-        std::unique_lock<std::mutex> lock(mMutex);
+        Mutex::Autolock lock(mMutex);
         for (const std::string& interface : interfaces) {
             mServices[interface + "/" + instance] = service;
         }
@@ -61,8 +61,8 @@ class LocalServices : public BHwBinder {
     }
 
   private:
-    std::mutex mMutex;
-    std::map<std::string, sp<IBase>> mServices;
+    Mutex mMutex;
+    std::map<std::string, sp<IBase>> mServices GUARDED_BY(mMutex);
 };
 
 class HostServiceManager : public IServiceManager {

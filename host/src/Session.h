@@ -18,7 +18,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include <hwbinder/Parcel.h>
@@ -48,7 +47,7 @@ class Session : public std::enable_shared_from_this<Session> {
     pid_t peer() const { return mControl->peer(); }
     const Token& token() const { return mToken; }
     const ConnectionPtr& control() const { return mControl; }
-    bool ended();
+    bool ended() EXCLUDES(mMutex);
 
     // FAILED_TRANSACTION when the call does not fit or cannot be sent; DEAD_OBJECT when the other
     // process is gone; else what the other side answered.
@@ -70,10 +69,10 @@ class Session : public std::enable_shared_from_this<Session> {
 
     // The other process is gone: fails every call, tells every linked recipient, drops every object
     // that it had. Idempotent; the notices go out on a thread of the runtime.
-    void end();
+    void end() EXCLUDES(mMutex);
 
     // The last reference to a proxy is going.
-    void proxyGone(BpHwBinder* proxy);
+    void proxyGone(BpHwBinder* proxy) EXCLUDES(mMutex);
 
   private:
     // An object of this process that the other one has.
@@ -86,11 +85,11 @@ class Session : public std::enable_shared_from_this<Session> {
     // Both kinds together; a process that opens more is at fault.
     static constexpr size_t kMaxConnections = 256;
 
-    ConnectionPtr borrow();
-    void giveBack(ConnectionPtr connection, bool broken);
-    bool remember(const ConnectionPtr& connection);
+    ConnectionPtr borrow() EXCLUDES(mMutex);
+    void giveBack(ConnectionPtr connection, bool broken) EXCLUDES(mMutex);
+    bool remember(const ConnectionPtr& connection) EXCLUDES(mMutex);
     // Why there was no connection for a call.
-    status_t goneStatus();
+    status_t goneStatus() EXCLUDES(mMutex);
 
     // Serves calls until the connection ends; the body of a pool thread.
     void serve(const ConnectionPtr& connection);
@@ -98,20 +97,21 @@ class Session : public std::enable_shared_from_this<Session> {
     // end.
     status_t serveCall(const ConnectionPtr& connection, Message* message);
     // The object that the other side has under this number, or NULL.
-    sp<IBinder> exported(uint64_t id);
+    sp<IBinder> exported(uint64_t id) EXCLUDES(mMutex);
 
     // References for the wire; each object of ours counts as sent. FAILED_TRANSACTION when the
     // parcel is too large, INVALID_OPERATION for an object of a third process.
-    status_t encode(const Parcel& parcel, std::vector<ObjectRef>* refs);
-    void undoEncode(const std::vector<ObjectRef>& refs);
+    status_t encode(const Parcel& parcel, std::vector<ObjectRef>* refs) EXCLUDES(mMutex);
+    void undoEncode(const std::vector<ObjectRef>& refs) EXCLUDES(mMutex);
     void undoEncodeLocked(const std::vector<ObjectRef>& refs) REQUIRES(mMutex);
     bool takeBackLocked(uint64_t id, uint64_t amount, sp<IBinder>* last) REQUIRES(mMutex);
     // False when it refers to an object that the sender does not have.
     bool decode(Message* message, Parcel* parcel);
-    sp<IBinder> proxyFor(uint64_t id);
+    sp<IBinder> proxyFor(uint64_t id) EXCLUDES(mMutex);
 
-    uint64_t awaitAcknowledgement(const Parcel& reply, const std::vector<ObjectRef>& refs);
-    void acknowledge(uint64_t ack);
+    uint64_t awaitAcknowledgement(const Parcel& reply, const std::vector<ObjectRef>& refs)
+            EXCLUDES(mMutex);
+    void acknowledge(uint64_t ack) EXCLUDES(mMutex);
     // Queues a message for the control connection and sends what has room.
     void post(Message message) REQUIRES(mMutex);
     void sendOutbox() REQUIRES(mMutex);

@@ -6,11 +6,11 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
 
 #include <hidl/HidlTransportSupport.h>
 #include <hwbinder/ProcessState.h>
 #include <log/log.h>
+#include <utils/Mutex.h>
 
 #include "Node.h"
 
@@ -20,19 +20,52 @@ namespace {
 
 std::atomic<bool> gShutdown{false};
 
-// Never destroyed: pool threads outlive main.
-struct Pool {
-    std::mutex mutex;
-    std::condition_variable changed;
-    size_t size = 1;
-    size_t busy = 0;
-    bool started = false;
-};
+// How many threads serve, and may.
+class Pool {
+  public:
+    // Never destroyed: pool threads outlive main.
+    static Pool& self() {
+        static auto* self = new Pool;
+        return *self;
+    }
 
-Pool& pool() {
-    static auto* pool = new Pool;
-    return *pool;
-}
+    // Returns false when it was started before.
+    bool start() {
+        Mutex::Autolock lock(mMutex);
+        if (mStarted) return false;
+        mStarted = true;
+        mChanged.notify_all();
+        return true;
+    }
+    void setSize(size_t size) {
+        Mutex::Autolock lock(mMutex);
+        mSize = size;
+        mChanged.notify_all();
+    }
+    // 0 until it is started.
+    size_t size() {
+        Mutex::Autolock lock(mMutex);
+        return mStarted ? mSize : 0;
+    }
+
+    void enter() {
+        Mutex::Autolock lock(mMutex);
+        while (!mStarted || mBusy >= mSize) mChanged.wait(mMutex);
+        ++mBusy;
+    }
+    void leave() {
+        Mutex::Autolock lock(mMutex);
+        --mBusy;
+        mChanged.notify_one();
+    }
+
+  private:
+    Mutex mMutex;
+    std::condition_variable_any mChanged;
+    size_t mSize GUARDED_BY(mMutex) = 1;
+    size_t mBusy GUARDED_BY(mMutex) = 0;
+    bool mStarted GUARDED_BY(mMutex) = false;
+};
 
 }  // namespace
 
@@ -90,20 +123,15 @@ ScopedCaller::~ScopedCaller() {
 namespace host {
 
 PoolSlot::PoolSlot() {
-    std::unique_lock<std::mutex> lock(pool().mutex);
-    pool().changed.wait(lock, [] { return pool().started && pool().busy < pool().size; });
-    ++pool().busy;
+    Pool::self().enter();
 }
 
 PoolSlot::~PoolSlot() {
-    std::unique_lock<std::mutex> lock(pool().mutex);
-    --pool().busy;
-    pool().changed.notify_one();
+    Pool::self().leave();
 }
 
 size_t startedPoolSize() {
-    std::unique_lock<std::mutex> lock(pool().mutex);
-    return pool().started ? pool().size : 0;
+    return Pool::self().size();
 }
 
 }  // namespace host
@@ -114,13 +142,7 @@ sp<ProcessState> ProcessState::self() {
 }
 
 void ProcessState::startThreadPool() {
-    {
-        std::unique_lock<std::mutex> lock(pool().mutex);
-        if (pool().started) return;
-        pool().started = true;
-        pool().changed.notify_all();
-    }
-    host::Node::self().offerServing();
+    if (Pool::self().start()) host::Node::self().offerServing();
 }
 
 status_t ProcessState::setThreadPoolConfiguration(size_t maxThreads, bool) {
@@ -128,11 +150,7 @@ status_t ProcessState::setThreadPoolConfiguration(size_t maxThreads, bool) {
         ALOGE("A pool of %zu threads is not possible, 1 to 64 are", maxThreads);
         return BAD_VALUE;
     }
-    {
-        std::unique_lock<std::mutex> lock(pool().mutex);
-        pool().size = maxThreads;
-        pool().changed.notify_all();
-    }
+    Pool::self().setSize(maxThreads);
     host::Node::self().offerServing();
     return OK;
 }

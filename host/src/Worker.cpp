@@ -7,13 +7,13 @@
 namespace android { namespace hardware { namespace host {
 
 Worker::~Worker() {
-    std::unique_lock<std::mutex> lock(mState->mutex);
+    Mutex::Autolock lock(mState->mutex);
     mState->ending = true;
     mState->changed.notify_all();
 }
 
 bool Worker::post(std::function<void()> task, size_t limit) {
-    std::unique_lock<std::mutex> lock(mState->mutex);
+    Mutex::Autolock lock(mState->mutex);
     if (mState->tasks.size() >= limit) return false;
     mState->tasks.push_back(std::move(task));
     mState->changed.notify_all();
@@ -24,19 +24,18 @@ bool Worker::post(std::function<void()> task, size_t limit) {
     return true;
 }
 
+std::function<void()> Worker::State::next() {
+    Mutex::Autolock lock(mutex);
+    while (!ending && tasks.empty()) changed.wait(mutex);
+    if (tasks.empty()) return nullptr;
+    std::function<void()> task = std::move(tasks.front());
+    tasks.pop_front();
+    return task;
+}
+
 void Worker::run(const std::shared_ptr<State>& state) {
     pthread_setname_np(pthread_self(), state->name);
-    std::unique_lock<std::mutex> lock(state->mutex);
-    for (;;) {
-        state->changed.wait(lock, [&] { return state->ending || !state->tasks.empty(); });
-        if (state->tasks.empty()) return;
-        std::function<void()> task = std::move(state->tasks.front());
-        state->tasks.pop_front();
-        lock.unlock();
-        task();
-        task = nullptr;
-        lock.lock();
-    }
+    while (std::function<void()> task = state->next()) task();
 }
 
 }}}  // namespace android::hardware::host

@@ -8,14 +8,15 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
+
+#include <utils/Mutex.h>
 
 namespace android { namespace hardware { namespace host {
 
 class Worker {
   public:
     // name: of the thread; at most 15 characters.
-    explicit Worker(const char* name) : mState(std::make_shared<State>()) { mState->name = name; }
+    explicit Worker(const char* name) : mState(std::make_shared<State>(name)) {}
     // Does not wait: queued tasks still run, then the thread ends.
     ~Worker();
 
@@ -24,12 +25,16 @@ class Worker {
 
   private:
     struct State {
-        const char* name;
-        std::mutex mutex;
-        std::condition_variable changed;
-        std::deque<std::function<void()>> tasks;
-        bool started = false;
-        bool ending = false;
+        explicit State(const char* threadName) : name(threadName) {}
+        // Waits for one; empty when there will be none any more.
+        std::function<void()> next();
+
+        const char* const name;
+        Mutex mutex;
+        std::condition_variable_any changed;
+        std::deque<std::function<void()>> tasks GUARDED_BY(mutex);
+        bool started GUARDED_BY(mutex) = false;
+        bool ending GUARDED_BY(mutex) = false;
     };
     static void run(const std::shared_ptr<State>& state);
 

@@ -6,11 +6,11 @@
 
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 
 #include <hidl/HidlSupport.h>
 #include <hwbinder/Binder.h>
+#include <utils/Mutex.h>
 
 namespace android { namespace hardware { namespace details {
 
@@ -25,28 +25,28 @@ class ConcurrentMap {
     V& operator[](const K&) = delete;  // a look-up never inserts
 
     V get(const K& key, const V& fallback) const {
-        std::unique_lock<std::mutex> lock(mMutex);
+        Mutex::Autolock lock(mMutex);
         auto it = mMap.find(key);
         return it == mMap.end() ? fallback : it->second;
     }
     void set(const K& key, const V& value) {
-        std::unique_lock<std::mutex> lock(mMutex);
+        Mutex::Autolock lock(mMutex);
         mMap[key] = value;
     }
     void erase(const K& key) {
-        std::unique_lock<std::mutex> lock(mMutex);
+        Mutex::Autolock lock(mMutex);
         mMap.erase(key);
     }
     // Leaves an entry alone that somebody has replaced.
     void eraseIfEqual(const K& key, const V& value) {
-        std::unique_lock<std::mutex> lock(mMutex);
+        Mutex::Autolock lock(mMutex);
         auto it = mMap.find(key);
         if (it != mMap.end() && it->second == value) mMap.erase(it);
     }
 
   private:
-    mutable std::mutex mMutex;
-    std::map<K, V> mMap;
+    mutable Mutex mMutex;
+    std::map<K, V> mMap GUARDED_BY(mMutex);
 };
 
 using BnConstructorMap = ConcurrentMap<std::string, std::function<sp<IBinder>(void*)>>;
