@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -14,6 +13,7 @@
 #include <fstream>
 
 #include <android/log.h>
+#include <utils/Timers.h>
 
 namespace {
 
@@ -41,7 +41,7 @@ void receive(Batch batch) {
 
 const activity_callbacks kActivityCallbacks = {
         [](const activity_event* events, int count) {
-            Batch batch{'p', {}, monotonicNs()};
+            Batch batch{'p', {}, systemTime(SYSTEM_TIME_MONOTONIC)};
             for (int i = 0; i < count; ++i) {
                 const activity_event& e = events[i];
                 batch.events.push_back({e.event_type, e.activity, e.timestamp, e.extra, 0, {}, ""});
@@ -49,12 +49,12 @@ const activity_callbacks kActivityCallbacks = {
             receive(std::move(batch));
         },
         [](const ar_context_event* events, int count) {
-            receive({'x', {events, events + count}, monotonicNs()});
+            receive({'x', {events, events + count}, systemTime(SYSTEM_TIME_MONOTONIC)});
         },
 };
 const environment_callbacks kEnvironmentCallbacks = {
         [](const ar_context_event* events, int count) {
-            receive({'e', {events, events + count}, monotonicNs()});
+            receive({'e', {events, events + count}, systemTime(SYSTEM_TIME_MONOTONIC)});
         },
 };
 
@@ -65,12 +65,6 @@ void log(const __android_logger_data* data, const char* message) {
 }
 
 }  // namespace
-
-int64_t monotonicNs() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * INT64_C(1000000000) + now.tv_nsec;
-}
 
 SimulatorTest::SimulatorTest() {
     __android_log_set_logger(log);

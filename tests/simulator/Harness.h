@@ -10,8 +10,6 @@
 
 #include <zaltho/activity_recognition_native.h>
 
-int64_t monotonicNs();
-
 // One call of a callback. Plain records carry no payload.
 struct Batch {
     char kind;  // 'p' plain, 'x' extended, 'e' environment

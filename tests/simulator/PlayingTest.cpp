@@ -6,6 +6,7 @@
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
+#include <utils/Timers.h>
 
 #include "Harness.h"
 
@@ -162,7 +163,7 @@ TEST_F(SimulatorTest, WaitsForItsNames) {
     set("LOOP", "0");
     start();
     activity->enable_activity_event(0, 1, 0);
-    const int64_t beforeNs = monotonicNs();
+    const int64_t beforeNs = systemTime(SYSTEM_TIME_MONOTONIC);
     say("two");
     say("three\n  one ");
     const Batch first = next();

@@ -25,9 +25,9 @@ IMPLEMENTATION = f"{PACKAGE}@1.1-impl"
 
 # What the modules here take from the rest of an Android 9 tree.
 PLATFORM_MODULES = {
-    "android.hidl.base@1.0", "hidl_defaults", "libcutils", "libgmock", "libhardware",
-    "libhardware_headers", "libhidlbase", "libhidltransport", "libhwbinder", "liblog", "libutils",
-    "libutils_headers",
+    "android.hidl.base@1.0", "hidl_defaults", "libbase_headers", "libcutils", "libgmock",
+    "libhardware", "libhardware_headers", "libhidlbase", "libhidltransport", "libhwbinder",
+    "liblog", "libutils",
     # Header libraries that the integrator brings for activityctl.
     "libcli11_headers", "libfmt_headers", "libnlohmann_json_headers",
 }
@@ -38,6 +38,7 @@ LIBRARIES = [
     (r"hidl/.*", "libhidlbase"),
     (r"hwbinder/.*", "libhwbinder"),
     (r"hardware/.*", "libhardware"),
+    (r"android-base/.*", "libbase"),
     (r"utils/.*", "libutils"),
     (r"cutils/.*", "libcutils"),
     (r"log/.*|android/log\.h", "liblog"),
@@ -47,7 +48,8 @@ LIBRARIES = [
 # The platform's headers that sources for the device may include besides those of C, C++ and POSIX.
 # By name: a header that only the host has must not pass because it sits in a folder of the platform.
 PLATFORM_HEADERS = re.compile(
-    r"android/log\.h|log/log\.h|cutils/trace\.h|gtest/gtest\.h|hardware/hardware\.h|"
+    r"android-base/unique_fd\.h|android/log\.h|log/log\.h|cutils/trace\.h|gtest/gtest\.h|"
+    r"hardware/hardware\.h|"
     r"android/hidl/(base|manager)/1\.0/\w+\.h|zaltho/activity_recognition_native\.h|"
     r"hidl/(HidlSupport|HidlTransportSupport|LegacySupport|MQDescriptor|ServiceManagement|Status)\.h|"
     r"hwbinder/(IPCThreadState|ProcessState)\.h|"

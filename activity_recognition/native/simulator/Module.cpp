@@ -11,6 +11,7 @@ namespace {
 
 using ar_simulator::kActivity;
 using ar_simulator::kEnvironment;
+using ar_simulator::Kind;
 using ar_simulator::Simulator;
 
 const activity_interface sActivityInterface = {
@@ -19,15 +20,16 @@ const activity_interface sActivityInterface = {
         },
         [](char*** list) { return Simulator::instance().supportedList(kActivity, list); },
         [](uint32_t activity, uint32_t eventType, int64_t latencyNs) {
-            return Simulator::instance().enableActivity(activity, eventType, latencyNs);
+            return Simulator::instance().enable(Kind::kPlain, activity, eventType, latencyNs,
+                                                nullptr);
         },
         [](uint32_t activity, uint32_t eventType, int64_t latencyNs, const other_params* params) {
-            return Simulator::instance().enableActivityExtend(activity, eventType, latencyNs,
-                                                              params);
+            return Simulator::instance().enable(Kind::kExtended, activity, eventType, latencyNs,
+                                                params);
         },
         [](ar_context_event** events) { return Simulator::instance().current(kActivity, events); },
         [](uint32_t activity, uint32_t eventType) {
-            return Simulator::instance().disableActivity(activity, eventType);
+            return Simulator::instance().disable(kActivity, activity, eventType);
         },
         []() { return Simulator::instance().flush(); },
 };
@@ -45,11 +47,11 @@ const environment_interface sEnvironmentInterface = {
         },
         [](uint32_t environment, uint32_t eventType, int64_t latencyNs,
            const other_params* params) {
-            return Simulator::instance().enableEnvironment(environment, eventType, latencyNs,
-                                                           params);
+            return Simulator::instance().enable(Kind::kEnvironment, environment, eventType,
+                                                latencyNs, params);
         },
         [](uint32_t environment, uint32_t eventType) {
-            return Simulator::instance().disableEnvironment(environment, eventType);
+            return Simulator::instance().disable(kEnvironment, environment, eventType);
         },
         [](ar_context_event** events) {
             return Simulator::instance().current(kEnvironment, events);

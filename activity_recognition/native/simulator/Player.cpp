@@ -2,17 +2,18 @@
 
 #include <math.h>
 
-#include "Trace.h"
+#include <utils/Timers.h>
 
 namespace ar_simulator {
 
 void Clock::start(double speed) {
-    mEpochNs = monotonicNs();
+    mEpochNs = systemTime(SYSTEM_TIME_MONOTONIC);
     mSpeed = speed;
 }
 
 int64_t Clock::nowNs() const {
-    return mEpochNs + static_cast<int64_t>(static_cast<double>(monotonicNs() - mEpochNs) * mSpeed);
+    const auto sinceNs = static_cast<double>(systemTime(SYSTEM_TIME_MONOTONIC) - mEpochNs);
+    return mEpochNs + static_cast<int64_t>(sinceNs * mSpeed);
 }
 
 int64_t Clock::untilNs(int64_t timeNs) const {

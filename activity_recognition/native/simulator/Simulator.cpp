@@ -25,16 +25,20 @@ const char* nonEmptyEnv(const char* name) {
 }
 
 // Open for writing too, so that the reading end never sees the last writer go.
-int openControl(const char* path, int* fd) {
+int openControl(const char* path, android::base::unique_fd* fd) {
     struct stat info = {};
     if (stat(path, &info) != 0) return -errno;
     if (!S_ISFIFO(info.st_mode)) return -ENXIO;
-    *fd = ::open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    return *fd >= 0 ? 0 : -errno;
+    fd->reset(::open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    return fd->get() >= 0 ? 0 : -errno;
 }
 
 Side sideOf(Kind kind) {
     return kind == Kind::kEnvironment ? kEnvironment : kActivity;
+}
+
+const char* nounOf(Side side) {
+    return side == kActivity ? "activity" : "environment";
 }
 
 }  // namespace
@@ -109,8 +113,8 @@ bool Simulator::configure() {
         SIM_LOG(ERROR, "AR_SIMULATOR_TRACE: %s: %s", trace, strerror(-result));
         return false;
     }
-    mWakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (mWakeFd < 0) {
+    mWakeFd.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (mWakeFd.get() < 0) {
         SIM_LOG(ERROR, "eventfd: %s", strerror(errno));
         return false;
     }
@@ -128,10 +132,8 @@ bool Simulator::configure() {
 }
 
 void Simulator::release() {
-    for (int* fd : {&mWakeFd, &mControlFd}) {
-        if (*fd >= 0) ::close(*fd);
-        *fd = -1;
-    }
+    mWakeFd.reset();
+    mControlFd.reset();
     mTrace.close();
     mControlText.clear();
     mInitialised.clear();
@@ -229,7 +231,7 @@ int Simulator::checkPair(Side side, uint32_t what, uint32_t eventType) {
     return side == kActivity && (eventType < 1 || eventType > 2) ? -EINVAL : 0;
 }
 
-void Simulator::enable(Side side, const PairKey& key, int64_t latencyNs, bool extended) {
+void Simulator::addPair(Side side, const PairKey& key, int64_t latencyNs, bool extended) {
     if (mState != State::kOpen) return;
     // What was due before this call is judged by what was enabled then.
     play(mClock.nowNs());
@@ -239,7 +241,7 @@ void Simulator::enable(Side side, const PairKey& key, int64_t latencyNs, bool ex
     wake();
 }
 
-void Simulator::disable(Side side, const PairKey& key) {
+void Simulator::dropPair(Side side, const PairKey& key) {
     if (mState != State::kOpen) return;
     play(mClock.nowNs());
     for (Kind kind : {Kind::kPlain, Kind::kExtended, Kind::kEnvironment}) {
@@ -248,34 +250,31 @@ void Simulator::disable(Side side, const PairKey& key) {
     mPairs[side].erase(key);
 }
 
-int Simulator::enableActivity(uint32_t activity, uint32_t eventType, int64_t latencyNs) {
+int Simulator::enable(Kind kind, uint32_t what, uint32_t eventType, int64_t latencyNs,
+                      const other_params* params) {
+    static const char* const natives[] = {"enable_activity_event", "enable_activity_event_extend",
+                                          "enable_environment"};
+    const char* native = natives[static_cast<int>(kind)];
+    const Side side = sideOf(kind);
     android::Mutex::Autolock lock(mMutex);
-    TraceLine line("enable_activity_event");
-    line.number("activity", activity).number("event_type", eventType);
-    line.number("latency_ns", latencyNs);
-    const int result = checkPair(kActivity, activity, eventType);
-    if (result == 0) enable(kActivity, {activity, eventType}, latencyNs, false);
-    return finish("enable_activity_event", line, result);
-}
-
-int Simulator::enableActivityExtend(uint32_t activity, uint32_t eventType, int64_t latencyNs,
-                                    const other_params* params) {
-    android::Mutex::Autolock lock(mMutex);
-    TraceLine line("enable_activity_event_extend");
-    line.number("activity", activity).number("event_type", eventType);
+    TraceLine line(native);
+    line.number(nounOf(side), what).number("event_type", eventType);
     line.number("latency_ns", latencyNs).params(params);
-    const int result = params == nullptr ? -EINVAL : checkPair(kActivity, activity, eventType);
-    if (result == 0) enable(kActivity, {activity, eventType}, latencyNs, true);
-    return finish("enable_activity_event_extend", line, result);
+    int result = checkPair(side, what, eventType);
+    if (params == nullptr && kind != Kind::kPlain) result = -EINVAL;
+    if (result == 0 && side == kEnvironment && mInitialised.count(what) == 0) result = -EPERM;
+    if (result == 0) addPair(side, {what, eventType}, latencyNs, kind == Kind::kExtended);
+    return finish(native, line, result);
 }
 
-int Simulator::disableActivity(uint32_t activity, uint32_t eventType) {
+int Simulator::disable(Side side, uint32_t what, uint32_t eventType) {
+    const char* native = side == kActivity ? "disable_activity_event" : "disable_environment";
     android::Mutex::Autolock lock(mMutex);
-    TraceLine line("disable_activity_event");
-    line.number("activity", activity).number("event_type", eventType);
-    const int result = checkPair(kActivity, activity, eventType);
-    if (result == 0) disable(kActivity, {activity, eventType});
-    return finish("disable_activity_event", line, result);
+    TraceLine line(native);
+    line.number(nounOf(side), what).number("event_type", eventType);
+    const int result = checkPair(side, what, eventType);
+    if (result == 0) dropPair(side, {what, eventType});
+    return finish(native, line, result);
 }
 
 int Simulator::flush() {
@@ -309,31 +308,10 @@ int Simulator::exitEnvironment(uint32_t environment, const other_params* params)
         mInitialised.erase(environment);
         const PairTable pairs = mPairs[kEnvironment];
         for (const auto& pair : pairs) {
-            if (pair.first.first == environment) disable(kEnvironment, pair.first);
+            if (pair.first.first == environment) dropPair(kEnvironment, pair.first);
         }
     }
     return finish("exit_environment", line, result);
-}
-
-int Simulator::enableEnvironment(uint32_t environment, uint32_t eventType, int64_t latencyNs,
-                                 const other_params* params) {
-    android::Mutex::Autolock lock(mMutex);
-    TraceLine line("enable_environment");
-    line.number("environment", environment).number("event_type", eventType);
-    line.number("latency_ns", latencyNs).params(params);
-    int result = params == nullptr ? -EINVAL : checkPair(kEnvironment, environment, eventType);
-    if (result == 0 && mInitialised.count(environment) == 0) result = -EPERM;
-    if (result == 0) enable(kEnvironment, {environment, eventType}, latencyNs, false);
-    return finish("enable_environment", line, result);
-}
-
-int Simulator::disableEnvironment(uint32_t environment, uint32_t eventType) {
-    android::Mutex::Autolock lock(mMutex);
-    TraceLine line("disable_environment");
-    line.number("environment", environment).number("event_type", eventType);
-    const int result = checkPair(kEnvironment, environment, eventType);
-    if (result == 0) disable(kEnvironment, {environment, eventType});
-    return finish("disable_environment", line, result);
 }
 
 // The thread.
@@ -341,7 +319,7 @@ int Simulator::disableEnvironment(uint32_t environment, uint32_t eventType) {
 void Simulator::wake() {
     // Fails only when the counter is full, and then the thread is awake anyway.
     const uint64_t one = 1;
-    ssize_t ignored = ::write(mWakeFd, &one, sizeof(one));
+    ssize_t ignored = ::write(mWakeFd.get(), &one, sizeof(one));
     (void)ignored;
 }
 
@@ -353,7 +331,7 @@ void Simulator::run() {
         play(nowNs);
         if (sendDue(nowNs)) continue;
 
-        pollfd fds[] = {{mWakeFd, POLLIN, 0}, {mControlFd, POLLIN, 0}};
+        pollfd fds[] = {{mWakeFd.get(), POLLIN, 0}, {mControlFd.get(), POLLIN, 0}};
         const int64_t leftNs = sleepNs();
         timespec timeout = {static_cast<time_t>(leftNs / kNsPerSecond),
                             static_cast<long>(leftNs % kNsPerSecond)};
@@ -370,7 +348,8 @@ void Simulator::run() {
 void Simulator::readControl() {
     char text[256];
     ssize_t length = 0;
-    while (mControlFd >= 0 && (length = ::read(mControlFd, text, sizeof(text))) > 0) {
+    const int fd = mControlFd.get();
+    while (fd >= 0 && (length = ::read(fd, text, sizeof(text))) > 0) {
         mControlText.append(text, static_cast<size_t>(length));
     }
     size_t end = 0;

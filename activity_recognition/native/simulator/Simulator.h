@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include <android-base/unique_fd.h>
 #include <utils/Mutex.h>
 
 #include <zaltho/activity_recognition_native.h>
@@ -45,17 +46,14 @@ class Simulator {
     // The snapshot belongs to the calling thread until it asks again for this side.
     int current(Side side, ar_context_event** events);
 
-    int enableActivity(uint32_t activity, uint32_t eventType, int64_t latencyNs);
-    int enableActivityExtend(uint32_t activity, uint32_t eventType, int64_t latencyNs,
-                             const other_params* params);
-    int disableActivity(uint32_t activity, uint32_t eventType);
+    // A plain enable has no params.
+    int enable(Kind kind, uint32_t what, uint32_t eventType, int64_t latencyNs,
+               const other_params* params);
+    int disable(Side side, uint32_t what, uint32_t eventType);
     int flush();
 
     int initEnvironment(uint32_t environment, const other_params* params);
     int exitEnvironment(uint32_t environment, const other_params* params);
-    int enableEnvironment(uint32_t environment, uint32_t eventType, int64_t latencyNs,
-                          const other_params* params);
-    int disableEnvironment(uint32_t environment, uint32_t eventType);
 
   private:
     enum class State { kClosed, kOpen, kClosing };
@@ -64,8 +62,8 @@ class Simulator {
     void release() REQUIRES(mMutex);
     int checkPair(Side side, uint32_t what, uint32_t eventType) REQUIRES(mMutex);
     int finish(const char* native, TraceLine& line, int result) REQUIRES(mMutex);
-    void enable(Side side, const PairKey& key, int64_t latencyNs, bool extended) REQUIRES(mMutex);
-    void disable(Side side, const PairKey& key) REQUIRES(mMutex);
+    void addPair(Side side, const PairKey& key, int64_t latencyNs, bool extended) REQUIRES(mMutex);
+    void dropPair(Side side, const PairKey& key) REQUIRES(mMutex);
 
     void startPlaying() REQUIRES(mMutex);
     void wake() REQUIRES(mMutex);
@@ -78,8 +76,8 @@ class Simulator {
     android::Mutex mMutex;
     State mState GUARDED_BY(mMutex) = State::kClosed;
     std::thread mThread GUARDED_BY(mMutex);
-    int mWakeFd GUARDED_BY(mMutex) = -1;
-    int mControlFd GUARDED_BY(mMutex) = -1;
+    android::base::unique_fd mWakeFd GUARDED_BY(mMutex);
+    android::base::unique_fd mControlFd GUARDED_BY(mMutex);
     std::string mControlText GUARDED_BY(mMutex);  // the last, incomplete line
     Trace mTrace GUARDED_BY(mMutex);
 

@@ -6,8 +6,9 @@
 #include <math.h>
 #include <stdio.h>
 #include <string.h>
-#include <time.h>
 #include <unistd.h>
+
+#include <utils/Timers.h>
 
 namespace ar_simulator {
 namespace {
@@ -38,15 +39,9 @@ void appendName(std::string* text, const char* name) {
 
 }  // namespace
 
-int64_t monotonicNs() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * INT64_C(1000000000) + now.tv_nsec;
-}
-
 TraceLine::TraceLine(const char* native) {
     mText = "{";
-    appendNumber(&mText, "t", monotonicNs());
+    appendNumber(&mText, "t", systemTime(SYSTEM_TIME_MONOTONIC));
     mText += std::string(",\"native\":\"") + native + "\"";
 }
 
@@ -105,20 +100,15 @@ std::string TraceLine::finish() {
 }
 
 int Trace::open(const char* path) {
-    mFd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    return mFd >= 0 ? 0 : -errno;
-}
-
-void Trace::close() {
-    if (mFd >= 0) ::close(mFd);
-    mFd = -1;
+    mFd.reset(::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    return mFd.get() >= 0 ? 0 : -errno;
 }
 
 void Trace::write(TraceLine& line) {
     if (!isOpen()) return;
     const std::string text = line.finish();
     // A trace that cannot be written (a full disk) must not stop the module.
-    ssize_t ignored = TEMP_FAILURE_RETRY(::write(mFd, text.data(), text.size()));
+    ssize_t ignored = TEMP_FAILURE_RETRY(::write(mFd.get(), text.data(), text.size()));
     (void)ignored;
 }
 

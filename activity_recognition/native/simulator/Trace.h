@@ -6,12 +6,10 @@
 
 #include <string>
 
+#include <android-base/unique_fd.h>
 #include <zaltho/activity_recognition_native.h>
 
 namespace ar_simulator {
-
-// CLOCK_MONOTONIC, nanoseconds.
-int64_t monotonicNs();
 
 // One line under construction.
 class TraceLine {
@@ -32,16 +30,14 @@ class TraceLine {
 // Not thread-safe: the owner's lock orders the lines.
 class Trace {
   public:
-    ~Trace() { close(); }
-
     // Returns 0 or a negative errno value.
     int open(const char* path);
-    void close();
-    bool isOpen() const { return mFd >= 0; }
+    void close() { mFd.reset(); }
+    bool isOpen() const { return mFd.get() >= 0; }
     void write(TraceLine& line);
 
   private:
-    int mFd = -1;
+    android::base::unique_fd mFd;
 };
 
 }  // namespace ar_simulator
