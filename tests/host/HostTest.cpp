@@ -16,7 +16,7 @@
 #include <hidl/Static.h>
 #include <hidl/hosttest/1.0/BsPeer.h>
 #include <log/log.h>
-#include <process_support/Process.h>
+#include <support/ChildProcess.h>
 
 #include "Peer.h"
 
@@ -30,8 +30,8 @@ using ::android::hardware::hidl_string;
 using ::android::hardware::interfacesEqual;
 using ::android::hidl::base::V1_0::IBase;
 using ::hidl::hosttest::V1_0::Inner;
-using process_support::Process;
-using process_support::waitUntil;
+using support::Process;
+using support::waitUntil;
 
 // How this program was started, to start it again. Not /proc/self/exe: under an emulator that is
 // the emulator.

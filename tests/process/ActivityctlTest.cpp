@@ -72,8 +72,8 @@ TEST_F(Activityctl, WatchPrintsEachRecordWholeInItsVersion) {
 
 TEST_F(Activityctl, WatchForPeopleIsALinePerEvent) {
     const auto process = stage().program("activityctl", {"watch", "walking:1@1s", "--count", "1"});
-    process_support::require([&] { return !process->out().lines().empty(); }, "the first line",
-                             [&] { return process->describe(); });
+    support::require([&] { return !process->out().lines().empty(); }, "the first line",
+                     [&] { return process->describe(); });
     stage().release("go");
     EXPECT_EQ(0, process->waitExit());
     const auto& lines = process->out().lines();

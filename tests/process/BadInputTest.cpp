@@ -3,13 +3,13 @@
 
 namespace {
 
-using process_support::StageSetup;
+using support::StageSetup;
 
 class BadInput : public ProcessTest {};
 
 // A stage whose service must not come up; its log.
 std::string logOfFailedStart(StageSetup setup) {
-    process_support::Stage stage(std::move(setup));
+    support::Stage stage(std::move(setup));
     stage.startService();
     EXPECT_EQ(1, stage.service().waitExit()) << stage.service().describe();
     const auto client = stage.client({"list"});
@@ -116,7 +116,7 @@ TEST(BadStart, MissingModuleIsNamed) {
 }
 
 TEST(BadStart, BrokenScenarioIsNamedWithFileAndLine) {
-    process_support::Stage folder;
+    support::Stage folder;
     StageSetup setup;
     setup.scenario = folder.write("broken.scn", "activities still\n0 activity flying 1\n");
     const std::string log = logOfFailedStart(setup);

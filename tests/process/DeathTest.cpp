@@ -8,15 +8,15 @@ using Calls = std::vector<std::string>;
 class DyingProcesses : public ProcessTest {
   protected:
     // A client that can be in every table at once.
-    std::unique_ptr<process_support::Process> everywhere() {
+    std::unique_ptr<support::Process> everywhere() {
         return stage().program("VtsHalActivityRecognitionV1_1TargetTest", {"--client"});
     }
 
-    static void ask(process_support::Process& client, const std::string& command) {
+    static void ask(support::Process& client, const std::string& command) {
         const size_t before = client.out().lines().size();
         client.write(command + "\n");
-        process_support::require([&] { return client.out().lines().size() > before; }, command,
-                                 [&] { return client.describe(); });
+        support::require([&] { return client.out().lines().size() > before; }, command,
+                         [&] { return client.describe(); });
         EXPECT_EQ("= 0", client.out().lines()[before].text) << command;
     }
 };
@@ -40,7 +40,7 @@ TEST_F(DyingProcesses, ProcessInEveryTableLeavesEachAndTheOthersAreServedOn) {
 
     dying->signal(SIGKILL);
     dying->waitExit();
-    waitForDeath(dying->pid(), 4);
+    stage().waitForDeath(dying->pid(), 4);
     for (const char* match : {"######V1_1 Match, remainder cb[1]!!!######",
                               "######V1_0 Match, remainder cb[1]!!!######",
                               "######V1_1 ENV Match, remainder cb[1]!!!######",
@@ -64,7 +64,7 @@ TEST_F(DyingProcesses, DeathOfAVersion11ClientTakesItsRequestsAlong) {
     const auto dying = stage().readyClient({"watch", "walking:1@1s", "still:2@1s"});
     dying->process().signal(SIGKILL);
     dying->process().waitExit();
-    waitForDeath(dying->pid());
+    stage().waitForDeath(dying->pid());
     told();
     staying->command("enable walking:1@5s");
     staying->waitFor("enabled");
@@ -83,7 +83,7 @@ TEST_F(DyingProcesses, RequestsOfAVersion10ClientOutliveIt) {
     const auto dying = stage().readyClient({"--interface", "1.0", "watch", "walking:1@2s"});
     dying->process().signal(SIGKILL);
     dying->process().waitExit();
-    waitForDeath(dying->pid());
+    stage().waitForDeath(dying->pid());
     told();
     staying->command("enable walking:1@4s");
     staying->waitFor("enabled");

@@ -18,11 +18,11 @@ loop  2
 }  // namespace
 
 TEST(FunctionalSuite, PassesAgainstTheServiceInAProcessOfItsOwn) {
-    process_support::Stage folder;
-    process_support::StageSetup setup;
+    support::Stage folder;
+    support::StageSetup setup;
     setup.scenario = folder.write("loop.scn", kLoop);
     setup.speed = "20";
-    process_support::Stage stage(setup);
+    support::Stage stage(setup);
     stage.startService();
     stage.serving();
     const auto suite = stage.program("VtsHalActivityRecognitionV1_1TargetTest", {"--simulator"});
@@ -34,7 +34,7 @@ TEST(FunctionalSuite, PassesAgainstTheServiceInAProcessOfItsOwn) {
 }
 
 TEST(FunctionalSuite, FailsWhenNobodyServes) {
-    process_support::Stage stage;
+    support::Stage stage;
     const auto suite = stage.program("VtsHalActivityRecognitionV1_1TargetTest", {});
     EXPECT_EQ(1, suite->waitExit());
 }

@@ -31,8 +31,8 @@ TEST(GuideText, ShowsTheMinimalClientAsItIsBuilt) {
 
 TEST_F(Guide, MinimalClientPrintsWhatItAskedForAndLeaves) {
     const auto client = stage().program("ar_minimal_client", {"1", "1"});
-    process_support::require([&] { return !client->out().lines().empty(); }, "the first line",
-                             [&] { return client->describe(); });
+    support::require([&] { return !client->out().lines().empty(); }, "the first line",
+                     [&] { return client->describe(); });
     EXPECT_EQ((std::vector<std::string>{"enable 1:1 2s"}), told());
     stage().release("go");
     EXPECT_EQ(0, client->waitExit()) << client->describe();
@@ -42,8 +42,8 @@ TEST_F(Guide, MinimalClientPrintsWhatItAskedForAndLeaves) {
 
 TEST_F(Guide, MinimalClientSaysSoWhenTheServiceDies) {
     const auto client = stage().program("ar_minimal_client", {"1", "1"});
-    process_support::require([&] { return !client->out().lines().empty(); }, "the first line",
-                             [&] { return client->describe(); });
+    support::require([&] { return !client->out().lines().empty(); }, "the first line",
+                     [&] { return client->describe(); });
     stage().service().signal(SIGKILL);
     EXPECT_EQ(1, client->waitExit()) << client->describe();
     EXPECT_NE(std::string::npos, client->err().text().find("died"));

@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <process_support/Stage.h>
+#include <stage/Stage.h>
 
 #include <string>
 #include <vector>
@@ -26,13 +26,13 @@ wait  more
 
 class ProcessTest : public ::testing::Test {
   protected:
-    using Stage = process_support::Stage;
-    using Client = process_support::Client;
+    using Stage = support::Stage;
+    using Client = support::Client;
     using Arguments = std::vector<std::string>;
 
     void SetUp() override {
         mScenarioStage = std::make_unique<Stage>();
-        process_support::StageSetup setup;
+        support::StageSetup setup;
         setup.scenario = mScenarioStage->write("test.scn", kScenario);
         mStage = std::make_unique<Stage>(setup);
         mStage->startService();
@@ -51,7 +51,7 @@ class ProcessTest : public ::testing::Test {
     // What the module was told since the last look: "enable 1:1 5s", "extend 1:1 5s 1,0,0,0 name",
     // "disable 1:1", "current", "flush", "env-enable 0:1 ...".
     std::vector<std::string> told() {
-        process_support::drainOutput();
+        support::drainOutput();
         std::vector<std::string> calls;
         const auto& trace = stage().native();
         for (; mTold < trace.size(); ++mTold) {
@@ -59,26 +59,6 @@ class ProcessTest : public ::testing::Test {
             if (!call.empty()) calls.push_back(call);
         }
         return calls;
-    }
-
-    // Waits until the service has dealt with the death of a process that held so many callbacks.
-    void waitForDeath(pid_t pid, size_t callbacks = 1) {
-        const std::string notice = fmt::format("serviceDied, cookie is {}", pid);
-        process_support::require(
-                [&] {
-                    size_t notices = 0, handled = 0;
-                    for (const auto& line : stage().service().err().lines()) {
-                        // At the end of its line, so that no longer number matches.
-                        const size_t at = line.text.rfind(notice);
-                        notices +=
-                                at != std::string::npos && at + notice.size() == line.text.size();
-                        handled += notices > 0 &&
-                                   line.text.find("Match, remainder") != std::string::npos;
-                    }
-                    return notices >= callbacks && handled >= callbacks;
-                },
-                fmt::format("{} times '{}'", callbacks, notice),
-                [&] { return stage().service().describe(); });
     }
 
   private:

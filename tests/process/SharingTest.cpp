@@ -32,7 +32,7 @@ TEST_F(SharingProcesses, FastestIsKilledAndTheModuleIsToldNothingUntilTheNextEna
     told();
     fast->process().signal(SIGKILL);
     EXPECT_EQ(128 + SIGKILL, fast->process().waitExit());
-    waitForDeath(fast->pid());
+    stage().waitForDeath(fast->pid());
     EXPECT_EQ(Calls{}, told());
 
     slow->command("enable walking:1@6s");
@@ -44,7 +44,7 @@ TEST_F(SharingProcesses, FastestIsKilledAndTheModuleIsToldNothingUntilTheNextEna
     told();
     faster->process().signal(SIGKILL);
     faster->process().waitExit();
-    waitForDeath(faster->pid());
+    stage().waitForDeath(faster->pid());
     EXPECT_EQ(Calls{}, told());
     EXPECT_EQ(0, middle->leave());
     EXPECT_EQ(Calls{"enable 1:1 6s"}, told());

@@ -28,8 +28,7 @@ void Comparison::that(bool holds, const std::string& otherwise) {
     if (!holds) mDifferences.push_back(otherwise);
 }
 
-void Comparison::client(const std::string& name, process_support::Client& client,
-                        const Model& model) {
+void Comparison::client(const std::string& name, support::Client& client, const Model& model) {
     ExpectedEvents expected = model.expected(name);
     std::map<std::string, std::vector<nlohmann::json>> received;
     size_t plainCalls = 0;

@@ -7,8 +7,9 @@
 #include <string>
 #include <vector>
 
+#include <stage/Stage.h>
+
 #include "Model.h"
-#include "process_support/Stage.h"
 
 namespace demo {
 
@@ -18,7 +19,7 @@ class Comparison {
     size_t checks() const { return mChecks; }
 
     // All events that a client got, through every callback method.
-    void client(const std::string& name, process_support::Client& client, const Model& model);
+    void client(const std::string& name, support::Client& client, const Model& model);
     // The module's trace, in order, as far as clients cause it.
     void native(const std::vector<nlohmann::json>& trace, const Model& model);
     void that(bool holds, const std::string& otherwise);

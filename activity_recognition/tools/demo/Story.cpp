@@ -9,14 +9,13 @@
 namespace demo {
 namespace {
 
-using process_support::require;
 using Side = Model::Side;
 
 constexpr int64_t kSecond = 1'000'000'000;
 const Extras kNoWake{{1.0, 0.0, 0.0, 0.0}, "trip"};
 
-process_support::StageSetup setup(const std::string& scenarioPath) {
-    process_support::StageSetup setup;
+support::StageSetup setup(const std::string& scenarioPath) {
+    support::StageSetup setup;
     setup.scenario = scenarioPath;
     return setup;
 }
@@ -137,29 +136,12 @@ void Story::enter(const std::string& name, Side side, bool version11,
     }
 }
 
-void Story::waitForDeath(const Actor& actor) {
-    // The notice has been dealt with when the next line of the handler is there too.
-    const std::string notice = fmt::format("serviceDied, cookie is {}", actor.client->pid());
-    auto handled = [&] {
-        const auto& lines = mStage.service().err().lines();
-        bool found = false;
-        for (const auto& line : lines) {
-            const size_t at = line.text.rfind(notice);
-            found = found || (at != std::string::npos && at + notice.size() == line.text.size());
-            if (found && line.text.find("Match, remainder") != std::string::npos) return true;
-        }
-        return false;
-    };
-    require(handled, "the death notice of " + label(actor),
-            [this] { return mStage.service().describe(); });
-}
-
 void Story::leave(const std::string& name) {
     Actor& leaving = actor(name);
     if (const int status = leaving.client->leave(); status != 0) {
         throw std::runtime_error(leaving.client->process().describe());
     }
-    waitForDeath(leaving);
+    mStage.waitForDeath(leaving.client->pid());
     for (const Wish& wish : leaving.wishes) {
         if (leaving.side == Side::kActivity) {
             mModel.disable(name, idOf(wish.what, mScenario.activities), wish.eventType);
@@ -175,7 +157,7 @@ void Story::killHard(const std::string& name) {
     mTimeline.add(label(victim), "is killed with SIGKILL");
     victim.client->process().signal(SIGKILL);
     victim.client->process().waitExit();
-    waitForDeath(victim);
+    mStage.waitForDeath(victim.client->pid());
     victim.wishes.clear();
     mModel.removeClient(name);
 }
@@ -234,7 +216,7 @@ void Story::play(const std::string& stage, bool flush) {
 }
 
 void Story::show(const std::string& heading) {
-    process_support::drainOutput();
+    support::drainOutput();
     const auto& trace = mStage.native();
     for (; mTraceShown < trace.size(); ++mTraceShown) mTimeline.addModule(trace[mTraceShown]);
     for (const auto& actor : mActors) {

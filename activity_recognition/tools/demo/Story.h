@@ -7,11 +7,12 @@
 #include <string>
 #include <vector>
 
+#include <stage/Stage.h>
+
 #include "Comparison.h"
 #include "Model.h"
 #include "ScenarioFile.h"
 #include "Timeline.h"
-#include "process_support/Stage.h"
 
 namespace demo {
 
@@ -33,7 +34,7 @@ class Story {
         std::string name;
         Model::Side side;
         bool version11;
-        std::unique_ptr<process_support::Client> client;
+        std::unique_ptr<support::Client> client;
         std::vector<Wish> wishes;
         size_t shown = 0;  // lines in the timeline
     };
@@ -49,14 +50,13 @@ class Story {
     void play(const std::string& stage, bool flush);
     void show(const std::string& heading);
 
-    void waitForDeath(const Actor& actor);
     void waitForDeliveries();
     std::string label(const Actor& actor) const;
     Actor& actor(const std::string& name);
 
     const ScenarioFile mScenario;
     Model mModel;
-    process_support::Stage mStage;
+    support::Stage mStage;
     Timeline mTimeline;
     std::vector<std::unique_ptr<Actor>> mActors;  // in order of entering, also those that left
     size_t mTraceShown = 0;

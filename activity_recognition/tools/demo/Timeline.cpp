@@ -37,7 +37,7 @@ std::string Timeline::listOf(const nlohmann::json& events) const {
 }
 
 void Timeline::add(const std::string& who, const std::string& text) {
-    mEntries.push_back({process_support::monotonicNs(), who, text});
+    mEntries.push_back({systemTime(SYSTEM_TIME_MONOTONIC), who, text});
 }
 
 void Timeline::addModule(const nlohmann::json& line) {
@@ -85,7 +85,7 @@ void Timeline::addClient(const std::string& who, const nlohmann::json& line) {
     mEntries.push_back({line.at("t"), who, text});
 }
 
-void Timeline::addLog(const process_support::LineSource::Line& line) {
+void Timeline::addLog(const support::LineSource::Line& line) {
     for (const char* told : {"serviceDied", "######"}) {
         if (const size_t at = line.text.find(told); at != std::string::npos) {
             mEntries.push_back({line.ns, "service", "logs " + line.text.substr(at)});

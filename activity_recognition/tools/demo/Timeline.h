@@ -7,19 +7,21 @@
 #include <string>
 #include <vector>
 
+#include <stage/Stage.h>
+#include <utils/Timers.h>
+
 #include "ScenarioFile.h"
-#include "process_support/Stage.h"
 
 namespace demo {
 
 class Timeline {
   public:
     explicit Timeline(const ScenarioFile& scenario)
-        : mScenario(scenario), mStartNs(process_support::monotonicNs()) {}
+        : mScenario(scenario), mStartNs(systemTime(SYSTEM_TIME_MONOTONIC)) {}
 
     void addModule(const nlohmann::json& traceLine);
     void addClient(const std::string& who, const nlohmann::json& outputLine);
-    void addLog(const process_support::LineSource::Line& line);
+    void addLog(const support::LineSource::Line& line);
     void add(const std::string& who, const std::string& text);
 
     // Prints and forgets what has been added.

@@ -6,11 +6,12 @@
 #include <cstdio>
 #include <exception>
 
+#include <support/ChildProcess.h>
+
 #include "Story.h"
-#include "process_support/Process.h"
 
 int main(int argc, char** argv) {
-    process_support::throwOnSignals();
+    support::throwOnSignals();
     try {
         const bool agree = demo::Story(argc > 1 ? argv[1] : DEMO_SCENARIO).run();
         fmt::print("{}\n", agree ? "The demo is right: every client got exactly its events."

@@ -11,12 +11,12 @@
 #include <string>
 #include <vector>
 
-namespace process_support {
+#include <android-base/unique_fd.h>
+
+namespace support {
 
 // Long enough for a sanitized build on a busy machine; nothing waits that long when all is well.
 constexpr std::chrono::seconds kDeadline{30};
-
-int64_t monotonicNs();
 
 // Something that fills with lines: a pipe of a child, or a FIFO.
 class LineSource {
@@ -27,23 +27,22 @@ class LineSource {
     };
 
     LineSource() = default;
-    explicit LineSource(int fd) { adopt(fd); }  // takes ownership
     ~LineSource();
     LineSource(const LineSource&) = delete;
     LineSource& operator=(const LineSource&) = delete;
 
-    void adopt(int fd);
+    void adopt(android::base::unique_fd fd);
     const std::vector<Line>& lines() const { return mLines; }
     // Everything read, for messages.
     std::string text() const;
-    bool atEnd() const { return mFd < 0; }
+    bool atEnd() const { return mFd.get() < 0; }
 
   private:
     friend bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit);
     friend void drainOutput();
     void readSome();
 
-    int mFd = -1;
+    android::base::unique_fd mFd;
     std::string mPartial;
     std::vector<Line> mLines;
 };
@@ -51,6 +50,9 @@ class LineSource {
 // Reads all sources until done() or the limit; returns what done() says at the end. Throws
 // Interrupted once this process was told to end (see throwOnSignals()).
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = kDeadline);
+// As above; throws std::runtime_error with what was waited for, and what describe() says.
+void require(const std::function<bool()>& done, const std::string& what,
+             const std::function<std::string()>& describe);
 // Reads what is there already.
 void drainOutput();
 
@@ -88,14 +90,12 @@ class Process {
     std::string describe();
 
   private:
-    void reap(int status);
-
     std::string mCommand;
     pid_t mPid = -1;
-    int mIn = -1;
+    android::base::unique_fd mIn;
     int mStatus = -1;  // as waitExit() returns it
     LineSource mOut;
     LineSource mErr;
 };
 
-}  // namespace process_support
+}  // namespace support

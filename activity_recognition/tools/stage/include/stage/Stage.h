@@ -2,16 +2,15 @@
 // folder that goes with it.
 #pragma once
 
-#include <functional>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "process_support/Process.h"
+#include <support/ChildProcess.h>
 
-namespace process_support {
+namespace support {
 
 // JSON objects, one per line, parsed as they come. A line that is no JSON throws.
 class JsonLines {
@@ -25,7 +24,7 @@ class JsonLines {
     std::vector<nlohmann::json> mObjects;
 };
 
-// activityctl, started with --json unless the arguments ask for help.
+// activityctl, started with --json.
 class Client {
   public:
     Client(const std::vector<std::string>& arguments,
@@ -44,7 +43,6 @@ class Client {
     // Throws std::runtime_error past the deadline or when the client ends meanwhile.
     void waitFor(const std::string& what, size_t times = 1);
     void waitForEvents(const std::string& call, size_t count);
-    void waitReady() { waitFor("ready"); }
 
     // Sends SIGINT and waits; the exit status.
     int leave();
@@ -59,10 +57,7 @@ class Client {
 struct StageSetup {
     std::string scenario;  // path; empty: nothing is played
     std::string speed;     // empty: the scenario's own
-    bool loop = false;
     std::string hardware = "simulator";
-    std::map<std::string, std::string> environment;  // for the service alone
-    std::vector<std::string> serviceArguments;
 };
 
 class Stage {
@@ -72,7 +67,6 @@ class Stage {
     Stage(const Stage&) = delete;
     Stage& operator=(const Stage&) = delete;
 
-    const std::string& folder() const { return mFolder; }
     // A file in the folder.
     std::string write(const std::string& name, const std::string& content) const;
 
@@ -83,9 +77,10 @@ class Stage {
     std::unique_ptr<Process> anotherService(
             const std::map<std::string, std::string>& environment = {}) const;
     Process& service() { return *mService; }
-    bool logHas(const std::string& text);
-    void waitForLog(const std::string& text);
+    // Lines of the service's log with this text.
     size_t countInLog(const std::string& text);
+    // Waits until the service has dealt with the death of a process that held so many callbacks.
+    void waitForDeath(pid_t pid, size_t callbacks = 1);
 
     // A program of this build.
     std::unique_ptr<Process> program(const std::string& name,
@@ -96,10 +91,7 @@ class Stage {
     // Lets the scenario go past `wait NAME`.
     void release(const std::string& name);
     // What the native module was told and sent, as it wrote it down.
-    const std::vector<nlohmann::json>& native() { return mTrace->all(); }
-    // Lines of the trace with this slot.
-    size_t countNative(const std::string& slot);
-    void waitForNative(const std::string& slot, size_t times);
+    const std::vector<nlohmann::json>& native() { return mTrace.all(); }
 
   private:
     std::map<std::string, std::string> clientEnvironment() const;
@@ -107,17 +99,10 @@ class Stage {
 
     const StageSetup mSetup;
     std::string mFolder;
-    int mControl = -1;
+    android::base::unique_fd mControl;
     LineSource mTraceSource;
-    std::unique_ptr<JsonLines> mTrace;
+    JsonLines mTrace{mTraceSource};
     std::unique_ptr<Process> mService;
 };
 
-// Where this build's programs are: the folder of the running one.
-std::string binaryFolder();
-
-// Throws std::runtime_error with what(), and what waited for, unless done() within the deadline.
-void require(const std::function<bool()>& done, const std::string& what,
-             const std::function<std::string()>& describe);
-
-}  // namespace process_support
+}  // namespace support

@@ -1,4 +1,4 @@
-#include "process_support/Process.h"
+#include <support/ChildProcess.h>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -7,7 +7,6 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,10 +16,14 @@
 #include <stdexcept>
 #include <system_error>
 
+#include <utils/Timers.h>
+
 extern char** environ;
 
-namespace process_support {
+namespace support {
 namespace {
+
+using android::base::unique_fd;
 
 std::vector<LineSource*>& sources() {
     static std::vector<LineSource*> all;
@@ -34,37 +37,26 @@ volatile sig_atomic_t gInterrupted = 0;
 }
 
 struct Pipe {
-    int read;
-    int write;
+    unique_fd read;
+    unique_fd write;
 };
 
 Pipe makePipe() {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) fail("pipe2");
-    return {ends[0], ends[1]};
-}
-
-int exitStatus(int status) {
-    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    return {unique_fd(ends[0]), unique_fd(ends[1])};
 }
 
 }  // namespace
 
-int64_t monotonicNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec;
-}
-
 LineSource::~LineSource() {
     auto& all = sources();
     all.erase(std::remove(all.begin(), all.end(), this), all.end());
-    if (mFd >= 0) close(mFd);
 }
 
-void LineSource::adopt(int fd) {
-    mFd = fd;
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+void LineSource::adopt(unique_fd fd) {
+    fcntl(fd.get(), F_SETFL, fcntl(fd.get(), F_GETFL) | O_NONBLOCK);
+    mFd = std::move(fd);
     sources().push_back(this);
 }
 
@@ -77,15 +69,14 @@ std::string LineSource::text() const {
 void LineSource::readSome() {
     char buffer[16384];
     for (;;) {
-        const ssize_t size = read(mFd, buffer, sizeof(buffer));
+        const ssize_t size = read(mFd.get(), buffer, sizeof(buffer));
         if (size < 0 && errno == EINTR) continue;
         if (size < 0 && errno == EAGAIN) return;
         if (size <= 0) {
-            close(mFd);
-            mFd = -1;
+            mFd.reset();
             return;
         }
-        const int64_t now = monotonicNs();
+        const int64_t now = systemTime(SYSTEM_TIME_MONOTONIC);
         mPartial.append(buffer, static_cast<size_t>(size));
         size_t begin = 0;
         for (size_t end; (end = mPartial.find('\n', begin)) != std::string::npos; begin = end + 1) {
@@ -107,13 +98,20 @@ bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limi
         std::vector<LineSource*> open;
         for (LineSource* source : sources()) {
             if (source->atEnd()) continue;
-            fds.push_back({source->mFd, POLLIN, 0});
+            fds.push_back({source->mFd.get(), POLLIN, 0});
             open.push_back(source);
         }
         if (poll(fds.data(), fds.size(), static_cast<int>(left.count()) + 1) < 0) continue;
         for (size_t i = 0; i < fds.size(); ++i) {
             if (fds[i].revents) open[i]->readSome();
         }
+    }
+}
+
+void require(const std::function<bool()>& done, const std::string& what,
+             const std::function<std::string()>& describe) {
+    if (!waitUntil(done)) {
+        throw std::runtime_error(fmt::format("waited in vain for {}\n{}", what, describe()));
     }
 }
 
@@ -150,7 +148,7 @@ Process::Process(const std::vector<std::string>& arguments,
     };
     const auto argv = pointers(arguments);
     const auto envp = pointers(variables);
-    const Pipe in = makePipe(), out = makePipe(), err = makePipe();
+    Pipe in = makePipe(), out = makePipe(), err = makePipe();
     const pid_t parent = getpid();
 
     mPid = fork();
@@ -162,19 +160,16 @@ Process::Process(const std::vector<std::string>& arguments,
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
-        dup2(in.read, STDIN_FILENO);
-        dup2(out.write, STDOUT_FILENO);
-        dup2(err.write, STDERR_FILENO);
+        dup2(in.read.get(), STDIN_FILENO);
+        dup2(out.write.get(), STDOUT_FILENO);
+        dup2(err.write.get(), STDERR_FILENO);
         execvpe(argv[0], argv.data(), envp.data());
         dprintf(STDERR_FILENO, "%s: %s\n", argv[0], strerror(errno));
         _exit(127);
     }
-    close(in.read);
-    close(out.write);
-    close(err.write);
-    mIn = in.write;
-    mOut.adopt(out.read);
-    mErr.adopt(err.read);
+    mIn = std::move(in.write);
+    mOut.adopt(std::move(out.read));
+    mErr.adopt(std::move(err.read));
 }
 
 Process::~Process() {
@@ -193,7 +188,7 @@ void Process::write(const std::string& text) {
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ignore, &before);
     for (size_t at = 0; at < text.size();) {
-        const ssize_t size = ::write(mIn, text.data() + at, text.size() - at);
+        const ssize_t size = ::write(mIn.get(), text.data() + at, text.size() - at);
         if (size < 0 && errno == EINTR) continue;
         if (size < 0) break;
         at += static_cast<size_t>(size);
@@ -202,31 +197,26 @@ void Process::write(const std::string& text) {
 }
 
 void Process::closeInput() {
-    if (mIn >= 0) close(mIn);
-    mIn = -1;
+    mIn.reset();
 }
 
 void Process::signal(int number) {
     if (!hasEnded()) kill(mPid, number);
 }
 
-void Process::reap(int status) {
-    mStatus = exitStatus(status);
-}
-
 bool Process::hasEnded() {
     if (mStatus >= 0) return true;
     int status = 0;
     if (waitpid(mPid, &status, WNOHANG) != mPid) return false;
-    reap(status);
+    mStatus = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     return true;
 }
 
 int Process::waitExit(std::chrono::milliseconds limit) {
-    const auto ended = static_cast<int>(syscall(SYS_pidfd_open, mPid, 0));
-    if (ended < 0 && !hasEnded()) fail("pidfd_open");
-    LineSource notice;
-    if (ended >= 0) notice.adopt(ended);  // readable, and so at its end, when the process ends
+    unique_fd ended(static_cast<int>(syscall(SYS_pidfd_open, mPid, 0)));
+    if (ended.get() < 0 && !hasEnded()) fail("pidfd_open");
+    LineSource notice;  // readable, and so at its end, when the process ends
+    if (ended.get() >= 0) notice.adopt(std::move(ended));
     if (!waitUntil([&] { return hasEnded() && mOut.atEnd() && mErr.atEnd(); }, limit)) {
         throw std::runtime_error("still running: " + describe());
     }
@@ -240,4 +230,4 @@ std::string Process::describe() {
                        mErr.text());
 }
 
-}  // namespace process_support
+}  // namespace support

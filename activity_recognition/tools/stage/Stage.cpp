@@ -1,4 +1,4 @@
-#include "process_support/Stage.h"
+#include <stage/Stage.h>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -13,10 +13,15 @@
 #include <stdexcept>
 #include <system_error>
 
-namespace process_support {
+namespace support {
 namespace {
 
 constexpr const char* kService = "vendor.zaltho.hardware.activity_recognition@1.1-service";
+
+// Where this build's programs are: the folder of the running one.
+std::string binaryFolder() {
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path();
+}
 
 // AR_TEST_RUNNER: what runs this build's programs where the kernel cannot, such as an emulator.
 std::vector<std::string> commandLine(const std::string& program,
@@ -36,24 +41,13 @@ std::string makeFifo(const std::string& path) {
 }
 
 // Both ends at once: neither opening blocks, and the FIFO has no end of file.
-int openFifo(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0) throw std::system_error(errno, std::generic_category(), path);
+android::base::unique_fd openFifo(const std::string& path) {
+    android::base::unique_fd fd(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    if (fd.get() < 0) throw std::system_error(errno, std::generic_category(), path);
     return fd;
 }
 
 }  // namespace
-
-std::string binaryFolder() {
-    return std::filesystem::read_symlink("/proc/self/exe").parent_path();
-}
-
-void require(const std::function<bool()>& done, const std::string& what,
-             const std::function<std::string()>& describe) {
-    if (!waitUntil(done)) {
-        throw std::runtime_error(fmt::format("waited in vain for {}\n{}", what, describe()));
-    }
-}
 
 const std::vector<nlohmann::json>& JsonLines::all() {
     const auto& lines = mSource.lines();
@@ -113,12 +107,10 @@ Stage::Stage(StageSetup setup) : mSetup(std::move(setup)) {
     mControl = openFifo(makeFifo(mFolder + "/control"));
     // The trace goes through a FIFO: it can be waited for like any other output.
     mTraceSource.adopt(openFifo(makeFifo(mFolder + "/trace")));
-    mTrace = std::make_unique<JsonLines>(mTraceSource);
 }
 
 Stage::~Stage() {
     mService.reset();
-    close(mControl);
     std::error_code ignored;
     std::filesystem::remove_all(mFolder, ignored);
 }
@@ -138,20 +130,18 @@ std::map<std::string, std::string> Stage::serviceEnvironment() const {
     environment["HIDL_HOST_HARDWARE"] = mSetup.hardware;
     environment["AR_SIMULATOR_SCENARIO"] = mSetup.scenario;
     environment["AR_SIMULATOR_SPEED"] = mSetup.speed;
-    environment["AR_SIMULATOR_LOOP"] = mSetup.loop ? "1" : "";
+    environment["AR_SIMULATOR_LOOP"] = "";
     environment["AR_SIMULATOR_CONTROL"] = mFolder + "/control";
     environment["AR_SIMULATOR_TRACE"] = mFolder + "/trace";
-    for (const auto& [name, value] : mSetup.environment) environment[name] = value;
     return environment;
 }
 
 void Stage::startService() {
-    mService = std::make_unique<Process>(commandLine(kService, mSetup.serviceArguments),
-                                         serviceEnvironment());
+    mService = std::make_unique<Process>(commandLine(kService, {}), serviceEnvironment());
 }
 
 void Stage::serving() {
-    require([this] { return logHas("Serving ") || mService->hasEnded(); }, "the service",
+    require([this] { return countInLog("Serving ") != 0 || mService->hasEnded(); }, "the service",
             [this] { return mService->describe(); });
     if (mService->hasEnded()) {
         throw std::runtime_error("the service ended: " + mService->describe());
@@ -162,11 +152,7 @@ std::unique_ptr<Process> Stage::anotherService(
         const std::map<std::string, std::string>& environment) const {
     auto all = serviceEnvironment();
     for (const auto& [name, value] : environment) all[name] = value;
-    return std::make_unique<Process>(commandLine(kService, mSetup.serviceArguments), all);
-}
-
-bool Stage::logHas(const std::string& text) {
-    return countInLog(text) != 0;
+    return std::make_unique<Process>(commandLine(kService, {}), all);
 }
 
 size_t Stage::countInLog(const std::string& text) {
@@ -176,8 +162,19 @@ size_t Stage::countInLog(const std::string& text) {
     }));
 }
 
-void Stage::waitForLog(const std::string& text) {
-    require([&] { return logHas(text); }, fmt::format("'{}' in the log", text),
+void Stage::waitForDeath(pid_t pid, size_t callbacks) {
+    const std::string notice = fmt::format("serviceDied, cookie is {}", pid);
+    const auto handled = [&] {
+        size_t notices = 0, ends = 0;
+        for (const auto& line : mService->err().lines()) {
+            // At the end of its line, so that no longer number matches.
+            const size_t at = line.text.rfind(notice);
+            notices += at != std::string::npos && at + notice.size() == line.text.size();
+            ends += notices > 0 && line.text.find("Match, remainder") != std::string::npos;
+        }
+        return notices >= callbacks && ends >= callbacks;
+    };
+    require(handled, fmt::format("{} times '{}'", callbacks, notice),
             [this] { return mService->describe(); });
 }
 
@@ -194,27 +191,15 @@ std::unique_ptr<Client> Stage::client(const std::vector<std::string>& arguments)
 
 std::unique_ptr<Client> Stage::readyClient(const std::vector<std::string>& arguments) const {
     auto started = client(arguments);
-    started->waitReady();
+    started->waitFor("ready");
     return started;
 }
 
 void Stage::release(const std::string& name) {
     const std::string line = name + "\n";
-    if (::write(mControl, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+    if (::write(mControl.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
         throw std::system_error(errno, std::generic_category(), "control FIFO");
     }
 }
 
-size_t Stage::countNative(const std::string& slot) {
-    size_t count = 0;
-    for (const auto& line : native()) count += line.at("native") == slot;
-    return count;
-}
-
-void Stage::waitForNative(const std::string& slot, size_t times) {
-    require([&] { return countNative(slot) >= times; },
-            fmt::format("{} times {} in the module's trace", times, slot),
-            [this] { return mTraceSource.text() + mService->describe(); });
-}
-
-}  // namespace process_support
+}  // namespace support
