@@ -32,19 +32,34 @@ T value(const Return<T>& result, const char* method) {
     return result;
 }
 
+// A method and its name, for what is said when a call of it fails.
+template <typename Pointer>
+struct Method {
+    constexpr Method(const char* methodName, Pointer method) : name(methodName), pointer(method) {}
+
+    const char* name;
+    Pointer pointer;
+};
+
+template <typename Interface, typename Pointer, typename... Arguments>
+auto ask(const sp<Interface>& object, const Method<Pointer>& method, Arguments&&... arguments) {
+    auto result = (object.get()->*method.pointer)(std::forward<Arguments>(arguments)...);
+    check(result, method.name);
+    return result;
+}
+
 using Queue = std::shared_ptr<DeliveryQueue>;
 
-class ActivityCallbackV1_0 : public V1_0::IActivityChangedCallback {
+// Interface: of either version.
+template <typename Interface>
+class Callback : public Interface {
   public:
-    explicit ActivityCallbackV1_0(Queue queue) : mQueue(std::move(queue)) {}
+    explicit Callback(Queue queue) : mQueue(std::move(queue)) {}
 
-    Return<void> onActivityChanged(const hidl_vec<V1_0::ActivityEvent>& events) override {
-        mQueue->push("onActivityChanged", toRecords(events));
-        return Void();
-    }
-    Return<void> onActivityExtendChanged(
-            const hidl_vec<V1_0::ActivityEventExtend>& events) override {
-        mQueue->push("onActivityExtendChanged", toRecords(events));
+  protected:
+    template <typename Events>
+    Return<void> take(const char* call, const Events& events) {
+        mQueue->push(call, toRecords(events));
         return Void();
     }
 
@@ -52,64 +67,53 @@ class ActivityCallbackV1_0 : public V1_0::IActivityChangedCallback {
     const Queue mQueue;
 };
 
-class ActivityCallbackV1_1 : public V1_1::IActivityChangedCallback {
+// The methods of version 1.0 are never called for a version 1.1 registration; if they were, it
+// would show.
+template <typename Interface>
+class ActivityCallback : public Callback<Interface> {
   public:
-    explicit ActivityCallbackV1_1(Queue queue) : mQueue(std::move(queue)) {}
+    using Callback<Interface>::Callback;
 
-    // The two of version 1.0 are never called for a version 1.1 registration; if they were, it
-    // would show.
     Return<void> onActivityChanged(const hidl_vec<V1_0::ActivityEvent>& events) override {
-        mQueue->push("onActivityChanged", toRecords(events));
-        return Void();
+        return this->take("onActivityChanged", events);
     }
     Return<void> onActivityExtendChanged(
             const hidl_vec<V1_0::ActivityEventExtend>& events) override {
-        mQueue->push("onActivityExtendChanged", toRecords(events));
-        return Void();
+        return this->take("onActivityExtendChanged", events);
     }
+};
+
+class ActivityCallbackV1_1 : public ActivityCallback<V1_1::IActivityChangedCallback> {
+  public:
+    using ActivityCallback::ActivityCallback;
+
     Return<void> onActivityChangedV1_1(const hidl_vec<V1_1::ActivityEventV1_1>& events) override {
-        mQueue->push("onActivityChangedV1_1", toRecords(events));
-        return Void();
+        return take("onActivityChangedV1_1", events);
     }
     Return<void> onActivityExtendChangedV1_1(
             const hidl_vec<V1_1::ActivityEventExtendV1_1>& events) override {
-        mQueue->push("onActivityExtendChangedV1_1", toRecords(events));
-        return Void();
+        return take("onActivityExtendChangedV1_1", events);
     }
-
-  private:
-    const Queue mQueue;
 };
 
-class EnvironmentCallbackV1_0 : public V1_0::IEnvironmentChangedCallback {
+template <typename Interface>
+class EnvironmentCallback : public Callback<Interface> {
   public:
-    explicit EnvironmentCallbackV1_0(Queue queue) : mQueue(std::move(queue)) {}
+    using Callback<Interface>::Callback;
 
     Return<void> onEnvironmentChanged(const hidl_vec<V1_0::ActivityEventExtend>& events) override {
-        mQueue->push("onEnvironmentChanged", toRecords(events));
-        return Void();
+        return this->take("onEnvironmentChanged", events);
     }
-
-  private:
-    const Queue mQueue;
 };
 
-class EnvironmentCallbackV1_1 : public V1_1::IEnvironmentChangedCallback {
+class EnvironmentCallbackV1_1 : public EnvironmentCallback<V1_1::IEnvironmentChangedCallback> {
   public:
-    explicit EnvironmentCallbackV1_1(Queue queue) : mQueue(std::move(queue)) {}
+    using EnvironmentCallback::EnvironmentCallback;
 
-    Return<void> onEnvironmentChanged(const hidl_vec<V1_0::ActivityEventExtend>& events) override {
-        mQueue->push("onEnvironmentChanged", toRecords(events));
-        return Void();
-    }
     Return<void> onEnvironmentChangedV1_1(
             const hidl_vec<V1_1::ActivityEventExtendV1_1>& events) override {
-        mQueue->push("onEnvironmentChangedV1_1", toRecords(events));
-        return Void();
+        return take("onEnvironmentChangedV1_1", events);
     }
-
-  private:
-    const Queue mQueue;
 };
 
 class DeathRecipient : public hidl_death_recipient {
@@ -130,34 +134,105 @@ std::vector<std::string> toStrings(const hidl_vec<hidl_string>& list) {
     return strings;
 }
 
-class Activities : public ActivitySide {
-  public:
-    // v1_1 is the same object as version 1.1, or NULL to be a version 1.0 client.
-    Activities(sp<V1_0::IActivityInterface> v1_0, sp<V1_1::IActivityInterface> v1_1)
-        : mV1_0(std::move(v1_0)), mV1_1(std::move(v1_1)) {}
+// What the sides call by different names.
+struct ActivityNames {
+    using InterfaceV1_0 = V1_0::IActivityInterface;
+    using InterfaceV1_1 = V1_1::IActivityInterface;
+    using CallbackV1_0 = ActivityCallback<V1_0::IActivityChangedCallback>;
+    using CallbackV1_1 = ActivityCallbackV1_1;
 
-    const char* noun() const override { return "activity"; }
-    const char* plural() const override { return "activities"; }
-    bool refusalWithdraws() const override { return true; }
+    static constexpr Method kFindV1_0{"getActivityInterface",
+                                      &V1_0::IActivityRecognition::getActivityInterface};
+    static constexpr Method kFindV1_1{"getActivityInterfaceV1_1",
+                                      &V1_1::IActivityRecognition::getActivityInterfaceV1_1};
+    static constexpr Method kList{"getSupportedActivitiesList",
+                                  &InterfaceV1_0::getSupportedActivitiesList};
+    static constexpr Method kCurrentV1_0{"getCurrentActivity", &InterfaceV1_0::getCurrentActivity};
+    static constexpr Method kCurrentV1_1{"getCurrentActivityV1_1",
+                                         &InterfaceV1_1::getCurrentActivityV1_1};
+    static constexpr Method kRegisterV1_0{"registerActivityCallback",
+                                          &InterfaceV1_0::registerActivityCallback};
+    static constexpr Method kRegisterV1_1{"registerActivityCallbackV1_1",
+                                          &InterfaceV1_1::registerActivityCallbackV1_1};
+};
+
+struct EnvironmentNames {
+    using InterfaceV1_0 = V1_0::IEnvironmentInterface;
+    using InterfaceV1_1 = V1_1::IEnvironmentInterface;
+    using CallbackV1_0 = EnvironmentCallback<V1_0::IEnvironmentChangedCallback>;
+    using CallbackV1_1 = EnvironmentCallbackV1_1;
+
+    static constexpr Method kFindV1_0{"getEnvironmentInterface",
+                                      &V1_0::IActivityRecognition::getEnvironmentInterface};
+    static constexpr Method kFindV1_1{"getEnvironmentInterfaceV1_1",
+                                      &V1_1::IActivityRecognition::getEnvironmentInterfaceV1_1};
+    static constexpr Method kList{"getSupportedEnvironmentsList",
+                                  &InterfaceV1_0::getSupportedEnvironmentsList};
+    static constexpr Method kCurrentV1_0{"getCurrentEnvironment",
+                                         &InterfaceV1_0::getCurrentEnvironment};
+    static constexpr Method kCurrentV1_1{"getCurrentEnvironmentV1_1",
+                                         &InterfaceV1_1::getCurrentEnvironmentV1_1};
+    static constexpr Method kRegisterV1_0{"registerEnvironmentCallback",
+                                          &InterfaceV1_0::registerEnvironmentCallback};
+    static constexpr Method kRegisterV1_1{"registerEnvironmentCallbackV1_1",
+                                          &InterfaceV1_1::registerEnvironmentCallbackV1_1};
+};
+
+// What both sides do alike.
+template <typename BaseSide, typename Names>
+class VersionedSide : public BaseSide {
+  public:
+    // NULL if the service has no such side. rootV1_1 is the same object as version 1.1, or NULL to
+    // be a version 1.0 client.
+    template <typename Derived>
+    static std::unique_ptr<BaseSide> find(const sp<V1_0::IActivityRecognition>& root,
+                                          const sp<V1_1::IActivityRecognition>& rootV1_1) {
+        auto side = std::make_unique<Derived>();
+        if (rootV1_1 != nullptr) {
+            side->mV1_1 = ask(rootV1_1, Names::kFindV1_1);
+            side->mV1_0 = side->mV1_1;
+        } else {
+            side->mV1_0 = ask(root, Names::kFindV1_0);
+        }
+        if (side->mV1_0 == nullptr) return nullptr;
+        return side;
+    }
 
     std::vector<std::string> names() override {
         std::vector<std::string> names;
-        check(mV1_0->getSupportedActivitiesList(
-                      [&names](const auto& list) { names = toStrings(list); }),
-              "getSupportedActivitiesList");
+        ask(mV1_0, Names::kList, [&names](const auto& list) { names = toStrings(list); });
         return names;
     }
 
     std::vector<Record> current() override {
         std::vector<Record> records;
-        auto take = [&records](const auto& events) { records = toRecords(events); };
+        const auto take = [&records](const auto& events) { records = toRecords(events); };
         if (mV1_1 != nullptr) {
-            check(mV1_1->getCurrentActivityV1_1(take), "getCurrentActivityV1_1");
+            ask(mV1_1, Names::kCurrentV1_1, take);
         } else {
-            check(mV1_0->getCurrentActivity(take), "getCurrentActivity");
+            ask(mV1_0, Names::kCurrentV1_0, take);
         }
         return records;
     }
+
+    void receive(const Queue& queue) override {
+        if (mV1_1 != nullptr) {
+            ask(mV1_1, Names::kRegisterV1_1, new typename Names::CallbackV1_1(queue));
+        } else {
+            ask(mV1_0, Names::kRegisterV1_0, new typename Names::CallbackV1_0(queue));
+        }
+    }
+
+  protected:
+    sp<typename Names::InterfaceV1_0> mV1_0;
+    sp<typename Names::InterfaceV1_1> mV1_1;  // NULL for version 1.0
+};
+
+class Activities : public VersionedSide<ActivitySide, ActivityNames> {
+  public:
+    const char* noun() const override { return "activity"; }
+    const char* plural() const override { return "activities"; }
+    bool refusalWithdraws() const override { return true; }
 
     int32_t enable(const Pair& pair, const Extras& extras) override {
         if (extras.extended) {
@@ -174,49 +249,13 @@ class Activities : public ActivitySide {
     }
 
     int32_t flush() override { return value(mV1_0->flush(), "flush"); }
-
-    void receive(const Queue& queue) override {
-        if (mV1_1 != nullptr) {
-            check(mV1_1->registerActivityCallbackV1_1(new ActivityCallbackV1_1(queue)),
-                  "registerActivityCallbackV1_1");
-        } else {
-            check(mV1_0->registerActivityCallback(new ActivityCallbackV1_0(queue)),
-                  "registerActivityCallback");
-        }
-    }
-
-  private:
-    const sp<V1_0::IActivityInterface> mV1_0;
-    const sp<V1_1::IActivityInterface> mV1_1;
 };
 
-class Environments : public EnvironmentSide {
+class Environments : public VersionedSide<EnvironmentSide, EnvironmentNames> {
   public:
-    Environments(sp<V1_0::IEnvironmentInterface> v1_0, sp<V1_1::IEnvironmentInterface> v1_1)
-        : mV1_0(std::move(v1_0)), mV1_1(std::move(v1_1)) {}
-
     const char* noun() const override { return "environment"; }
     const char* plural() const override { return "environments"; }
     bool refusalWithdraws() const override { return false; }
-
-    std::vector<std::string> names() override {
-        std::vector<std::string> names;
-        check(mV1_0->getSupportedEnvironmentsList(
-                      [&names](const auto& list) { names = toStrings(list); }),
-              "getSupportedEnvironmentsList");
-        return names;
-    }
-
-    std::vector<Record> current() override {
-        std::vector<Record> records;
-        auto take = [&records](const auto& events) { records = toRecords(events); };
-        if (mV1_1 != nullptr) {
-            check(mV1_1->getCurrentEnvironmentV1_1(take), "getCurrentEnvironmentV1_1");
-        } else {
-            check(mV1_0->getCurrentEnvironment(take), "getCurrentEnvironment");
-        }
-        return records;
-    }
 
     int32_t enable(const Pair& pair, const Extras& extras) override {
         return value(
@@ -235,20 +274,6 @@ class Environments : public EnvironmentSide {
     int32_t exit(uint32_t environment, const Extras& extras) override {
         return value(mV1_0->exitEnvironment(environment, extras.params), "exitEnvironment");
     }
-
-    void receive(const Queue& queue) override {
-        if (mV1_1 != nullptr) {
-            check(mV1_1->registerEnvironmentCallbackV1_1(new EnvironmentCallbackV1_1(queue)),
-                  "registerEnvironmentCallbackV1_1");
-        } else {
-            check(mV1_0->registerEnvironmentCallback(new EnvironmentCallbackV1_0(queue)),
-                  "registerEnvironmentCallback");
-        }
-    }
-
-  private:
-    const sp<V1_0::IEnvironmentInterface> mV1_0;
-    const sp<V1_1::IEnvironmentInterface> mV1_1;
 };
 
 template <typename T>
@@ -293,29 +318,11 @@ std::vector<std::string> Service::interfaceChain() {
 }
 
 std::unique_ptr<ActivitySide> Service::findActivities() {
-    sp<V1_1::IActivityInterface> v1_1;
-    sp<V1_0::IActivityInterface> v1_0;
-    if (mRootV1_1 != nullptr) {
-        v1_1 = value(mRootV1_1->getActivityInterfaceV1_1(), "getActivityInterfaceV1_1");
-        v1_0 = v1_1;
-    } else {
-        v1_0 = value(mRoot->getActivityInterface(), "getActivityInterface");
-    }
-    if (v1_0 == nullptr) return nullptr;
-    return std::make_unique<Activities>(v1_0, v1_1);
+    return Activities::find<Activities>(mRoot, mRootV1_1);
 }
 
 std::unique_ptr<EnvironmentSide> Service::findEnvironments() {
-    sp<V1_1::IEnvironmentInterface> v1_1;
-    sp<V1_0::IEnvironmentInterface> v1_0;
-    if (mRootV1_1 != nullptr) {
-        v1_1 = value(mRootV1_1->getEnvironmentInterfaceV1_1(), "getEnvironmentInterfaceV1_1");
-        v1_0 = v1_1;
-    } else {
-        v1_0 = value(mRoot->getEnvironmentInterface(), "getEnvironmentInterface");
-    }
-    if (v1_0 == nullptr) return nullptr;
-    return std::make_unique<Environments>(v1_0, v1_1);
+    return Environments::find<Environments>(mRoot, mRootV1_1);
 }
 
 std::unique_ptr<ActivitySide> Service::activities() {
