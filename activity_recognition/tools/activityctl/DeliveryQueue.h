@@ -3,12 +3,14 @@
 #pragma once
 
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include <android-base/unique_fd.h>
+#include <utils/Mutex.h>
+#include <utils/Timers.h>
 
 #include "Records.h"
 
@@ -20,12 +22,6 @@ struct Delivery {
     const char* call;   // the callback's method
     std::vector<Record> records;
 };
-
-inline int64_t monotonicNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec;
-}
 
 class DeliveryQueue {
   public:
@@ -40,14 +36,11 @@ class DeliveryQueue {
     };
 
     DeliveryQueue() : mEvent(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-    ~DeliveryQueue() { close(mEvent); }
-    DeliveryQueue(const DeliveryQueue&) = delete;
-    DeliveryQueue& operator=(const DeliveryQueue&) = delete;
 
     void push(const char* call, std::vector<Record> records) {
-        const int64_t now = monotonicNs();
+        const int64_t now = systemTime(SYSTEM_TIME_MONOTONIC);
         {
-            std::lock_guard<std::mutex> lock(mMutex);
+            ::android::Mutex::Autolock lock(mMutex);
             if (mHeld + records.size() > kCapacity) {
                 mContent.lost += records.size();
             } else {
@@ -55,24 +48,24 @@ class DeliveryQueue {
                 mContent.deliveries.push_back({now, call, std::move(records)});
             }
         }
-        eventfd_write(mEvent, 1);
+        eventfd_write(mEvent.get(), 1);
     }
 
     void reportDeath() {
         {
-            std::lock_guard<std::mutex> lock(mMutex);
+            ::android::Mutex::Autolock lock(mMutex);
             mContent.serviceDied = true;
         }
-        eventfd_write(mEvent, 1);
+        eventfd_write(mEvent.get(), 1);
     }
 
     // Readable while take() has something new.
-    int fd() const { return mEvent; }
+    int fd() const { return mEvent.get(); }
 
     Content take() {
         eventfd_t count;
-        eventfd_read(mEvent, &count);
-        std::lock_guard<std::mutex> lock(mMutex);
+        eventfd_read(mEvent.get(), &count);
+        ::android::Mutex::Autolock lock(mMutex);
         mHeld = 0;
         Content content;
         std::swap(content, mContent);
@@ -80,10 +73,10 @@ class DeliveryQueue {
     }
 
   private:
-    const int mEvent;
-    std::mutex mMutex;
-    size_t mHeld = 0;  // guarded by mMutex
-    Content mContent;  // guarded by mMutex
+    const ::android::base::unique_fd mEvent;
+    ::android::Mutex mMutex;
+    size_t mHeld GUARDED_BY(mMutex) = 0;
+    Content mContent GUARDED_BY(mMutex);
 };
 
 }  // namespace activityctl

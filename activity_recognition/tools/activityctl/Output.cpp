@@ -4,14 +4,14 @@
 
 #include <cstdio>
 
-#include "DeliveryQueue.h"
+#include <utils/Timers.h>
 
 namespace activityctl {
 
-Output::Output(bool json) : mJson(json), mStartNs(monotonicNs()) {}
+Output::Output(bool json) : mJson(json), mStartNs(systemTime(SYSTEM_TIME_MONOTONIC)) {}
 
 void Output::print(const std::string& what, nlohmann::json object, const std::string& text) {
-    printAt(monotonicNs(), what, std::move(object), text);
+    printAt(systemTime(SYSTEM_TIME_MONOTONIC), what, std::move(object), text);
 }
 
 void Output::printAt(int64_t ns, const std::string& what, nlohmann::json object,

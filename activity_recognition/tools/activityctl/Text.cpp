@@ -3,26 +3,32 @@
 #include <fmt/format.h>
 #include <strings.h>
 
-#include <cctype>
-#include <cerrno>
-#include <cmath>
+#include <algorithm>
+#include <charconv>
 #include <cstdlib>
-#include <limits>
 
 #include "Failure.h"
 
 namespace activityctl {
 namespace {
 
+constexpr char kDigits[] = "0123456789";
+
+// A unit is factor * 10^zeros nanoseconds.
 struct Unit {
     const char* name;
-    int64_t ns;
+    int64_t factor;
+    size_t zeros;
+
+    int64_t ns() const {
+        int64_t ns = factor;
+        for (size_t i = 0; i < zeros; ++i) ns *= 10;
+        return ns;
+    }
 };
 
 // Largest first, as formatLatency() tries them.
-constexpr Unit kUnits[] = {
-        {"min", 60'000'000'000}, {"s", 1'000'000'000}, {"ms", 1'000'000}, {"us", 1'000}, {"ns", 1},
-};
+constexpr Unit kUnits[] = {{"min", 6, 10}, {"s", 1, 9}, {"ms", 1, 6}, {"us", 1, 3}, {"ns", 1, 0}};
 
 [[noreturn]] void badLatency(const std::string& text, const char* why) {
     throw Failure(kUsage, fmt::format("'{}' is no latency: {} (examples: 2s, 500ms, 1.5s, 20ns)",
@@ -31,51 +37,43 @@ constexpr Unit kUnits[] = {
 
 }  // namespace
 
+// Not CLI::AsNumberWithUnit, which for decimals goes through a double printed with six digits.
 int64_t parseLatency(const std::string& text) {
-    size_t at = 0;
-    const bool negative = !text.empty() && text[0] == '-';
-    if (negative) at = 1;
-
-    const size_t digitsAt = at;
-    __int128 whole = 0;
-    while (at < text.size() && isdigit(static_cast<unsigned char>(text[at]))) {
-        whole = whole * 10 + (text[at++] - '0');
-        if (whole > std::numeric_limits<int64_t>::max()) badLatency(text, "it is too long");
-    }
-    if (at == digitsAt) badLatency(text, "it has no number");
-
-    std::string fraction;
-    if (at < text.size() && text[at] == '.') {
-        for (++at; at < text.size() && isdigit(static_cast<unsigned char>(text[at]));) {
-            fraction += text[at++];
-        }
+    const size_t sign = text.compare(0, 1, "-") == 0 ? 1 : 0;
+    const size_t point = std::min(text.find_first_not_of(kDigits, sign), text.size());
+    const std::string whole = text.substr(sign, point - sign);
+    if (whole.empty()) badLatency(text, "it has no number");
+    if (point == text.size() && whole.find_first_not_of('0') == std::string::npos) return 0;
+    std::string fraction, unitName = text.substr(point);
+    if (unitName.compare(0, 1, ".") == 0) {
+        const size_t end = std::min(unitName.find_first_not_of(kDigits, 1), unitName.size());
+        fraction = unitName.substr(1, end - 1);
+        unitName.erase(0, end);
         if (fraction.empty()) badLatency(text, "digits are missing after the point");
     }
+    fraction.erase(fraction.find_last_not_of('0') + 1);
 
-    const std::string unitName = text.substr(at);
-    if (unitName.empty() && whole == 0 && fraction.empty()) return 0;
-    for (const Unit& unit : kUnits) {
-        if (unitName != unit.name) continue;
-        __int128 ns = whole * unit.ns;
-        __int128 place = unit.ns;
-        for (char digit : fraction) {
-            if (place % 10 != 0 && digit != '0') {
-                badLatency(text, "it is finer than a nanosecond");
-            }
-            place /= 10;
-            ns += place * (digit - '0');
-        }
-        if (ns > std::numeric_limits<int64_t>::max()) badLatency(text, "it is too long");
-        return static_cast<int64_t>(negative ? -ns : ns);
+    const auto* unit = std::find_if(std::begin(kUnits), std::end(kUnits),
+                                    [&](const Unit& known) { return unitName == known.name; });
+    if (unit == std::end(kUnits)) {
+        badLatency(text,
+                   unitName.empty() ? "it has no unit" : "the unit is none of min, s, ms, us, ns");
     }
-    badLatency(text,
-               unitName.empty() ? "it has no unit" : "the unit is none of min, s, ms, us, ns");
+    if (fraction.size() > unit->zeros) badLatency(text, "it is finer than a nanosecond");
+    // The point moved to the end, what is left is a whole number.
+    const std::string digits = whole + fraction + std::string(unit->zeros - fraction.size(), '0');
+    int64_t ns = 0;
+    const auto read = std::from_chars(digits.data(), digits.data() + digits.size(), ns);
+    if (read.ec != std::errc() || __builtin_mul_overflow(ns, unit->factor, &ns)) {
+        badLatency(text, "it is too long");
+    }
+    return sign != 0 ? -ns : ns;
 }
 
 std::string formatLatency(int64_t ns) {
     if (ns == 0) return "0s";
     for (const Unit& unit : kUnits) {
-        if (ns % unit.ns == 0) return fmt::format("{}{}", ns / unit.ns, unit.name);
+        if (ns % unit.ns() == 0) return fmt::format("{}{}", ns / unit.ns(), unit.name);
     }
     return fmt::format("{}ns", ns);
 }
@@ -96,11 +94,11 @@ std::array<double, 4> parseParams(const std::string& text) {
 }
 
 std::optional<uint32_t> parseNumber(const std::string& text) {
-    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return {};
-    errno = 0;
-    const unsigned long long value = strtoull(text.c_str(), nullptr, 10);
-    if (errno != 0 || value > std::numeric_limits<uint32_t>::max()) return {};
-    return static_cast<uint32_t>(value);
+    if (text.empty() || text.find_first_not_of(kDigits) != std::string::npos) return {};
+    uint32_t value = 0;
+    const auto read = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (read.ec != std::errc()) return {};
+    return value;
 }
 
 PairText parsePair(const std::string& text) {

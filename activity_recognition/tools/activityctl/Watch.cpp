@@ -12,41 +12,33 @@
 #include <cerrno>
 #include <sstream>
 
+#include <android-base/unique_fd.h>
+
 #include "Commands.h"
 
 namespace activityctl {
 namespace {
 
+using ::android::base::unique_fd;
+
 // main() has blocked these in every thread.
-int openSignals() {
+unique_fd openSignals() {
     sigset_t signals;
     sigemptyset(&signals);
     for (int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
-    return signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    return unique_fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-int openTimer(std::optional<int64_t> ns) {
-    const int fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+unique_fd openTimer(std::optional<int64_t> ns) {
+    unique_fd fd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     if (ns) {
         itimerspec after{};
         const int64_t wait = std::max<int64_t>(*ns, 1);  // 0 would disarm it
         after.it_value = {wait / 1'000'000'000, wait % 1'000'000'000};
-        timerfd_settime(fd, 0, &after, nullptr);
+        timerfd_settime(fd.get(), 0, &after, nullptr);
     }
     return fd;
 }
-
-class Fd {
-  public:
-    explicit Fd(int fd) : mFd(fd) {}
-    ~Fd() { close(mFd); }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    operator int() const { return mFd; }
-
-  private:
-    const int mFd;
-};
 
 class Watch {
   public:
@@ -132,8 +124,8 @@ class Watch {
     void waitAndServe() {
         pollfd fds[] = {
                 {mQueue->fd(), POLLIN, 0},
-                {mSignals, POLLIN, 0},
-                {mTimer, POLLIN, 0},
+                {mSignals.get(), POLLIN, 0},
+                {mTimer.get(), POLLIN, 0},
                 // Also tells of a reader of standard output that has gone away.
                 {STDOUT_FILENO, 0, 0},
                 {mOptions.control ? STDIN_FILENO : -1, POLLIN, 0},
@@ -258,8 +250,8 @@ class Watch {
     const Options& mOptions;
     Output& mOutput;
     const bool mQuiet;
-    const Fd mSignals;
-    const Fd mTimer;
+    const unique_fd mSignals;
+    const unique_fd mTimer;
     const std::shared_ptr<DeliveryQueue> mQueue;
 
     std::vector<std::string> mNames;

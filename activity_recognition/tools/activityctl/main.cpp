@@ -38,37 +38,6 @@ Exit status:
   2  wrong command line           5  the service died or a call failed
 )";
 
-// As typed; understood by understand().
-struct Arguments {
-    std::string interface = "1.1";
-    std::vector<std::string> pairs;
-    std::string latency = "1s";
-    std::string duration;
-    uint64_t count = 0;
-    std::string params;
-    std::string name;
-    bool noWake = false;
-};
-
-void understand(const Arguments& arguments, Options& options) {
-    options.version = arguments.interface == "1.0" ? Version::k1_0 : Version::k1_1;
-    for (const std::string& text : arguments.pairs) options.pairs.push_back(parsePair(text));
-    options.latencyNs = parseLatency(arguments.latency);
-    if (!arguments.duration.empty()) {
-        options.forNs = parseLatency(arguments.duration);
-        if (*options.forNs < 0) throw Failure(kUsage, "--for is a time of at least 0");
-    }
-    if (arguments.count != 0) options.count = arguments.count;
-
-    std::array<double, 4> params{};
-    if (arguments.noWake) params = {1.0, 0.0, 0.0, 0.0};
-    if (!arguments.params.empty()) params = parseParams(arguments.params);
-    for (size_t i = 0; i < params.size(); ++i) options.extras.params.params[i] = params[i];
-    options.extras.params.name = arguments.name;
-    options.extras.extended =
-            arguments.noWake || !arguments.params.empty() || !arguments.name.empty();
-}
-
 // Signals that end a command that stays are waited for like everything else; threads that the
 // service's calls start later inherit the mask.
 void takeOverSignals() {
@@ -86,10 +55,14 @@ class CommandLine {
         mApp.fallthrough();
         mApp.add_option("--instance", mOptions.instance, "Name that the service is served under")
                 ->capture_default_str();
-        mApp.add_option("-i,--interface", mArguments.interface,
-                        "Interface version to be a client of")
+        mApp.add_option_function<std::string>(
+                    "-i,--interface",
+                    [this](const std::string& version) {
+                        mOptions.version = version == "1.0" ? Version::k1_0 : Version::k1_1;
+                    },
+                    "Interface version to be a client of")
                 ->check(CLI::IsMember({"1.0", "1.1"}))
-                ->capture_default_str();
+                ->default_str(toText(mOptions.version));
         mApp.add_flag("--json", mOptions.json, "One JSON object per line instead of text");
         addGeneral();
         addActivities();
@@ -99,16 +72,13 @@ class CommandLine {
     int run(int argc, char** argv) {
         try {
             mApp.parse(argc, argv);
+            Output output(mOptions.json);
+            return mRun(output);
         } catch (const CLI::Success& help) {
             return mApp.exit(help);
         } catch (const CLI::ParseError& error) {
             Output::complain(std::string(error.what()) + " (activityctl --help explains)");
             return kUsage;
-        }
-        try {
-            understand(mArguments, mOptions);
-            Output output(mOptions.json);
-            return mRun(output);
         } catch (const Failure& failure) {
             Output::complain(failure.what());
             return failure.status;
@@ -147,31 +117,72 @@ class CommandLine {
             return leave ? enableAndLeave(*side, mOptions, output)
                          : watch(service, *side, mOptions, output, quiet);
         });
-        command->add_option("--latency", mArguments.latency, "For pairs without one of their own")
-                ->capture_default_str();
+        addLatency(*command);
         addExtras(*command);
-        command->add_option("--for", mArguments.duration, "Leave after this time, such as 30s");
+        command->add_option_function<std::string>(
+                "--for",
+                [this](const std::string& text) {
+                    if (text.empty()) return;
+                    mOptions.forNs = parseLatency(text);
+                    if (*mOptions.forNs < 0) throw Failure(kUsage, "--for is a time of at least 0");
+                },
+                "Leave after this time, such as 30s");
         command->add_flag("--control", mOptions.control,
                           "Obey lines on standard input: enable PAIR..., disable PAIR..., flush, "
                           "current, quit");
         return command;
     }
 
+    void addLatency(CLI::App& command) {
+        command.add_option_function<std::string>(
+                       "--latency",
+                       [this](const std::string& text) { mOptions.latencyNs = parseLatency(text); },
+                       "For pairs without one of their own")
+                ->default_str(formatLatency(mOptions.latencyNs));
+    }
+
+    // An activity's enable is an extended one once any of these is given and not empty.
     void addExtras(CLI::App& command) {
-        auto* params = command.add_option("--params", mArguments.params,
-                                          "Four numbers for the native module: A,B,C,D");
-        command.add_option("--name", mArguments.name, "Text for it, at most 32 characters");
-        command.add_flag("--no-wake", mArguments.noWake,
-                         "Ask not to be woken up, which is --params 1,0,0,0")
+        const auto setParams = [this](const std::array<double, 4>& params) {
+            std::copy(params.begin(), params.end(), mOptions.extras.params.params.data());
+            mOptions.extras.extended = true;
+        };
+        auto* params = command.add_option_function<std::string>(
+                "--params",
+                [setParams](const std::string& text) {
+                    if (!text.empty()) setParams(parseParams(text));
+                },
+                "Four numbers for the native module: A,B,C,D");
+        command.add_option_function<std::string>(
+                "--name",
+                [this](const std::string& name) {
+                    mOptions.extras.params.name = name;
+                    mOptions.extras.extended |= !name.empty();
+                },
+                "Text for it, at most 32 characters");
+        command.add_flag_callback(
+                       "--no-wake",
+                       [setParams] {
+                           setParams({1, 0, 0, 0});
+                       },
+                       "Ask not to be woken up, which is --params 1,0,0,0")
                 ->excludes(params);
     }
 
     void addPairs(CLI::App& command, const char* help, bool required) {
-        command.add_option("PAIR", mArguments.pairs, help)->required(required);
+        command.add_option_function<std::vector<std::string>>(
+                       "PAIR",
+                       [this](const std::vector<std::string>& texts) {
+                           for (const std::string& text : texts) {
+                               mOptions.pairs.push_back(parsePair(text));
+                           }
+                       },
+                       help)
+                ->required(required);
     }
 
     void addCount(CLI::App& command) {
-        command.add_option("--count", mArguments.count, "Leave after this many events")
+        command.add_option("--count", mOptions.count, "Leave after this many events")
                 ->check([](const std::string& text) {
                     return parseNumber(text).value_or(0) != 0
                                    ? std::string()
@@ -253,8 +264,7 @@ class CommandLine {
                                                   return enableAndLeave(side, mOptions, output);
                                               });
         addPairs(*enabling, "ENVIRONMENT[:EVENT][@LATENCY], the latency passed on as it is", true);
-        enabling->add_option("--latency", mArguments.latency, "For pairs without one of their own")
-                ->capture_default_str();
+        addLatency(*enabling);
         addExtras(*enabling);
 
         auto* disabling =
@@ -273,7 +283,6 @@ class CommandLine {
     }
 
     CLI::App mApp;
-    Arguments mArguments;
     Options mOptions;
     Run mRun;
 };
