@@ -23,21 +23,41 @@ using ::hidl::hosttest::V1_0::IListener;
 using ::hidl::hosttest::V1_0::IPeer;
 using ::hidl::hosttest::V1_0::Outer;
 
+// A value that threads change and wait for.
+template <typename T>
+class Monitor {
+  public:
+    template <typename Change>
+    void change(Change change) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        change(mValue);
+        mChanged.notify_all();
+    }
+    // False when the predicate does not come to hold within half a minute.
+    template <typename Predicate>
+    bool waitFor(Predicate predicate) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mChanged.wait_for(lock, std::chrono::seconds(30), [&] { return predicate(mValue); });
+    }
+    T get() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mValue;
+    }
+
+  private:
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    T mValue{};
+};
+
 struct Listener : IListener {
     explicit Listener(std::function<int32_t(int32_t)> function =
                               [](int32_t value) { return value + 1; })
         : answer(std::move(function)) {
-        ++live;
+        live.change([](int& count) { ++count; });
     }
     ~Listener() override {
-        std::unique_lock<std::mutex> lock(mutex);
-        --live;
-        changed.notify_all();
-    }
-    // False when not so many are left within half a minute.
-    static bool waitForLive(int count) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(30), [&] { return live == count; });
+        live.change([](int& count) { --count; });
     }
 
     Return<int32_t> onValue(int32_t value) override { return answer(value); }
@@ -47,9 +67,7 @@ struct Listener : IListener {
     }
 
     std::function<int32_t(int32_t)> answer;
-    static inline std::atomic<int> live{0};
-    static inline std::mutex mutex;
-    static inline std::condition_variable changed;
+    static inline Monitor<int> live;
 };
 
 struct Peer : IPeer {
@@ -83,10 +101,6 @@ struct Peer : IPeer {
         }
         return Void();
     }
-    Return<void> drop() override {
-        mKept = nullptr;
-        return Void();
-    }
     Return<int32_t> callBack(const sp<IListener>& listener, int32_t value) override {
         return ask(listener, value);
     }
@@ -94,29 +108,23 @@ struct Peer : IPeer {
     Return<sp<IListener>> make() override { return sp<IListener>(new Listener); }
 
     Return<void> note(int32_t value) override {
-        std::unique_lock<std::mutex> lock(mMutex);
         mNotePid = ::android::hardware::IPCThreadState::self()->getCallingPid();
-        mNotes.push_back(value);
-        mChanged.notify_all();
+        mNotes.change([&](auto& notes) { notes.push_back(value); });
         return Void();
     }
     Return<void> notes(uint32_t count, notes_cb _hidl_cb) override {
-        std::unique_lock<std::mutex> lock(mMutex);
-        mChanged.wait_for(lock, std::chrono::seconds(count > 10000 ? 0 : 30),
-                          [&] { return mNotes.size() >= count; });
-        _hidl_cb(mNotes);
+        if (count <= 10000)
+            mNotes.waitFor([&](const auto& notes) { return notes.size() >= count; });
+        _hidl_cb(mNotes.get());
         return Void();
     }
     Return<int32_t> notePid() override { return mNotePid.load(); }
     Return<void> block() override {
-        std::unique_lock<std::mutex> lock(mMutex);
-        mChanged.wait(lock, [this] { return mReleased; });
+        mReleased.waitFor([](bool released) { return released; });
         return Void();
     }
     Return<void> release() override {
-        std::unique_lock<std::mutex> lock(mMutex);
-        mReleased = true;
-        mChanged.notify_all();
+        mReleased.change([](bool& released) { released = true; });
         return Void();
     }
 
@@ -129,11 +137,9 @@ struct Peer : IPeer {
     }
 
     sp<IListener> mKept;
-    std::mutex mMutex;
-    std::condition_variable mChanged;
-    std::vector<int32_t> mNotes;
+    Monitor<std::vector<int32_t>> mNotes;
     std::atomic<int32_t> mNotePid{-1};
-    bool mReleased = false;
+    Monitor<bool> mReleased;
 };
 
 }  // namespace hosttest

@@ -106,6 +106,11 @@ void SimulatorTest::start() {
     mkfifo((mFolder + "/control").c_str(), 0600);
     set("CONTROL", mFolder + "/control");
     set("TRACE", mFolder + "/trace");
+    {
+        // What came before the last close is nobody's any more.
+        std::lock_guard<std::mutex> lock(inbox.lock);
+        inbox.batches.clear();
+    }
     ASSERT_EQ(0, open()) << errors().at(0);
     activity = device->get_activity_interface(device);
     environment = device->get_environment_interface(device);
