@@ -5,8 +5,8 @@
 #include <future>
 
 #include <gmock/gmock.h>
-#include <nlohmann/json.hpp>
 #include <utils/Timers.h>
+#include <nlohmann/json.hpp>
 
 #include "Harness.h"
 
