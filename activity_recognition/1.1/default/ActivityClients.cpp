@@ -78,12 +78,13 @@ void ActivityInterface::HandleHidlDeath(uint64_t cookie, const wp<IBase>& who) {
     }
 
     Mutex::Autolock lock(mListMutex);
-    // The requests of a version 1.0 client outlive it, and so do any client's barriers and last
-    // events: the module is not told of a death, so it still reports what they are about.
+    // Only a version 1.1 match takes requests along. Those of a version 1.0 client stay and count
+    // in merges; barriers and last events stay whichever version died.
     const ssize_t dead = FindDeadClient(mClientVectorV1_1, who);
     if (dead >= 0) {
+        const unsigned long pid = mClientVectorV1_1.valueAt(dead);
         Mutex::Autolock events(eventMutex);
-        mEventData.eraseClient(mClientVectorV1_1.valueAt(dead));
+        mEventData.eraseIf([pid](const EnableRequestData& r) { return r.pid == pid; });
     }
     RemoveDeadClient(who, mClientVectorV1_1, mClientVectorV1_0, kDeath);
 }

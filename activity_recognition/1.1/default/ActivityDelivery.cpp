@@ -1,6 +1,8 @@
 #define LOG_TAG "AR_impl"
 
+#include <algorithm>
 #include <map>
+#include <utility>
 
 #include <log/log.h>
 
@@ -63,8 +65,8 @@ void ActivityInterface::PackageNamePush(const activity_event* events, int32_t co
 void ActivityInterface::OneDataPush(int32_t activity, const activity_event& event, int32_t pid,
                                     const EnableRequestData& request,
                                     std::vector<EventResponseData>& batch) {
-    // The barrier is that of the delivering thread's process, not of the request's. An equal
-    // timestamp passes.
+    // The barrier is looked up under pid, the delivering thread's caller, not under the request's
+    // client. An equal timestamp passes.
     if (event.timestamp < GetLastTime(ClientKey(pid), activity, event.event_type)) return;
     CheckRepeatedEvent(request.pid, request.activity, event.event_type, event.timestamp,
                        mLastActivityEvent);
@@ -100,7 +102,9 @@ void ActivityInterface::ActivitiesReport(const std::vector<EventResponseData>& b
     // Version 1.0 doesn't route: each of its clients gets every process's share, the empty ones
     // too. Without such a client nobody would get the empty ones.
     const bool hasV1_0 = !mClientVectorV1_0.isEmpty();
-    for (size_t i = 0; hasV1_0 && i < packageNames.size(); ++i) shares[i];
+    if (hasV1_0) {
+        for (size_t i = 0; i < packageNames.size(); ++i) shares[i];  // makes the empty ones
+    }
 
     const ClientPositions clients = PositionsByPid(mClientVectorV1_1);
     for (const auto& share : shares) {
@@ -125,8 +129,8 @@ void ActivityInterface::ReportV1_1(size_t position, const ClientPositions& clien
         if (callback == nullptr) continue;  // without a log line, unlike elsewhere
         const Return<void> sent = callback->onActivityChangedV1_1(CopyForClient(events));
         if (!sent.isOk()) {
-            // Names the client that stands at the process's position in packageNames, whoever that
-            // is: log readers know the line so. 0 when none stands there.
+            // Prints the process id at this position of the client table, usually another client's:
+            // fixed, like the text. 0 when there is none.
             const unsigned long named =
                     position < mClientVectorV1_1.size() ? mClientVectorV1_1.valueAt(position) : 0;
             ALOGI("%s: Unable to invoke onActivityChangedV1_1 PID[%lu]", "ActivitiesReport", named);

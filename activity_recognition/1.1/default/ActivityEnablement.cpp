@@ -7,13 +7,6 @@
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
 
-namespace {
-
-constexpr int32_t kSuccess = 0;
-constexpr int32_t kFailure = 1;
-
-}  // namespace
-
 Return<int32_t> ActivityInterface::enableActivityEvent(uint32_t activity, uint32_t event,
                                                        int64_t reportLatencyNs) {
     ALOGI("enableActivityEvent activity[%d], event[%d] reportLatency[%ld]ns", activity, event,
@@ -42,9 +35,10 @@ Return<int32_t> ActivityInterface::enableActivityEvent(uint32_t activity, uint32
         const int64_t merged = MergedLatency(activity, event);
         accepted = mImpl->enable_activity_event(activity, event, merged) == 0;
     }
-    const int32_t result = ConcludeEnable(request, joins, accepted);
+    if (!accepted) TakeBack(request);
+    if (accepted && joins) HandleFirstReport(request.pid, activity, event);
     ALOGI("enableActivityEvent end, pid[%d]", pid);
-    return result;
+    return accepted ? kSuccess : kFailure;
 }
 
 Return<int32_t> ActivityInterface::enableActivityEventExtend(uint32_t activity, uint32_t event,
@@ -65,7 +59,7 @@ Return<int32_t> ActivityInterface::enableActivityEventExtend(uint32_t activity, 
 
     bool joins;
     {
-        // A record of process id 0 counts as none here: a second one comes to stand.
+        // A record of process id 0 counts as none: UpdateEnableNativeExend adds a second.
         Mutex::Autolock lock(mNativeLock);
         joins = FindEnableToNativeData(activity, event, mEnableToNativeData).pid != 0;
     }
@@ -78,9 +72,10 @@ Return<int32_t> ActivityInterface::enableActivityEventExtend(uint32_t activity, 
         accepted =
                 EnableActivityEvent(activity, event, MergedLatency(activity, event), params) == 0;
     }
-    const int32_t result = ConcludeEnable(request, joins, accepted);
+    if (!accepted) TakeBack(request);
+    if (accepted && joins) HandleFirstReport(request.pid, activity, event);
     ALOGI("enableActivityEventExtend end, pid[%d]", pid);
-    return result;
+    return accepted ? kSuccess : kFailure;
 }
 
 // A client's new request replaces its old one and becomes the last.
@@ -95,17 +90,11 @@ int64_t ActivityInterface::MergedLatency(uint32_t activity, uint32_t event) {
     return MinReportLatencyNsFunc(activity, event, mEventData);
 }
 
-// A refusal takes the client's request away. The one that it replaced is gone already: a client
-// whose re-enable fails has no request of the pair.
-int32_t ActivityInterface::ConcludeEnable(const EnableRequestData& request, bool joined,
-                                          bool accepted) {
-    if (!accepted) {
-        Mutex::Autolock lock(eventMutex);
-        RemoveActivityEvent(request.pid, request.activity, request.event, mEventData);
-        return kFailure;
-    }
-    if (joined) HandleFirstReport(request.pid, request.activity, request.event);
-    return kSuccess;
+// After a refusal. The request that this one replaced is gone already: a client whose re-enable
+// fails has no request for the pair.
+void ActivityInterface::TakeBack(const EnableRequestData& request) {
+    Mutex::Autolock lock(eventMutex);
+    RemoveActivityEvent(request.pid, request.activity, request.event, mEventData);
 }
 
 int32_t ActivityInterface::EnableActivityEvent(uint32_t activity, uint32_t event,
@@ -172,7 +161,6 @@ Return<int32_t> ActivityInterface::disableActivityEvent(uint32_t activity, uint3
     return DisableOtherActivityEvent(activity, event) == 0 ? kSuccess : kFailure;
 }
 
-// Tells the module what those want of the pair who remain.
 int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t event) {
     bool remains = false;
     bool allExtended = true;
@@ -190,13 +178,13 @@ int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t
             Mutex::Autolock lock(mNativeLock);
             RemoveEnableToNativeData(activity, event, mEnableToNativeData);
         }
-        // Without a module there is nobody to tell, and nobody left who could miss it.
+        // Success also when there is no module to tell: no request is left.
         return mImpl == nullptr ? kSuccess : mImpl->disable_activity_event(activity, event);
     }
     {
         Mutex::Autolock lock(mNativeLock);
-        // As far as the table knows the module has nothing enabled, so it isn't told. It may have:
-        // the pair's record can have gone in another's place.
+        // Nothing is recorded as enabled, so the module isn't told. It may have the pair all the
+        // same: RemoveEnableToNativeData can take another pair's record.
         if (mEnableToNativeData.empty()) return -1;
     }
     if (mImpl == nullptr) return kFailure;

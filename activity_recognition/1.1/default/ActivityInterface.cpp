@@ -33,7 +33,6 @@ constexpr QueryTexts kCurrentV1_1 = {
 
 }  // namespace
 
-// At unload they go in reverse.
 Mutex ActivityInterface::mListMutex;
 Mutex ActivityInterface::eventMutex;
 Mutex ActivityInterface::sLastEventLock;
@@ -84,9 +83,9 @@ Return<void> ActivityInterface::getCurrentActivityV1_1(getCurrentActivityV1_1_cb
 Return<int32_t> ActivityInterface::flush() {
     if (mImpl == nullptr) {
         ALOGE("%s: mImpl interface is not available", "flush");
-        return 1;
+        return kFailure;
     }
-    return mImpl->flush() == 0 ? 0 : 1;
+    return mImpl->flush() == 0 ? kSuccess : kFailure;
 }
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -5,13 +5,13 @@
 //
 // Threads: clients' calls and death notices come on binder threads, native callbacks on the
 // module's. Locks are taken in the order mListMutex, eventMutex, then one of the leaf locks
-// (sLastEventLock, mNativeLock, the recipients'); under a leaf lock nothing is called and nothing
-// else is locked. mListMutex is held across calls to clients, no lock across a call into the
-// module. So a client may enable, disable, flush and query from inside a callback, but must not
-// register there, and a module may call back from inside its own slots unless a client's callback
-// led there.
+// (sLastEventLock, mNativeLock, the recipients'); under a leaf lock neither clients nor the module
+// are called and nothing else is locked. mListMutex is held across calls to clients, no lock across
+// a call into the module. So a client may enable, disable, flush and query from inside a callback,
+// but must not register there, and a module may call back from inside its own slots unless a
+// client's callback led there.
 //
-// Spelling and levels of the log texts, and the numbers in them, are as log readers match them.
+// Log texts, levels and the numbers in them are fixed, misspellings included: tools match on them.
 #pragma once
 
 #include <stdint.h>
@@ -34,12 +34,12 @@ class ActivityInterface : public V1_1::IActivityInterface,
                           public RecordConversions,
                           public RequestRules {
   public:
-    // impl: the module's table, not owned, valid for the process's life; NULL makes an object whose
-    // operations fail one by one. A second instance while one lives ends the process.
+    // impl: the module's table, not owned, valid for the process's life; with NULL each operation
+    // that needs the module fails on its own. A second instance while one lives ends the process.
     explicit ActivityInterface(const activity_interface* impl);
     ~ActivityInterface() override;
 
-    // What a client's death is linked with; it hands on the notice.
+    // Linked to a client's death; forwards the notice to HandleHidlDeath.
     using RemoteListenerHidlDeathRecipient = ClientDeathRecipient<ActivityInterface>;
     // cookie: the process id given at registration. who: the dead callback. The module is told
     // nothing: it keeps its enables until another enable or disable of the pair.
@@ -60,11 +60,6 @@ class ActivityInterface : public V1_1::IActivityInterface,
             const sp<V1_1::IActivityChangedCallback>& callback) override;
     Return<void> getCurrentActivityV1_1(getCurrentActivityV1_1_cb answer) override;
 
-    // Makes event the last one that the client was sent of the activity, whatever its type; a
-    // record that stands keeps its timestamp. True: events that repeat are not held back.
-    static bool CheckRepeatedEvent(uint64_t pid, uint32_t activity, uint32_t event,
-                                   uint64_t timestamp, LastEventTable& table);
-
   private:
     friend struct ActivityInterfaceTestPeer;
 
@@ -81,17 +76,20 @@ class ActivityInterface : public V1_1::IActivityInterface,
 
     void AddRequest(const EnableRequestData& request) EXCLUDES(eventMutex);
     int64_t MergedLatency(uint32_t activity, uint32_t event) EXCLUDES(eventMutex);
-    int32_t ConcludeEnable(const EnableRequestData& request, bool joined, bool accepted)
-            EXCLUDES(eventMutex);
+    void TakeBack(const EnableRequestData& request) EXCLUDES(eventMutex);
+    // The module's result, or 1 without a table or with a name that is too long.
     int32_t EnableActivityEvent(uint32_t activity, uint32_t event, int64_t reportLatencyNs,
                                 const OtherParams& params);
+    // Tell the module of a pair's first client; false when it refuses.
     bool UpdateEnableNative(const EnableToNativeData& record) EXCLUDES(mNativeLock);
     bool UpdateEnableNativeExend(const EnableToNativeData& record, const OtherParams& params)
             EXCLUDES(mNativeLock);
+    // Re-merges the pair from the requests that remain: the module's result, 1 without a table, or
+    // -1 when no native enable is recorded.
     int32_t DisableOtherActivityEvent(uint32_t activity, uint32_t event)
             EXCLUDES(eventMutex, mNativeLock);
 
-    // Takes the barrier of a client that joined a pair.
+    // Takes the barrier of a client that joined a pair. Requires mImpl.
     void HandleFirstReport(uint64_t pid, uint32_t activity, uint32_t event) EXCLUDES(eventMutex);
 
     // What the module calls; 1 to ACTIVITY_RECOGNITION_MAX_EVENTS records, read during the call.
@@ -103,12 +101,18 @@ class ActivityInterface : public V1_1::IActivityInterface,
     static void PackageNamePush(const activity_event* events, int32_t count, int32_t pid,
                                 std::vector<EventResponseData>& batch) REQUIRES(mListMutex)
             EXCLUDES(eventMutex);
+    // The same for one event and one request.
     static void OneDataPush(int32_t activity, const activity_event& event, int32_t pid,
                             const EnableRequestData& request, std::vector<EventResponseData>& batch)
             REQUIRES(mListMutex, eventMutex, sLastEventLock);
     // The barrier, or 0.
     static int64_t GetLastTime(uint64_t pid, uint32_t activity, uint32_t event)
             REQUIRES(eventMutex);
+
+    // Records event as the type routed last to the client for the activity; a record that stands
+    // keeps its timestamp. Always true: repeats are not held back.
+    static bool CheckRepeatedEvent(uint64_t pid, uint32_t activity, uint32_t event,
+                                   uint64_t timestamp, LastEventTable& table);
 
     // Delivers a routed batch, process by process in the order of packageNames.
     static void ActivitiesReport(const std::vector<EventResponseData>& batch) REQUIRES(mListMutex);
@@ -123,8 +127,8 @@ class ActivityInterface : public V1_1::IActivityInterface,
     SharedRecipient<ActivityInterface> mDeathRecipient;
     const activity_interface* const mImpl;
     EnableToNativeTable mEnableToNativeData GUARDED_BY(mNativeLock);
-    // Of each version 1.1 registration. One goes when its process registers again; a dead client's
-    // stays until then.
+    // One per version 1.1 registration. Only a replacement removes one, the first of its process:
+    // those of dead clients and of failed links stay.
     RecipientTable<ActivityInterface> mDeathRecipientVectorV1_1;
     Mutex mNativeLock;  // leaf lock
 
@@ -141,7 +145,7 @@ class ActivityInterface : public V1_1::IActivityInterface,
     // Every process that ever had a routed event, in order of appearance. Never pruned: version 1.0
     // clients get a list for each, also the dead ones.
     static ClientList packageNames GUARDED_BY(mListMutex);
-    // Unguarded: objects are made and dropped by the root object alone.
+    // Unguarded: only the root object makes instances, one at a time.
     static bool sInterfaceExists;
     static const activity_callbacks sActCb;
 };

@@ -10,6 +10,25 @@
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
 
+namespace {
+
+// Makes a side on its first request. *side stays NULL when the module doesn't offer it or memory is
+// short. notOffered: the log's format, of the method.
+template <typename Slot, typename Side>
+void MakeOnce(activity_recognition_device* device, Slot slot, sp<Side>* side,
+              const char* notOffered, const char* method, const char* noMemory) {
+    if (*side != nullptr) return;
+    const auto* impl = (device->*slot)(device);
+    if (impl == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, notOffered, method);
+        return;
+    }
+    *side = new (std::nothrow) Side(impl);
+    if (*side == nullptr) __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s", noMemory);
+}
+
+}  // namespace
+
 ActivityRecognition::ActivityRecognition(activity_recognition_module* module,
                                          activity_recognition_device* device)
     : mDevice(device), mModule(module) {}
@@ -21,23 +40,9 @@ ActivityRecognition::~ActivityRecognition() {
     mModule = nullptr;
 }
 
-// Leaves *side NULL when the module doesn't offer it or memory is short.
-template <typename Slot, typename Side>
-void ActivityRecognition::MakeOnce(Slot slot, sp<Side>* side, const char* notOffered,
-                                   const char* method, const char* noMemory) {
-    if (*side != nullptr) return;
-    const auto* impl = (mDevice->*slot)(mDevice);
-    if (impl == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, notOffered, method);
-        return;
-    }
-    *side = new (std::nothrow) Side(impl);
-    if (*side == nullptr) __android_log_write(ANDROID_LOG_ERROR, LOG_TAG, noMemory);
-}
-
 Return<sp<V1_0::IActivityInterface>> ActivityRecognition::getActivityInterface() {
     ALOGI("1.1 Activity compatible 1.0");
-    (void)getActivityInterfaceV1_1().isOk();
+    (void)getActivityInterfaceV1_1().isOk();  // unchecked, a failure would end the process
     return mActivityInterface;
 }
 
@@ -48,14 +53,15 @@ Return<sp<V1_0::IEnvironmentInterface>> ActivityRecognition::getEnvironmentInter
 }
 
 Return<sp<V1_1::IActivityInterface>> ActivityRecognition::getActivityInterfaceV1_1() {
-    MakeOnce(&activity_recognition_device::get_activity_interface, &mActivityInterface,
+    MakeOnce(mDevice, &activity_recognition_device::get_activity_interface, &mActivityInterface,
              AR_FORMAT("%s ActivityInterface interface not implemented by ar HAL", ""),
              "getActivityInterfaceV1_1", "getActivityInterfaceV1_1 mActivityInterface new failed");
     return mActivityInterface;
 }
 
 Return<sp<V1_1::IEnvironmentInterface>> ActivityRecognition::getEnvironmentInterfaceV1_1() {
-    MakeOnce(&activity_recognition_device::get_environment_interface, &mEnvironmentInterface,
+    MakeOnce(mDevice, &activity_recognition_device::get_environment_interface,
+             &mEnvironmentInterface,
              AR_FORMAT("%s EnvironmentInterface interface not implemented by ar HAL", ""),
              "getEnvironmentInterfaceV1_1",
              "getEnvironmentInterfaceV1_1 mEnvironmentInterface new failed");
@@ -80,7 +86,7 @@ V1_1::IActivityRecognition* HIDL_FETCH_IActivityRecognition(const char* /*name*/
             reinterpret_cast<activity_recognition_module*>(const_cast<hw_module_t*>(module)),
             reinterpret_cast<activity_recognition_device*>(device));
     if (root == nullptr) {
-        // The device stays open.
+        // The device stays open: only a root object closes it.
         ALOGE("iface new failed");
         return nullptr;
     }

@@ -1,5 +1,5 @@
-// Clients: who is calling, and for one interface version of one side registration, death and
-// broadcast. All versions and sides have these in common; they differ in the arguments.
+// Who is calling; registration, death and broadcast for the client table of one interface version
+// of one side. Versions and sides differ in the arguments only.
 #pragma once
 
 #include <stdint.h>
@@ -33,8 +33,8 @@ using ::android::hardware::Return;
 using ::android::hardware::Void;
 using ::android::hidl::base::V1_0::IBase;
 
-// Reads the process id of the caller that this thread is serving; outside any call that is this
-// process itself. False, with *pid as it was, when the thread has no binder state.
+// Reads the process id of the caller that this thread serves; outside any call that is this process
+// itself. False, with *pid as it was, when the thread has no binder state.
 inline bool ReadCallingPid(int32_t* pid) {
     const auto* state = ::android::hardware::IPCThreadState::self();
     if (state == nullptr) return false;
@@ -48,6 +48,10 @@ inline int32_t CallingPidOrZero() {
     ReadCallingPid(&pid);
     return pid;
 }
+
+// Results of the methods that answer one.
+constexpr int32_t kSuccess = 0;
+constexpr int32_t kFailure = 1;
 
 // The key of a client in every table, and its death cookie: sign-extended.
 inline uint64_t ClientKey(int32_t pid) {
@@ -97,7 +101,7 @@ class SharedRecipient {
   private:
     friend struct ClientTableTestPeer;
 
-    Owner* const mOwner;  // has this as a member
+    Owner* const mOwner;  // the object that this is a member of
     mutable Mutex mLock;  // leaf lock
     sp<Recipient> mRecipient GUARDED_BY(mLock);
 };
@@ -130,7 +134,7 @@ class RecipientTable {
 
     ssize_t indexOf(unsigned long pid) const REQUIRES(mLock) {
         for (size_t i = 0; i < mRecipients.size(); ++i) {
-            if (mRecipients.valueAt(i) == pid) return i;
+            if (mRecipients.valueAt(i) == pid) return ssize_t(i);
         }
         return -1;
     }
@@ -144,64 +148,63 @@ template <typename Callback>
 ssize_t FindClient(const ClientTable<Callback>& clients, const sp<Callback>& callback,
                    unsigned long pid) {
     for (size_t i = 0; i < clients.size(); ++i) {
-        if (clients.keyAt(i) == callback || clients.valueAt(i) == pid) return i;
+        if (clients.keyAt(i) == callback || clients.valueAt(i) == pid) return ssize_t(i);
     }
     return -1;
 }
 
-// A client table with its lock, for the time that the lock is not held yet.
+// A client table and the mutex to take before using it.
 template <typename Callback>
-struct UnlockedClients {
+struct GuardedClients {
     Mutex& lock;
     ClientTable<Callback>& table GUARDED_BY(lock);
 };
 
 // Registers a callback under its caller's process id and links it to its death. Every outcome
 // looks the same to the client; the log tells them apart.
-//   recipient  what to link; NULL when memory is short
-//   own        where the recipient goes when it is this registration's alone; a process's later
-//              callback then replaces the earlier one. NULL when registrations share one: a
-//              process's later callback is refused.
+//   recipient      what to link; NULL when memory is short. Not looked at for a NULL callback.
+//   ownRecipients  where the recipient goes when it is this registration's alone; a process's later
+//                  callback then replaces the earlier one. NULL when registrations share one: a
+//                  process's later callback is refused.
 template <typename Owner, typename Callback>
 Return<void> Register(const sp<Callback>& callback,
                       const sp<ClientDeathRecipient<Owner>>& recipient,
-                      const UnlockedClients<Callback>& clients, const RegistrationTexts& texts,
-                      RecipientTable<Owner>* own = nullptr) {
+                      const GuardedClients<Callback>& clients, const RegistrationTexts& texts,
+                      RecipientTable<Owner>* ownRecipients = nullptr) {
     if (callback == nullptr) {
-        __android_log_write(ANDROID_LOG_ERROR, texts.tag, "invalid Callback");
+        __android_log_print(ANDROID_LOG_ERROR, texts.tag, "invalid Callback");
         return Void();
     }
     if (recipient == nullptr) {
-        __android_log_write(ANDROID_LOG_ERROR, texts.tag, texts.noRecipient);
+        __android_log_print(ANDROID_LOG_ERROR, texts.tag, "%s", texts.noRecipient);
         return Void();
     }
     int32_t callingPid = texts.pidWithoutCaller;
     if (!ReadCallingPid(&callingPid)) {
-        __android_log_write(ANDROID_LOG_ERROR, texts.tag, texts.noCaller);
+        __android_log_print(ANDROID_LOG_ERROR, texts.tag, "%s", texts.noCaller);
     }
     const unsigned long pid = ClientKey(callingPid);
 
     Mutex::Autolock lock(clients.lock);
     const ssize_t known = FindClient(clients.table, callback, pid);
     if (known >= 0) {
-        if (own == nullptr || clients.table.keyAt(known) == callback) {
+        if (ownRecipients == nullptr || clients.table.keyAt(known) == callback) {
             __android_log_print(ANDROID_LOG_INFO, texts.tag, texts.refused, pid);
             return Void();
         }
-        // The old callback stays linked: its notice will find nothing to remove.
+        // The old callback stays linked; its notice no longer finds this entry.
         clients.table.removeItemsAt(known);
-        own->remove(pid);
+        ownRecipients->remove(pid);
         __android_log_print(ANDROID_LOG_INFO, texts.tag, texts.replaced, pid);
     }
-    // Before linking: a notice may come at once and looks there. It stays when linking fails, until
-    // the process registers again.
-    if (own != nullptr) own->add(recipient, pid);
+    // Before linking: a notice may come at once and looks it up here. It stays when linking fails.
+    if (ownRecipients != nullptr) ownRecipients->add(recipient, pid);
     const Return<bool> linked = callback->linkToDeath(recipient, pid);
     if (!linked.isOk()) {
         __android_log_print(ANDROID_LOG_ERROR, texts.tag, texts.linkFailed,
                             linked.description().c_str());
     } else if (!linked) {
-        __android_log_write(ANDROID_LOG_WARN, texts.tag, texts.linkRefused);
+        __android_log_print(ANDROID_LOG_WARN, texts.tag, "%s", texts.linkRefused);
     } else {
         clients.table.add(callback, pid);
         __android_log_print(ANDROID_LOG_DEBUG, texts.tag, texts.linked, pid,
@@ -213,12 +216,13 @@ Return<void> Register(const sp<Callback>& callback,
 // As above, with the recipient that registrations share, which is not made for a NULL callback.
 template <typename Owner, typename Callback>
 Return<void> Register(const sp<Callback>& callback, SharedRecipient<Owner>& shared,
-                      const UnlockedClients<Callback>& clients, const RegistrationTexts& texts) {
+                      const GuardedClients<Callback>& clients, const RegistrationTexts& texts) {
     return Register<Owner>(callback, callback == nullptr ? nullptr : shared.getOrMake(), clients,
                            texts);
 }
 
-// Whether there was such a link is nobody's concern.
+// Whether there was such a link is nobody's concern. isOk(): a result that nobody looks at ends the
+// process.
 inline void Unlink(const sp<IBase>& object,
                    const sp<::android::hardware::hidl_death_recipient>& recipient) {
     (void)object->unlinkToDeath(recipient).isOk();
@@ -232,7 +236,7 @@ ssize_t FindDeadClient(const ClientTable<Callback>& clients, const wp<IBase>& wh
     for (size_t i = 0; i < clients.size(); ++i) {
         const sp<Callback>& callback = clients.keyAt(i);
         if (callback == nullptr ? nobody : !nobody && who.get_refs() == callback->getWeakRefs()) {
-            return i;
+            return ssize_t(i);
         }
     }
     return -1;
@@ -254,8 +258,8 @@ void RemoveDeadClient(const wp<IBase>& who, ClientTable<CallbackV1_1>& clientsV1
         __android_log_print(ANDROID_LOG_INFO, texts.tag, texts.removedV1_0,
                             static_cast<int>(clientsV1_0.size()));
     } else {
-        // Of version 1.0 alone, whatever was found above.
-        __android_log_write(ANDROID_LOG_INFO, texts.tag, "finish");
+        // Says only that version 1.0 had no match, whatever was found above.
+        __android_log_print(ANDROID_LOG_INFO, texts.tag, "finish");
     }
 }
 

@@ -72,9 +72,22 @@ constexpr QueryTexts kCurrentV1_1 = {
         "getCurrentEnvironmentV1_1",
 };
 
+// Calls a slot with the arguments and the native form of params. A name that is too long is refused
+// in the words of a missing table; clients learn that the module refused, not with which code.
+// refusal: the log's format, of the method.
+template <typename Slot, typename... Arguments>
+int32_t Control(const environment_interface* impl, Slot slot, const char* refusal,
+                const char* method, const OtherParams& params, Arguments... arguments) {
+    if (impl == nullptr || !NameFits(params)) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, refusal, method);
+        return kFailure;
+    }
+    const other_params native = ToNativeParams(params);
+    return (impl->*slot)(arguments..., &native) == 0 ? kSuccess : kFailure;
+}
+
 }  // namespace
 
-// At unload they go in reverse.
 Mutex EnvironmentInterface::mListMutex;
 ClientTable<V1_1::IEnvironmentChangedCallback> EnvironmentInterface::mClientVectorV1_1;
 ClientTable<V1_0::IEnvironmentChangedCallback> EnvironmentInterface::mClientVectorV1_0;
@@ -122,29 +135,16 @@ void EnvironmentInterface::HandleHidlDeath(uint64_t cookie, const wp<IBase>& who
     RemoveDeadClient(who, mClientVectorV1_1, mClientVectorV1_0, kDeath);
 }
 
-// A name that is too long is refused in the words of a missing table. Clients learn that the module
-// refused, not with which code.
-template <typename Slot, typename... Arguments>
-int32_t EnvironmentInterface::Control(Slot slot, const char* refusal, const char* method,
-                                      const OtherParams& params, Arguments... arguments) {
-    if (mImpl == nullptr || !NameFits(params)) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, refusal, method);
-        return 1;
-    }
-    const other_params native = ToNativeParams(params);
-    return (mImpl->*slot)(arguments..., &native) == 0 ? 0 : 1;
-}
-
 Return<int32_t> EnvironmentInterface::initEnvironment(uint32_t environment,
                                                       const OtherParams& params) {
-    return Control(&environment_interface::init_environment,
+    return Control(mImpl, &environment_interface::init_environment,
                    AR_FORMAT("%s: initEnvironment mImpl interface is not available", ""),
                    "initEnvironment", params, environment);
 }
 
 Return<int32_t> EnvironmentInterface::exitEnvironment(uint32_t environment,
                                                       const OtherParams& params) {
-    return Control(&environment_interface::exit_environment,
+    return Control(mImpl, &environment_interface::exit_environment,
                    AR_FORMAT("%s: exitEnvironment mImpl interface is not available", ""),
                    "exitEnvironment", params, environment);
 }
@@ -152,7 +152,7 @@ Return<int32_t> EnvironmentInterface::exitEnvironment(uint32_t environment,
 Return<int32_t> EnvironmentInterface::enableEnvironment(uint32_t environment, uint32_t eventType,
                                                         int64_t reportLatencyNs,
                                                         const OtherParams& params) {
-    return Control(&environment_interface::enable_environment,
+    return Control(mImpl, &environment_interface::enable_environment,
                    AR_FORMAT("%s: enableEnvironment mImpl interface is not available", ""),
                    "enableEnvironment", params, environment, eventType, reportLatencyNs);
 }
@@ -160,9 +160,9 @@ Return<int32_t> EnvironmentInterface::enableEnvironment(uint32_t environment, ui
 Return<int32_t> EnvironmentInterface::disableEnvironment(uint32_t environment, uint32_t eventType) {
     if (mImpl == nullptr) {
         ALOGE("%s: mImpl interface is not available", "disableEnvironment");
-        return 1;
+        return kFailure;
     }
-    return mImpl->disable_environment(environment, eventType) == 0 ? 0 : 1;
+    return mImpl->disable_environment(environment, eventType) == 0 ? kSuccess : kFailure;
 }
 
 void EnvironmentInterface::EnvChangedCb(const ar_context_event* events, int count) {

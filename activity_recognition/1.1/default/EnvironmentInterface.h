@@ -7,7 +7,7 @@
 //
 // Threads and locks: as on the activity side, with one mListMutex of its own and a leaf lock.
 //
-// Spelling and levels of the log texts, and the numbers in them, are as log readers match them.
+// Log texts, levels and the numbers in them are fixed, misspellings included: tools match on them.
 #pragma once
 
 #include <stdint.h>
@@ -26,12 +26,12 @@ namespace V1_1 { namespace implementation {
 
 class EnvironmentInterface : public V1_1::IEnvironmentInterface {
   public:
-    // impl: the module's table, not owned, valid for the process's life; NULL makes an object whose
-    // operations fail one by one. A second instance while one lives ends the process.
+    // impl: the module's table, not owned, valid for the process's life; with NULL each operation
+    // that needs the module fails on its own. A second instance while one lives ends the process.
     explicit EnvironmentInterface(const environment_interface* impl);
     ~EnvironmentInterface() override;
 
-    // What a client's death is linked with; it hands on the notice.
+    // Linked to a client's death; forwards the notice to HandleHidlDeath.
     using RemoteListenerHidlDeathRecipient = ClientDeathRecipient<EnvironmentInterface>;
     // cookie: the process id given at registration. who: the dead callback.
     void HandleHidlDeath(uint64_t cookie, const wp<IBase>& who) EXCLUDES(mListMutex);
@@ -53,11 +53,6 @@ class EnvironmentInterface : public V1_1::IEnvironmentInterface {
   private:
     friend struct EnvironmentInterfaceTestPeer;
 
-    // One control call with parameters. refusal: the log's format, of the method's name.
-    template <typename Slot, typename... Arguments>
-    int32_t Control(Slot slot, const char* refusal, const char* method, const OtherParams& params,
-                    Arguments... arguments);
-
     // What the module calls; 1 to ACTIVITY_RECOGNITION_MAX_EVENTS records, read during the call.
     static void EnvChangedCb(const ar_context_event* events, int count) EXCLUDES(mListMutex);
     static void env_extend_changed_cb_v1_0(const std::vector<ActivityEventExtend>& events)
@@ -71,7 +66,7 @@ class EnvironmentInterface : public V1_1::IEnvironmentInterface {
     static Mutex mListMutex;
     static ClientTable<V1_1::IEnvironmentChangedCallback> mClientVectorV1_1 GUARDED_BY(mListMutex);
     static ClientTable<V1_0::IEnvironmentChangedCallback> mClientVectorV1_0 GUARDED_BY(mListMutex);
-    // Unguarded: objects are made and dropped by the root object alone.
+    // Unguarded: only the root object makes instances, one at a time.
     static bool sInterfaceExists;
     static const environment_callbacks sEnvCb;
 };

@@ -1,9 +1,11 @@
 // A table in insertion order that is also found by key.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -20,13 +22,13 @@ struct KeyHash {
     }
     template <typename First, typename Second>
     size_t operator()(const std::pair<First, Second>& key) const {
-        return (*this)((*this)(key.first) + (*this)(key.second));
+        return (*this)((*this)(key.first) * 31 + (*this)(key.second));
     }
 };
 
 // A vector that also finds the records of a key without walking the others. It keeps insertion
-// order; a removal closes the gap. The index is made when it is asked for: appending keeps it,
-// removing drops it. So a table that only clients' requests touch costs no more than a vector.
+// order; a removal closes the gap. The index is built by the first look-up after a removal, so
+// requests between two deliveries pay for a vector only.
 //
 // KeyOf: a function object from a record to its key, a number or a pair of keys. What the key is
 // made of never changes while the record stands in the table. Locks nothing: its owner's lock
@@ -53,13 +55,10 @@ class IndexedTable {
         dropIndex();
     }
 
-    // Removes every record of a client, keeping the order of the others.
-    void eraseClient(uint64_t pid) {
-        size_t kept = 0;
-        for (const Record& record : mRecords) {
-            if (record.pid != pid) mRecords[kept++] = record;
-        }
-        mRecords.resize(kept);
+    // Removes every record that drop answers true for, keeping the order of the others.
+    template <typename Drop>
+    void eraseIf(const Drop& drop) {
+        mRecords.erase(std::remove_if(mRecords.begin(), mRecords.end(), drop), mRecords.end());
         dropIndex();
     }
 

@@ -9,8 +9,8 @@
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
 
-// A format of a row, which the compiler holds against arguments of the types that it is printed
-// with. The arguments themselves are not used.
+// A format string, which the compiler checks against sample arguments of the types that it will be
+// printed with.
 #define AR_FORMAT(format, ...) \
     (false ? static_cast<void>(snprintf(nullptr, 0, format, __VA_ARGS__)) : void(), format)
 
@@ -42,7 +42,7 @@ struct BroadcastTexts {
     const char* function;
 };
 
-// What a query says that cannot be answered.
+// What a query that cannot be answered says.
 struct QueryTexts {
     const char* tag;
     const char* noTable;   // method

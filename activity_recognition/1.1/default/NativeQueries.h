@@ -2,6 +2,7 @@
 // sides and versions answer alike.
 #pragma once
 
+#include <memory>
 #include <new>
 
 #include <hidl/HidlSupport.h>
@@ -33,17 +34,16 @@ template <typename Native, typename Answer>
         answer(hidl_vec<hidl_string>());
         return ::android::hardware::Void();
     }
-    hidl_string* names = new (std::nothrow) hidl_string[count];
+    const std::unique_ptr<hidl_string[]> names(new (std::nothrow) hidl_string[count]);
     if (names == nullptr) {
         // The one path without an answer. The generated stub ends the process on it.
-        __android_log_write(ANDROID_LOG_ERROR, texts.tag, texts.noMemory);
+        __android_log_print(ANDROID_LOG_ERROR, texts.tag, "%s", texts.noMemory);
         return ::android::hardware::Void();
     }
     for (int i = 0; i < count; ++i) names[i] = list[i];
     hidl_vec<hidl_string> result;
-    result.setToExternal(names, count);
+    result.setToExternal(names.get(), count);
     answer(result);
-    delete[] names;
     return ::android::hardware::Void();
 }
 

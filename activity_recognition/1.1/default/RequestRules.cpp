@@ -10,11 +10,12 @@ bool IsOfPair(const Record& record, uint32_t activity, uint32_t event) {
     return record.activity == activity && record.event == event;
 }
 
-// Walks: these run once per client call, and leave the index to delivery.
+// Walks: each of these calls changes the table, and a look-up by key would build the index for one
+// use.
 template <typename Table>
 int32_t IndexOf(const Table& table, uint64_t pid, uint32_t activity, uint32_t event) {
     for (size_t i = 0; i < table.size(); ++i) {
-        if (table[i].pid == pid && IsOfPair(table[i], activity, event)) return i;
+        if (table[i].pid == pid && IsOfPair(table[i], activity, event)) return int32_t(i);
     }
     return -1;
 }

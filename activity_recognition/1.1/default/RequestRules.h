@@ -21,9 +21,9 @@ struct RequestRules {
     // Whole units of LATENCY_GRANULARITY_NS, at least one. Unsigned: a negative latency counts as
     // a huge one.
     static uint64_t RoundNumbers(uint64_t latencyNs);
-    // 0 or -1.
+    // 0 when valid, else -1.
     static int32_t ValidActivityEventExtend(uint32_t event, int32_t pid, const OtherParams& params);
-    // Whether the parameters say that nobody need wake up: exactly 1.0, 0.0, 0.0, 0.0.
+    // Whether the client asks not to be woken: exactly 1.0, 0.0, 0.0, 0.0.
     static bool IsNoWake(const OtherParams& params);
     // The same of a standing request. The name says the opposite of what it answers.
     static bool IsRequestWake(const EnableRequestData& request);

@@ -20,13 +20,14 @@ struct EnableRequestData {
     uint64_t pid;
     uint32_t activity;
     uint32_t event;            // 1 or 2
-    int64_t reportLatencyNs;   // whole seconds, or NO_WAKE_REPORT_LATENCY_NS
+    int64_t reportLatencyNs;   // as RoundNumbers leaves it, or NO_WAKE_REPORT_LATENCY_NS
     other_params otherParams;  // all zero for a version 1.0 request
 };
 static_assert(sizeof(EnableRequestData) == 88, "EnableRequestData changed size");
 static_assert(offsetof(EnableRequestData, otherParams) == 24, "EnableRequestData changed");
 
-// The time before which a client that joined an enabled pair wants no events of it.
+// A barrier: the time of the last record that the module called current when the client joined the
+// pair, 0 when it answered a negative count. Delivery drops older events of the pair.
 struct FirstReport {
     uint64_t pid;
     uint32_t activity;
@@ -47,7 +48,8 @@ struct EnableToNativeData {
 };
 static_assert(sizeof(EnableToNativeData) == 28, "EnableToNativeData changed size");
 
-// One plain event on its way to one client; also the last event that a client was sent.
+// One plain event on its way to one client. In the last-event table: event is the type routed last,
+// timestamp that of the first.
 struct EventResponseData {
     uint64_t pid;
     uint32_t activity;
@@ -61,7 +63,7 @@ static_assert(offsetof(EventResponseData, extra) == 88, "EventResponseData chang
 
 #pragma pack(pop)
 
-// A routed event as its client sees it.
+// A routed event between the batch and the client records.
 struct ZqActivityRecognitionExtEvent {
     uint32_t activity;
     uint32_t event;

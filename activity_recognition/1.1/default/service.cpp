@@ -15,15 +15,17 @@ namespace {
 
 constexpr char kInstance[] = "default";
 
-// One client's slow callback holds up one thread; the others serve on meanwhile.
+// While a delivery waits for a slow client, each registration waits with it and holds a thread;
+// calls on the others go on.
 constexpr size_t kThreads = 4;
 
 }  // namespace
 
 int main() {
-    ::android::hardware::configureRpcThreadpool(kThreads, true /* callerWillJoin */);
+    ::android::hardware::configureRpcThreadpool(kThreads, /*callerWillJoin=*/true);
 
-    const sp<IActivityRecognition> root = IActivityRecognition::getService(kInstance, true);
+    const sp<IActivityRecognition> root =
+            IActivityRecognition::getService(kInstance, /*getStub=*/true);
     if (root == nullptr) {
         ALOGE("No implementation of %s: library or native module missing, see above",
               IActivityRecognition::descriptor);
