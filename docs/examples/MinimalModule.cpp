@@ -1,3 +1,4 @@
+// MinimalModule.cpp: the smallest native module that keeps all rules of docs/writing-a-module.md.
 #include <errno.h>
 #include <string.h>
 

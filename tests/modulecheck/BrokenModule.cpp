@@ -36,7 +36,7 @@ struct State {
     bool running = false;
     std::thread worker;
     const activity_callbacks* callbacks = nullptr;
-    std::set<std::pair<uint32_t, uint32_t>> enabled, everEnabled;
+    std::set<std::pair<uint32_t, uint32_t>> enabled;
     const other_params* kept = nullptr;
     std::atomic<int> callers{0};
     int64_t time = 1;
@@ -44,9 +44,8 @@ struct State {
 State& s = *new State;
 
 void deliver(std::unique_lock<std::mutex>& lock, bool withExtended) {
-    const auto callbacks = s.callbacks;
     if (s.kept != nullptr && s.kept->params[0] == 3) return;
-    auto pairs = breaks("event.disabled") ? s.everEnabled : s.enabled;
+    auto pairs = s.enabled;
     if (breaks("event.enabled") && !pairs.empty()) pairs.insert({1, 2});
     std::vector<activity_event> plain;
     std::vector<ar_context_event> extended;
@@ -59,16 +58,17 @@ void deliver(std::unique_lock<std::mutex>& lock, bool withExtended) {
         if (breaks("event.name")) memset(event.name, 'n', sizeof(event.name));
         extended.push_back(event);
     }
-    if (plain.empty() || callbacks == nullptr) return;
+    if (plain.empty()) return;
     if (breaks("event.count")) plain.resize(193, plain[0]);
     if (!breaks("reentry.calls")) lock.unlock();
     {
         std::unique_lock<std::mutex> delivery(s.delivery, std::defer_lock);
         if (breaks("threads.blocked")) delivery.lock();
-        callbacks->activity_changed(breaks("event.array") ? nullptr : plain.data(),
-                                    static_cast<int>(plain.size()));
+        s.callbacks->activity_changed(breaks("event.array") ? nullptr : plain.data(),
+                                      static_cast<int>(plain.size()));
         if (withExtended)
-            callbacks->activity_extend_changed(extended.data(), static_cast<int>(extended.size()));
+            s.callbacks->activity_extend_changed(extended.data(),
+                                                 static_cast<int>(extended.size()));
     }
     if (!lock.owns_lock()) lock.lock();
 }
@@ -107,7 +107,6 @@ int enable(uint32_t activity, uint32_t event_type, int64_t) {
     }
     std::lock_guard<std::mutex> lock(s.lock);
     s.enabled.insert({activity, event_type});
-    s.everEnabled.insert({activity, event_type});
     return 0;
 }
 
@@ -140,7 +139,7 @@ int get_current(ar_context_event** events) {
 int disable(uint32_t activity, uint32_t event_type) {
     if (breaks("close.tables") && !s.worker.joinable()) abort();
     std::lock_guard<std::mutex> lock(s.lock);
-    s.enabled.erase({activity, event_type});
+    if (!breaks("event.disabled")) s.enabled.erase({activity, event_type});
     return 0;
 }
 
@@ -175,12 +174,9 @@ int open_device(const hw_module_t*, const char* id, hw_device_t** device) {
     sDevice.common.tag = breaks("device.tag") ? 0 : HARDWARE_DEVICE_TAG;
     sDevice.common.close = close_device;
     if (breaks("table.slots")) sTable.get_current_activity = nullptr;
-    sDevice.get_activity_interface = [](activity_recognition_device*) -> const activity_interface* {
-        return &sTable;
-    };
-    sDevice.get_environment_interface =
-            [](activity_recognition_device*) -> const environment_interface* {
-        return breaks("device.tables") ? wild<environment_interface>() : nullptr;
+    sDevice.get_activity_interface = [](auto*) -> const activity_interface* { return &sTable; };
+    sDevice.get_environment_interface = [](auto*) {
+        return breaks("device.tables") ? wild<const environment_interface>() : nullptr;
     };
     *device = &sDevice.common;
     std::lock_guard<std::mutex> lock(s.lock);
@@ -189,16 +185,16 @@ int open_device(const hw_module_t*, const char* id, hw_device_t** device) {
     return 0;
 }
 
+hw_module_t makeModule() {
+    hw_module_t module = {};
+    sMethods.open = open_device;
+    module.tag = breaks("module.tag") ? HARDWARE_DEVICE_TAG : HARDWARE_MODULE_TAG;
+    module.id = breaks("module.id") ? "sensors" : ACTIVITY_RECOGNITION_HARDWARE_MODULE_ID;
+    module.methods = &sMethods;
+    return module;
+}
+
 }  // namespace
 
 extern "C" hw_module_t HMI;
-hw_module_t HMI = {};
-
-namespace {
-__attribute__((constructor)) void fillModule() {
-    sMethods.open = open_device;
-    HMI.tag = breaks("module.tag") ? HARDWARE_DEVICE_TAG : HARDWARE_MODULE_TAG;
-    HMI.id = breaks("module.id") ? "sensors" : ACTIVITY_RECOGNITION_HARDWARE_MODULE_ID;
-    HMI.methods = &sMethods;
-}
-}  // namespace
+hw_module_t HMI = makeModule();

@@ -1,11 +1,11 @@
 // The suite that integrators run on a device, against the service and the simulator.
 #include "ProcessTest.h"
 
-namespace {
-
+constexpr char kSuite[] = "VtsHalActivityRecognitionV1_1TargetTest";
 constexpr char kLoop[] = R"(
 activities    still walking running
 environments  home office
+speed 20
 loop  2
 0     activity     walking  1  extra=1
 0.2   activity     walking  2  extra=2
@@ -15,26 +15,20 @@ loop  2
 1     activity     walking  1  extra=8
 )";
 
-}  // namespace
-
 TEST(FunctionalSuite, PassesAgainstTheServiceInAProcessOfItsOwn) {
-    support::Stage folder;
-    support::StageSetup setup;
-    setup.scenario = folder.write("loop.scn", kLoop);
-    setup.speed = "20";
-    support::Stage stage(setup);
+    Stage files;
+    Stage stage(playing(files.write("loop.scn", kLoop)));
     stage.startService();
     stage.serving();
-    const auto suite = stage.program("VtsHalActivityRecognitionV1_1TargetTest", {"--simulator"});
+    const auto suite = stage.program(kSuite, {"--simulator"});
     const int status = suite->waitExit(std::chrono::seconds(110));
     fmt::print("{}", suite->out().text());  // the report names each case
     EXPECT_EQ(0, status) << suite->err().text();
-    EXPECT_EQ(std::string::npos, suite->out().text().find("SKIPPED"));
+    EXPECT_THAT(suite->out().text(), ::testing::Not(HasSubstr("SKIPPED")));
     EXPECT_FALSE(stage.service().hasEnded());
 }
 
 TEST(FunctionalSuite, FailsWhenNobodyServes) {
-    support::Stage stage;
-    const auto suite = stage.program("VtsHalActivityRecognitionV1_1TargetTest", {});
-    EXPECT_EQ(1, suite->waitExit());
+    Stage stage;
+    EXPECT_EQ(1, stage.program(kSuite, {})->waitExit());
 }

@@ -1,13 +1,25 @@
 // What the tests of real processes share. Helpers throw past their deadlines, which fails the test
-// with the output of whoever was waited for.
+// with the output of whoever was waited for. What a story of many clients shows stands in the demo,
+// which is a test of its own.
 #pragma once
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <stage/Stage.h>
 
+#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
+
+using support::Client;
+using support::Process;
+using support::Stage;
+using support::StageSetup;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+using Calls = std::vector<std::string>;
 
 // Two activities and two environments; nothing happens before "go".
 constexpr char kScenario[] = R"(
@@ -18,42 +30,52 @@ wait  go
 0.01  activity     still    2  extra=12
 0.02  extended     walking  1  extra=13 value=14 name=stride data=1,2,3,4
 0.03  environment  home     1  extra=15 value=16 name=kitchen
-wait  more
-1     activity     walking  1  extra=21
-1.01  activity     still    2  extra=22
-1.02  environment  home     1  extra=25 value=26
 )";
+
+inline StageSetup playing(const std::string& scenarioPath) {
+    StageSetup setup;
+    setup.scenario = scenarioPath;
+    return setup;
+}
 
 class ProcessTest : public ::testing::Test {
   protected:
-    using Stage = support::Stage;
-    using Client = support::Client;
-    using Arguments = std::vector<std::string>;
-
     void SetUp() override {
-        mScenarioStage = std::make_unique<Stage>();
-        support::StageSetup setup;
-        setup.scenario = mScenarioStage->write("test.scn", kScenario);
-        mStage = std::make_unique<Stage>(setup);
-        mStage->startService();
-        mStage->serving();
+        mStage.startService();
+        mStage.serving();
     }
 
-    Stage& stage() { return *mStage; }
+    Stage& stage() { return mStage; }
 
+    // Command lines are split at blanks.
+    static std::vector<std::string> words(const std::string& line) {
+        std::istringstream stream(line);
+        return {std::istream_iterator<std::string>(stream), {}};
+    }
+    // A client that has enabled what it wants.
+    std::unique_ptr<Client> ready(const std::string& line) {
+        return mStage.readyClient(words(line));
+    }
     // Runs a command to its end.
-    std::unique_ptr<Client> run(const Arguments& arguments, int expectedStatus = 0) {
-        auto client = stage().client(arguments);
+    std::unique_ptr<Client> run(const std::string& line, int expectedStatus = 0) {
+        auto client = mStage.client(words(line));
         EXPECT_EQ(expectedStatus, client->process().waitExit()) << client->process().describe();
         return client;
     }
+    // A program that has printed its first line.
+    std::unique_ptr<Process> speaking(const std::string& program, const std::string& line) {
+        auto process = mStage.program(program, words(line));
+        support::require([&] { return !process->out().lines().empty(); }, "the first line",
+                         [&] { return process->describe(); });
+        return process;
+    }
 
-    // What the module was told since the last look: "enable 1:1 5s", "extend 1:1 5s 1,0,0,0 name",
-    // "disable 1:1", "current", "flush", "env-enable 0:1 ...".
-    std::vector<std::string> told() {
+    // What the module was told since the last look, such as "enable 1 1 5000000000",
+    // "extend 1 1 1000000000 [1,0,0,0] \"name\"", "disable 1 1" or "env-init 0 [0,0,0,0] \"\"".
+    Calls told() {
         support::drainOutput();
-        std::vector<std::string> calls;
-        const auto& trace = stage().native();
+        Calls calls;
+        const auto& trace = mStage.native();
         for (; mTold < trace.size(); ++mTold) {
             const std::string call = shorten(trace[mTold]);
             if (!call.empty()) calls.push_back(call);
@@ -61,44 +83,31 @@ class ProcessTest : public ::testing::Test {
         return calls;
     }
 
-  private:
-    static std::string shorten(const nlohmann::json& line) {
-        const std::string slot = line.at("native");
-        static const std::map<std::string, std::string> kShort{
-                {"enable_activity_event", "enable"},
-                {"enable_activity_event_extend", "extend"},
-                {"disable_activity_event", "disable"},
-                {"get_current_activity", "current"},
-                {"flush", "flush"},
-                {"init_environment", "env-init"},
-                {"exit_environment", "env-exit"},
-                {"enable_environment", "env-enable"},
-                {"disable_environment", "env-disable"},
-        };
-        const auto known = kShort.find(slot);
-        if (known == kShort.end()) return "";
-        std::string text = known->second;
-        for (const char* key : {"activity", "environment"}) {
-            if (line.count(key)) text += fmt::format(" {}", line.at(key).get<uint32_t>());
-        }
-        if (line.count("event_type")) {
-            text += fmt::format(":{}", line.at("event_type").get<uint32_t>());
-        }
-        if (line.count("latency_ns")) {
-            text += fmt::format(" {}s", line.at("latency_ns").get<int64_t>() / 1e9);
-        }
-        if (line.count("params")) {
-            const std::vector<double> params = line.at("params");
-            text += fmt::format(" {} '{}'", fmt::join(params, ","),
-                                line.at("name").get<std::string>());
-        }
-        if (line.count("result") && known->second != "current" && line.at("result") != 0) {
-            text += fmt::format(" = {}", line.at("result").get<int>());
-        }
-        return text;
+    static void killHard(Process& process) {
+        process.signal(SIGKILL);
+        EXPECT_EQ(128 + SIGKILL, process.waitExit());
     }
 
-    std::unique_ptr<Stage> mScenarioStage;  // only a folder
-    std::unique_ptr<Stage> mStage;
+  private:
+    static std::string shorten(const nlohmann::json& line) {
+        static const std::regex kSlots(
+                "(enable|disable|init|exit)_(activity_event|environment)(_extend)?|flush");
+        const std::string slot = line.at("native");
+        std::smatch parts;
+        if (!std::regex_match(slot, parts, kSlots)) return "";
+        std::string text = parts[2] == "environment" ? "env-" + parts.str(1)
+                           : parts[3].matched        ? "extend"
+                           : parts[1].matched        ? parts.str(1)
+                                                     : slot;
+        for (const char* key :
+             {"activity", "environment", "event_type", "latency_ns", "params", "name"}) {
+            if (line.count(key)) text += " " + line.at(key).dump();
+        }
+        const int result = line.at("result");
+        return result < 0 ? fmt::format("{} = {}", text, result) : text;
+    }
+
+    Stage mFiles;  // only a folder
+    Stage mStage{playing(mFiles.write("test.scn", kScenario))};
     size_t mTold = 0;
 };

@@ -1,10 +1,9 @@
 #!/usr/bin/env python3
 """Holds what a device tree relies on and no compiler here would notice.
 
-    check_tree.py --build DIR CHECK...     one line per finding; exit status 1 if there is any
+    check_tree.py BUILD CHECK...     one line per finding; exit status 1 if there is any
 """
 
-import argparse
 import ast
 import itertools
 import os
@@ -20,8 +19,6 @@ DEFAULT = TREE / "activity_recognition/1.1/default"
 DEVICE = [DEFAULT, DEFAULT.parent / "vts/functional", TREE / "activity_recognition/native/simulator"]
 PACKAGE = "vendor.zaltho.hardware.activity_recognition"
 SERVICE = f"{PACKAGE}@1.1-service"
-BINARY = f"/vendor/bin/hw/{SERVICE}"
-IMPLEMENTATION = f"{PACKAGE}@1.1-impl"
 
 # What the modules here take from the rest of an Android 9 tree.
 PLATFORM_MODULES = {
@@ -32,30 +29,24 @@ PLATFORM_MODULES = {
     "libcli11_headers", "libfmt_headers", "libnlohmann_json_headers",
 }
 
-# Which library an include needs; the first match counts.
-LIBRARIES = [
-    (r"hidl/(HidlTransport\w+|LegacySupport|ServiceManagement)\.h", "libhidltransport"),
-    (r"hidl/.*", "libhidlbase"),
-    (r"hwbinder/.*", "libhwbinder"),
-    (r"hardware/.*", "libhardware"),
-    (r"android-base/.*", "libbase"),
-    (r"utils/.*", "libutils"),
-    (r"cutils/.*", "libcutils"),
-    (r"log/.*|android/log\.h", "liblog"),
-    (rf"{PACKAGE.replace('.', '/')}/([\d.]+)/.*", rf"{PACKAGE}@\1"),
-]
-
-# The platform's headers that sources for the device may include besides those of C, C++ and POSIX.
-# By name: a header that only the host has must not pass because it sits in a folder of the platform.
-PLATFORM_HEADERS = re.compile(
-    r"android-base/unique_fd\.h|android/log\.h|log/log\.h|cutils/trace\.h|gtest/gtest\.h|"
-    r"hardware/hardware\.h|"
-    r"android/hidl/(base|manager)/1\.0/\w+\.h|zaltho/activity_recognition_native\.h|"
-    r"hidl/(HidlSupport|HidlTransportSupport|LegacySupport|MQDescriptor|ServiceManagement|Status)\.h|"
-    r"hwbinder/(IPCThreadState|ProcessState)\.h|"
-    r"utils/(Errors|KeyedVector|Log|Mutex|RefBase|SortedVector|StrongPointer|Timers|Vector)\.h|"
-    rf"{PACKAGE.replace('.', '/')}/1\.[01]/\w+\.h")
-STANDARD_HEADERS = re.compile(r"[a-z_0-9]+(\.h)?|sys/\w+\.h|linux/\w+\.h")
+# The platform's headers that sources for the device may include besides those of C, C++ and POSIX,
+# and the library that each needs. By name: a header that only the host has must not pass because it
+# sits in a folder of the platform.
+PLATFORM_HEADERS = {
+    r"hidl/(HidlTransportSupport|ServiceManagement)\.h": "libhidltransport",
+    r"hidl/(HidlSupport|MQDescriptor|Status)\.h": "libhidlbase",
+    r"hwbinder/(IPCThreadState|ProcessState)\.h": "libhwbinder",
+    r"hardware/hardware\.h": "libhardware",
+    r"utils/(Errors|KeyedVector|Log|Mutex|RefBase|SortedVector|StrongPointer|Timers|Vector)\.h":
+        "libutils",
+    r"cutils/trace\.h": "libcutils",
+    r"android-base/unique_fd\.h": "libbase",
+    r"log/log\.h|android/log\.h": "liblog",
+    rf"{PACKAGE.replace('.', '/')}/(1\.[01])/\w+\.h": rf"{PACKAGE}@\1",
+    r"android/hidl/(base|manager)/1\.0/\w+\.h|gtest/gtest\.h|zaltho/activity_recognition_native\.h":
+        None,
+}
+STANDARD_HEADERS = r"[a-z_0-9]+(\.h)?|sys/\w+\.h|linux/\w+\.h"
 
 findings = []
 
@@ -147,11 +138,10 @@ def check_libraries(path, properties):
         for quote, name in includes(source):
             if quote == '"':
                 waiting += [source.parent / name, path.parent / name]
-            for pattern, library in LIBRARIES:
-                match = re.fullmatch(pattern, name)
+            for pattern, library in PLATFORM_HEADERS.items():
+                match = library and re.fullmatch(pattern, name)
                 if match:
                     wanted.add(match.expand(library))
-                    break
     # A generated interface header brings these in by itself.
     implied = {"libhidlbase", "libhidltransport", "libutils", f"{PACKAGE}@1.0"}
     if any(name.startswith(PACKAGE) for name in wanted):
@@ -176,8 +166,7 @@ def check_includes(_):
             own = (source.parent / name).resolve()
             if quote == '"' and not (own.parent == source.parent and own.exists()):
                 finding(source, f'includes "{name}", which is not its own')
-            if quote == "<" and not (PLATFORM_HEADERS.fullmatch(name)
-                                     or STANDARD_HEADERS.fullmatch(name)):
+            if quote == "<" and not re.fullmatch("|".join([STANDARD_HEADERS, *PLATFORM_HEADERS]), name):
                 finding(source, f"includes <{name}>, which is no header of the platform")
         for line in re.findall(r"^\s*#\s*(?:if|elif|ifdef|ifndef(?! [A-Z]\w+_H$))\b.*", source.read_text(), re.M):
             finding(source, f"is compiled in more than one way: {line.strip()}")
@@ -204,77 +193,37 @@ def check_language(build):
 
 def check_symbols(build):
     """The factory is all that the implementation library exports."""
-    library = build / f"hw/{IMPLEMENTATION}.so"
+    library = build / f"hw/{PACKAGE}@1.1-impl.so"
     status, output = run(os.environ.get("NM", "nm"), "-D", "--defined-only", library)
     names = [line.split()[-1] for line in output.splitlines()]
     if status or names != ["HIDL_FETCH_IActivityRecognition"]:
         finding(library, f"exports {output if status else names}")
 
 
-def check_manifests(_):
-    """The manifest, the matrix and the .rc speak of the service that Android.bp installs."""
-    def entry(name):
-        root = xml.parse(DEFAULT / name).getroot()
-        return root.tag, root.get("format"), *(
-            [e.text for e in root.findall(path)]
-            for path in ("name", "version", "interface/name", "interface/instance", "transport"))
+def check_samples(_):
+    """Manifest, .rc and policy, which no tool here reads, name what is built here."""
+    for name, version in (("manifest.xml", "1.1"), ("compatibility_matrix.xml", "1.0-1")):
+        hal = xml.parse(DEFAULT / name)
+        named = [hal.findtext(path)
+                 for path in ("name", "version", "interface/name", "interface/instance")]
+        if named != [PACKAGE, version, "IActivityRecognition", "default"]:
+            finding(DEFAULT / name, f"speaks of {named}")
+    for name, text in ((f"{SERVICE}.rc", f" /vendor/bin/hw/{SERVICE}\n"),
+                       ("sepolicy/file_contexts", f"/bin/hw/{SERVICE} ".replace(".", r"\.")),
+                       ("sepolicy/hwservice_contexts", f"{PACKAGE}::IActivityRecognition ")):
+        if text not in (DEFAULT / name).read_text():
+            finding(DEFAULT / name, f"does not name {text.strip()}")
 
-    instance = ["IActivityRecognition"], ["default"]
-    for name, expected in (
-            ("manifest.xml", ("hal", "hidl", [PACKAGE], ["1.1"], *instance, ["hwbinder"])),
-            ("compatibility_matrix.xml", ("hal", "hidl", [PACKAGE], ["1.0-1"], *instance, []))):
-        try:
-            if entry(name) != expected:
-                finding(DEFAULT / name, f"holds {entry(name)}, not {expected}")
-        except xml.ParseError as error:
-            finding(DEFAULT / name, error)
-
-    modules = {p["name"]: p for _, p in modules_of(DEFAULT / "Android.bp")}
-    rc = DEFAULT / modules[SERVICE]["init_rc"][0]
-    text = rc.read_text()
-    if not re.search(rf"^service \S+ {re.escape(BINARY)}$", text, re.M):
-        finding(rc, f"starts no {BINARY}")
-    for option in ("class hal", "user", "group"):
-        if not re.search(rf"^    {option}\b", text, re.M):
-            finding(rc, f"has no '{option}'")
+    policy = "\n".join(re.sub(r"#.*", "", p.read_text()) for p in (DEFAULT / "sepolicy").iterdir())
+    known = set(re.findall(r"^type (\w+)", policy, re.M))
+    for attribute in re.findall(r"hal_attribute\((\w+)\)", policy):
+        known |= {f"hal_{attribute}{suffix}" for suffix in ("", "_client", "_server")}
+    for name in sorted(set(re.findall(r"\bhal_zaltho\w+", policy)) - known):
+        finding(DEFAULT / "sepolicy", f"uses {name}, which no rule declares")
+    for line in re.findall(r"^(?:type|allow)\b.*[^;\n]$", policy, re.M):
+        finding(DEFAULT / "sepolicy", f"has no semicolon: {line}")
 
 
-def check_policy(_):
-    """The SELinux samples: statements that m4 and the compiler can read, names that agree."""
-    policy = {p: re.sub(r"#.*", "", p.read_text()) for p in (DEFAULT / "sepolicy").iterdir()}
-    rules = "\n".join(text for path, text in policy.items() if path.suffix == ".te")
-    attribute = re.search(r"hal_attribute\((\w+)\)", policy[DEFAULT / "sepolicy/attributes"])[1]
-    known = set(re.findall(r"^type (\w+)", rules, re.M))
-    known |= {f"hal_{attribute}{suffix}" for suffix in ("", "_client", "_server")}
-    statement = r"type \w+(, \w+)*;|allow \w+ \w+:\w+ (\w+|{[ \w]+});|\w+\(\w+(, \w+)*\)"
-    for path, text in policy.items():
-        form = statement if path.suffix == ".te" or path.name == "attributes" \
-            else r"\S+ +u:object_r:\w+:s0"
-        for line in filter(None, map(str.strip, text.splitlines())):
-            if not re.fullmatch(form, line):
-                finding(path, f"not understood: {line}")
-        for name in sorted(set(re.findall(r"\bhal_zaltho\w+", text)) - known):
-            finding(path, f"uses {name}, which no rule declares")
-    contexts = policy[DEFAULT / "sepolicy/hwservice_contexts"].split()
-    if contexts[0] != f"{PACKAGE}::IActivityRecognition":
-        finding(DEFAULT / "sepolicy/hwservice_contexts", f"labels {contexts[0]}")
-    labelled = policy[DEFAULT / "sepolicy/file_contexts"].split()[0]
-    if not re.fullmatch(labelled, BINARY):
-        finding(DEFAULT / "sepolicy/file_contexts", f"{labelled} does not match {BINARY}")
-
-
-def main():
-    checks = {name[6:]: function for name, function in globals().items()
-              if name.startswith("check_") and name != "check_libraries"}
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--build", type=Path, required=True)
-    parser.add_argument("checks", nargs="+", choices=checks)
-    arguments = parser.parse_args()
-    for name in arguments.checks:
-        checks[name](arguments.build.resolve())
-    if findings:
-        print("\n".join(findings))
-    return 1 if findings else 0
-
-
-sys.exit(main())
+for check in sys.argv[2:]:
+    globals()[f"check_{check}"](Path(sys.argv[1]).resolve())
+sys.exit("\n".join(findings) or 0)

@@ -1,17 +1,17 @@
-#include "ClientMain.h"
-
+// The other end of ClientProcess.
 #include <hidl/HidlTransportSupport.h>
 
-#include <inttypes.h>
-#include <stdarg.h>
 #include <stdio.h>
-#include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <sstream>
 #include <string>
 
+#include "ClientProcess.h"
 #include "Target.h"
 
 using ::android::sp;
@@ -21,164 +21,118 @@ using ::android::hardware::Void;
 
 namespace {
 
-std::mutex gOutput;
-
-std::string textOf(const V1_0::ActivityEvent&) {
-    return "- -";
-}
-std::string textOf(const V1_1::ActivityEventV1_1& event) {
-    return std::to_string(event.extra) + " -";
-}
-std::string textOf(const V1_0::ActivityEventExtend& event) {
-    return "- " + std::to_string(event.value);
-}
-std::string textOf(const V1_1::ActivityEventExtendV1_1& event) {
-    return std::to_string(event.extra) + " " + std::to_string(event.value);
-}
-
-void print(const std::string& text) {
-    std::lock_guard<std::mutex> lock(gOutput);
-    fputs(text.c_str(), stdout);
-    fflush(stdout);
-}
+// What came, by method.
+struct Inbox {
+    std::mutex lock;
+    std::condition_variable changed;
+    std::map<std::string, std::vector<ClientProcess::Event>> events;
+};
+Inbox& gInbox = *new Inbox;
 
 template <typename Event>
-Return<void> report(const char* method, const hidl_vec<Event>& events) {
-    std::ostringstream text;
-    text << "call " << method << " " << events.size() << "\n";
+Return<void> keep(const char* method, const hidl_vec<Event>& events) {
+    std::lock_guard<std::mutex> guard(gInbox.lock);
     for (const Event& event : events) {
-        text << "event " << event.eventType << " " << event.activity << " " << event.timestamp
-             << " " << textOf(event) << "\n";
+        gInbox.events[method].push_back({event.eventType, event.activity, event.timestamp});
     }
-    print(text.str());
+    gInbox.changed.notify_one();
     return Void();
 }
 
 // One class serves both versions: which methods are called depends on the registration.
 class ActivityCallback : public V1_1::IActivityChangedCallback {
-  public:
     Return<void> onActivityChanged(const hidl_vec<V1_0::ActivityEvent>& events) override {
-        return report("onActivityChanged", events);
+        return keep("onActivityChanged", events);
     }
     Return<void> onActivityExtendChanged(
             const hidl_vec<V1_0::ActivityEventExtend>& events) override {
-        return report("onActivityExtendChanged", events);
+        return keep("onActivityExtendChanged", events);
     }
     Return<void> onActivityChangedV1_1(const hidl_vec<V1_1::ActivityEventV1_1>& events) override {
-        return report("onActivityChangedV1_1", events);
+        return keep("onActivityChangedV1_1", events);
     }
     Return<void> onActivityExtendChangedV1_1(
             const hidl_vec<V1_1::ActivityEventExtendV1_1>& events) override {
-        return report("onActivityExtendChangedV1_1", events);
+        return keep("onActivityExtendChangedV1_1", events);
     }
 };
 
 class EnvironmentCallback : public V1_1::IEnvironmentChangedCallback {
-  public:
     Return<void> onEnvironmentChanged(const hidl_vec<V1_0::ActivityEventExtend>& events) override {
-        return report("onEnvironmentChanged", events);
+        return keep("onEnvironmentChanged", events);
     }
     Return<void> onEnvironmentChangedV1_1(
             const hidl_vec<V1_1::ActivityEventExtendV1_1>& events) override {
-        return report("onEnvironmentChangedV1_1", events);
+        return keep("onEnvironmentChangedV1_1", events);
     }
 };
 
 std::string answerOf(const Return<int32_t>& result) {
     return result.isOk() ? std::to_string(int32_t(result)) : "transport";
 }
-
 std::string answerOf(const Return<void>& result) {
     return result.isOk() ? "0" : "transport";
 }
 
-class Client {
-  public:
-    Client() : mActivities(activities()), mEnvironments(environments()) {}
-
-    bool isConnected() const { return mActivities != nullptr; }
-
-    std::string obey(const std::string& line) {
-        std::istringstream words(line);
-        std::string command;
-        words >> command;
-        uint32_t id = 0, eventType = 0;
-        int64_t number = 0;
-        double first = 0.0;
-        if (command == "register") {
-            std::string side, version;
-            words >> side >> version;
-            return registerCallback(side, version);
-        }
-        words >> id >> eventType >> number >> first;
-        if (command == "enable") {
-            return answerOf(mActivities->enableActivityEvent(id, eventType, number));
-        }
-        if (command == "extend") {
-            return answerOf(mActivities->enableActivityEventExtend(id, eventType, number,
-                                                                   otherParams(first, 0)));
-        }
-        if (command == "disable") {
-            return answerOf(mActivities->disableActivityEvent(id, eventType));
-        }
-        if (command == "flush") return answerOf(mActivities->flush());
-        if (command == "churn") return churn(id, eventType, number);
-        if (mEnvironments == nullptr) return "none";
-        if (command == "init") {
-            return answerOf(mEnvironments->initEnvironment(id, otherParams(0.0, 0)));
-        }
-        if (command == "exit") {
-            return answerOf(mEnvironments->exitEnvironment(id, otherParams(0.0, 0)));
-        }
-        if (command == "env-enable") {
-            return answerOf(
-                    mEnvironments->enableEnvironment(id, eventType, number, otherParams(0.0, 0)));
-        }
-        if (command == "env-disable") {
-            return answerOf(mEnvironments->disableEnvironment(id, eventType));
-        }
-        return "unknown command";
+std::string registerAs(const std::string& side, const std::string& version) {
+    const bool older = version == "1.0";
+    if (side == "activity") {
+        const sp<ActivityCallback> callback = new ActivityCallback;
+        return answerOf(older ? activities()->registerActivityCallback(callback)
+                              : activities()->registerActivityCallbackV1_1(callback));
     }
+    const sp<EnvironmentCallback> callback = new EnvironmentCallback;
+    return answerOf(older ? environments()->registerEnvironmentCallback(callback)
+                          : environments()->registerEnvironmentCallbackV1_1(callback));
+}
 
-  private:
-    std::string registerCallback(const std::string& side, const std::string& version) {
-        if (side == "activity") {
-            const sp<ActivityCallback> callback = new ActivityCallback;
-            return answerOf(version == "1.0" ? mActivities->registerActivityCallback(callback)
-                                             : mActivities->registerActivityCallbackV1_1(callback));
-        }
-        if (mEnvironments == nullptr) return "none";
-        const sp<EnvironmentCallback> callback = new EnvironmentCallback;
-        return answerOf(version == "1.0"
-                                ? mEnvironments->registerEnvironmentCallback(callback)
-                                : mEnvironments->registerEnvironmentCallbackV1_1(callback));
+std::string eventsOf(const std::string& method, size_t atLeast, int timeoutMs) {
+    std::unique_lock<std::mutex> guard(gInbox.lock);
+    const auto& events = gInbox.events[method];
+    gInbox.changed.wait_for(guard, std::chrono::milliseconds(timeoutMs),
+                            [&] { return events.size() >= atLeast; });
+    std::ostringstream text;
+    for (const auto& event : events) {
+        text << event.eventType << " " << event.id << " " << event.timestamp << " ";
     }
+    return text.str();
+}
 
-    std::string churn(uint32_t activity, uint32_t eventType, int64_t times) {
-        int64_t granted = 0;
-        for (int64_t i = 0; i < times; ++i) {
-            const auto enabled =
-                    mActivities->enableActivityEvent(activity, eventType, (1 + i % 5) * 1000000000);
-            const auto disabled = mActivities->disableActivityEvent(activity, eventType);
-            granted += enabled.isOk() && int32_t(enabled) == 0;
-            granted += disabled.isOk() && int32_t(disabled) == 0;
-        }
-        return std::to_string(granted);
+std::string obey(const sp<V1_1::IActivityInterface>& service, const std::string& line) {
+    std::istringstream words(line);
+    std::string command, what, version;
+    size_t count = 0;
+    int timeoutMs = 0;
+    uint32_t activity = 0, eventType = 0;
+    int64_t latencyNs = 0;
+    words >> command;
+    if (command == "register" && words >> what >> version) return registerAs(what, version);
+    if (command == "events" && words >> what >> count >> timeoutMs) {
+        return eventsOf(what, count, timeoutMs);
     }
-
-    const sp<V1_1::IActivityInterface> mActivities;
-    const sp<V1_1::IEnvironmentInterface> mEnvironments;
-};
+    words >> activity >> eventType >> latencyNs;
+    if (command == "enable") {
+        return answerOf(service->enableActivityEvent(activity, eventType, latencyNs));
+    }
+    if (command == "extend") {
+        return answerOf(service->enableActivityEventExtend(activity, eventType, latencyNs,
+                                                           otherParams(2.0, 0)));
+    }
+    if (command == "disable") return answerOf(service->disableActivityEvent(activity, eventType));
+    return command == "flush" ? answerOf(service->flush()) : "unknown command";
+}
 
 }  // namespace
 
 int clientMain() {
     ::android::hardware::configureRpcThreadpool(1, false /* callerWillJoin */);
-    Client client;
-    if (!client.isConnected()) {
+    const sp<V1_1::IActivityInterface> service = activities();
+    if (service == nullptr) {
         fprintf(stderr, "client: nobody serves '%s'\n", gOptions.instance.c_str());
         return 1;
     }
-    for (std::string line; std::getline(std::cin, line);) print("= " + client.obey(line) + "\n");
+    for (std::string line; std::getline(std::cin, line);) {
+        std::cout << "= " << obey(service, line) << std::endl;
+    }
     return 0;
 }

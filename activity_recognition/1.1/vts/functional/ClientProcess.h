@@ -1,36 +1,37 @@
 // A client of the service in a process of its own: this program, started once more. Killed and
-// reaped by its destructor at the latest.
+// reaped by its destructor.
+//
+// It obeys lines, and answers each with "= RESULT": the service's result, "transport" if the call
+// failed.
+//   register activity|environment 1.0|1.1      a callback, whose events are kept
+//   enable ACTIVITY TYPE LATENCY_NS            disable ACTIVITY TYPE
+//   extend ACTIVITY TYPE LATENCY_NS            the extended method
+//   flush
+//   events METHOD COUNT TIMEOUT_MS             waits for so many; "TYPE ID TIMESTAMP" of each
 #pragma once
 
 #include <stdint.h>
 #include <sys/types.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
+// The client's side. Returns the exit status, at the end of the input.
+int clientMain();
+
 class ClientProcess {
   public:
-    // Fields of ClientMain.h's "event" line.
     struct Event {
         uint32_t eventType;
         uint32_t id;
         int64_t timestamp;
-        std::string extra;
-        std::string value;
-    };
-    // One call of a callback.
-    struct Call {
-        std::string method;
-        std::vector<Event> events;
     };
 
-    ClientProcess();
+    // The commands are obeyed first, each with the answer 0.
+    explicit ClientProcess(const std::vector<std::string>& commands = {});
     ~ClientProcess();
     ClientProcess(const ClientProcess&) = delete;
     ClientProcess& operator=(const ClientProcess&) = delete;
-
-    pid_t pid() const { return mPid; }
 
     // Sends a command without waiting, so that several clients are busy at once.
     void send(const std::string& command);
@@ -41,23 +42,13 @@ class ClientProcess {
         return answer();
     }
 
-    // All calls so far.
-    const std::vector<Call>& calls() const { return mCalls; }
-    std::vector<Event> events(const std::string& method) const;
-    // Reads until done(), false past the deadline.
-    bool waitUntil(const std::function<bool()>& done, int timeoutMs);
-    bool waitForEvents(const std::string& method, size_t count, int timeoutMs);
-
-    void killHard();
+    // All events so far through a method; if they are fewer than that, waits for them.
+    std::vector<Event> events(const std::string& method, size_t atLeast = 0);
+    // Waits for an event of this time.
+    bool gets(const std::string& method, int64_t timestamp);
 
   private:
-    bool readSome(int timeoutMs);
-    void understand(const std::string& line);
-
     pid_t mPid = -1;
-    int mIn = -1;
-    int mOut = -1;
+    int mSocket = -1;
     std::string mPartial;
-    std::vector<std::string> mAnswers;
-    std::vector<Call> mCalls;
 };

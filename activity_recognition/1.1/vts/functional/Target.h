@@ -24,17 +24,17 @@ struct Options {
 
 extern Options gOptions;
 
-// How long a test waits for events, and for answers.
-int eventTimeoutMs();
-constexpr int kAnswerTimeoutMs = 30000;
+// How long a test waits for events.
+inline int eventTimeoutMs() {
+    return gOptions.simulator ? 30000 : 5000;
+}
 
+constexpr int64_t kSecondNs = 1000000000;
 // Longest text that the service takes in OtherParams; names in records are shorter.
 constexpr size_t kLongestName = 32;
 
-::android::sp<V1_0::IActivityRecognition> rootV1_0();
-::android::sp<V1_1::IActivityRecognition> rootV1_1();
-
-// NULL if the module does not have the side.
+// NULL if nobody serves, or the module does not have the side.
+::android::sp<V1_1::IActivityRecognition> root();
 ::android::sp<V1_1::IActivityInterface> activities();
 ::android::sp<V1_1::IEnvironmentInterface> environments();
 
@@ -43,16 +43,30 @@ V1_0::OtherParams otherParams(double first, size_t nameLength);
 // A control call's result. It is 0 or 1 and never a transport error, whatever was asked.
 int32_t checked(const ::android::hardware::Return<int32_t>& result);
 
-// What every snapshot keeps to, in either version.
-template <typename Events>
-void checkSnapshot(const Events& events) {
-    EXPECT_LE(events.size(), 5u);
-    for (const auto& event : events) EXPECT_LT(event.name.size(), kLongestName);
+// The strings that a method hands to its callback.
+template <typename Object, typename Method>
+std::vector<std::string> listOf(const ::android::sp<Object>& object, Method method) {
+    std::vector<std::string> list;
+    EXPECT_TRUE(((*object).*method)([&list](const auto& names) {
+                    for (const auto& name : names) list.push_back(name);
+                }).isOk());
+    return list;
 }
+
+// What every snapshot keeps to, in either version.
+struct CheckSnapshot {
+    template <typename Events>
+    void operator()(const Events& events) const {
+        EXPECT_LE(events.size(), 5u);
+        for (const auto& event : events) EXPECT_LT(event.name.size(), kLongestName);
+    }
+};
 
 struct Pair {
     uint32_t activity;
     uint32_t eventType;
+
+    std::string text() const { return std::to_string(activity) + " " + std::to_string(eventType); }
 };
 
 // Pairs that the module takes a request for, from the ids of its list; at most `most`.

@@ -9,7 +9,6 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "ClientMain.h"
 #include "ClientProcess.h"
 #include "Target.h"
 
