@@ -1,6 +1,5 @@
 // Events of both sides, from the module's callbacks to each client.
 #include <algorithm>
-#include <random>
 
 #include "Harness.h"
 
@@ -164,111 +163,6 @@ TEST_F(DeliveryTest, ClientsCallFromInsideTheirCallback) {
     plain({Plain(1, 1, 1)});
     plain({Plain(1, 1, 2), Plain(1, 2, 3), Plain(1, 3, 4)});
     EXPECT_EQ(TakeJournal(), (Lines{"a plain (1,1,1,0)", "a plain (1,2,3,0) (1,3,4,0)"}));
-}
-
-// The routing as a walk over everything, the way it reads in words.
-struct PlainWalk {
-    std::vector<EventResponseData> lastEvents{Act::lastEvents().begin(), Act::lastEvents().end()};
-    std::vector<uint64_t> reported{Act::reported().begin(), Act::reported().end()};
-    std::map<uint64_t, std::string> shares1, shares0;  // by process, in either version's form
-    Lines journal;
-
-    PlainWalk(const std::vector<activity_event>& events, uint64_t deliverer) {
-        for (const activity_event& event : events) {
-            if (event.event_type == 0 || event.timestamp < barrier(event, deliverer)) continue;
-            for (const EnableRequestData& r : Act::requests()) {
-                if (r.activity == event.activity && r.event == event.event_type)
-                    route(event, r.pid);
-            }
-        }
-        for (uint64_t pid : reported) report(pid);
-    }
-    static int64_t barrier(const activity_event& event, uint64_t deliverer) {
-        for (const FirstReport& b : Act::barriers()) {
-            if (b.pid != deliverer || b.activity != event.activity) continue;
-            if (b.event == event.event_type) return b.timestamp;
-        }
-        return 0;
-    }
-    void route(const activity_event& event, uint64_t pid) {
-        const auto last = std::find_if(lastEvents.begin(), lastEvents.end(), [&](const auto& e) {
-            return e.pid == pid && e.activity == event.activity;
-        });
-        if (last != lastEvents.end()) {
-            last->event = event.event_type;
-        } else {
-            lastEvents.push_back({pid, event.activity, event.event_type, event.timestamp, {}, 0});
-        }
-        if (std::find(reported.begin(), reported.end(), pid) == reported.end())
-            reported.push_back(pid);
-        shares1[pid] += " " + Text(ActivityInterface::convertAEToAEV1_1(event));
-        shares0[pid] += " " + Text(ActivityInterface::convertAEToAEV1_0(event));
-    }
-    void report(uint64_t pid) {
-        const auto& clients1 = Act::clientsV1_1();
-        for (size_t i = 0; shares1.count(pid) > 0 && i < clients1.size(); ++i) {
-            const auto client = static_cast<ActClient1*>(clients1.keyAt(i).get());
-            if (clients1.valueAt(i) != pid || client == nullptr) continue;
-            journal.push_back(client->name + " plain" + shares1[pid]);
-        }
-        for (size_t i = 0; i < Act::clientsV1_0().size(); ++i) {
-            const auto client = static_cast<ActClient0*>(Act::clientsV1_0().keyAt(i).get());
-            journal.push_back(client->name + " plain" + shares0[pid]);
-        }
-    }
-};
-
-TEST_F(DeliveryTest, RoutesAsThePlainWalkDoes) {
-    for (unsigned seed = 1; seed <= 30; ++seed) {
-        SCOPED_TRACE(seed);
-        std::mt19937 random(seed);
-        const auto below = [&](unsigned n) { return int(random() % n); };
-        make();
-        for (int step = 0; step < 60; ++step) {
-            const int pid = 1 + below(6);
-            const uint32_t activity = below(4);
-            const uint32_t event = 1 + below(2);
-            const std::string name = std::to_string(step);
-            switch (below(9)) {
-                case 0:
-                    add<ActClient1>(pid, "one" + name);
-                    break;
-                case 1:
-                    // Seldom, since every version 1.0 client hears of every process.
-                    if (seed % 3 == 0) add<ActClient0>(pid, "zero" + name);
-                    break;
-                case 2:  // more than registration lets in
-                    Act::clientsV1_1().add(below(2) ? new ActClient1("x" + name) : nullptr, pid);
-                    break;
-                case 3:
-                case 4:
-                    module.current = {Context(1, 1, below(40))};
-                    enable(pid, activity, event, below(9) * 1000000000ll);
-                    break;
-                case 5:
-                    disable(pid, activity, event);
-                    break;
-                case 6:
-                    if (Act::clientsV1_1().isEmpty()) break;
-                    act->HandleHidlDeath(pid, wp<IBase>(sp<IBase>(Act::clientsV1_1().keyAt(0))));
-                    break;
-                default: {
-                    std::vector<activity_event> events;
-                    for (int i = below(20); i >= 0; --i) {
-                        events.push_back(Plain(below(4), below(5), below(60) - 10, random()));
-                    }
-                    TakeJournal();
-                    const PlainWalk walk(events, pid);
-                    As deliverer(pid);
-                    plain(events);
-                    ASSERT_EQ(TakeJournal(), walk.journal);
-                    ASSERT_EQ(Texts(Act::lastEvents()), Texts(walk.lastEvents));
-                    ASSERT_EQ(std::vector<uint64_t>(Act::reported().begin(), Act::reported().end()),
-                              walk.reported);
-                }
-            }
-        }
-    }
 }
 
 }}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
