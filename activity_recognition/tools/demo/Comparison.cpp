@@ -3,7 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <map>
 #include <set>
+#include <sstream>
 
 namespace demo {
 namespace {
@@ -21,6 +24,15 @@ const std::set<std::string> kImplied{
         "disable_environment",
 };
 
+// Not of a client's call or its death, or written by whichever thread is the last to let go.
+bool isLeftOut(const std::string& line) {
+    for (const char* text : {"ActChangedCb", "able to onActivityChangedV1_1", "finish",
+                             "Construct ActivityInterface"}) {
+        if (line.find(text) != std::string::npos) return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 void Comparison::that(bool holds, const std::string& otherwise) {
@@ -28,78 +40,90 @@ void Comparison::that(bool holds, const std::string& otherwise) {
     if (!holds) mDifferences.push_back(otherwise);
 }
 
-void Comparison::client(const std::string& name, support::Client& client, const Model& model) {
-    ExpectedEvents expected = model.expected(name);
-    std::map<std::string, std::vector<nlohmann::json>> received;
-    size_t plainCalls = 0;
-    for (const auto& line : client.output()) {
-        const std::string what = line.at("what");
-        if (line.count("events") == 0 || what == "end") continue;
-        plainCalls += what == "onActivityChanged";
-        for (const auto& event : line.at("events")) received[what].push_back(event);
-        expected[what];  // a method that nothing was expected through
-        that(line.at("pid") == client.pid(), name + ": output of another process");
-    }
-    for (const auto& [call, list] : expected) events(name, call, received[call], list);
-    if (expected.count("onActivityChanged")) {
-        that(plainCalls == model.expectedPlainCalls(name),
-             fmt::format("{}: {} calls of onActivityChanged, expected {}", name, plainCalls,
-                         model.expectedPlainCalls(name)));
+void Comparison::same(const std::string& what, const std::vector<nlohmann::json>& found,
+                      const std::vector<nlohmann::json>& expected) {
+    that(found.size() == expected.size(),
+         fmt::format("{}: {}, expected {}", what, found.size(), expected.size()));
+    for (size_t i = 0; i < std::min(found.size(), expected.size()); ++i) {
+        that(found[i] == expected[i], fmt::format("{} {} is {}, expected {}", what, i + 1,
+                                                  found[i].dump(), expected[i].dump()));
     }
 }
 
-void Comparison::events(const std::string& who, const std::string& call,
-                        std::vector<nlohmann::json> received, std::vector<ExpectedEvent> expected) {
-    that(received.size() == expected.size(),
-         fmt::format("{}: {} events through {}, expected {}", who, received.size(), call,
-                     expected.size()));
-    if (call == "onActivityChanged") {
-        // One call per process and batch: the order of events is that of the processes.
-        std::stable_sort(received.begin(), received.end(), [](const auto& a, const auto& b) {
-            return a.at("timestamp") < b.at("timestamp");
-        });
-        std::stable_sort(expected.begin(), expected.end(), [](const auto& a, const auto& b) {
-            return a.record->offsetNs < b.record->offsetNs;
-        });
-    }
-    for (size_t i = 0; i < std::min(received.size(), expected.size()); ++i) {
-        const ScenarioRecord& record = *expected[i].record;
-        const int64_t base = received[i].at("timestamp").get<int64_t>() - record.offsetNs;
-        const int64_t stageBase = mStageBase.emplace(expected[i].stage, base).first->second;
-
-        nlohmann::json wanted{
-                {"event_type", record.eventType},
-                {record.kind == Kind::kEnvironment ? "environment" : "activity", record.id},
-                {"timestamp", stageBase + record.offsetNs}};
-        if (call.find("V1_1") != std::string::npos) wanted["extra"] = record.extra;
-        if (record.kind != Kind::kActivity) {
-            wanted["value"] = record.value;
-            wanted["context_data"] = record.data;
-            wanted["name"] = record.name;
-        }
+void Comparison::client(const std::string& name, support::Client& client, const Model& model) {
+    std::vector<nlohmann::json> calls;
+    for (const auto& line : client.output()) {
+        const std::string what = line.at("what");
+        if (line.count("events") == 0 || what == "end") continue;
+        that(line.at("pid") == client.pid(), name + ": output of another process");
+        nlohmann::json call{{"what", what}, {"events", line.at("events")}};
         // The names of ids are activityctl's addition.
-        received[i].erase("activity_name");
-        received[i].erase("environment_name");
-        that(received[i] == wanted, fmt::format("{}: event {} through {} is {}, expected {}", who,
-                                                i + 1, call, received[i].dump(), wanted.dump()));
+        for (auto& event : call.at("events")) {
+            event.erase("activity_name");
+            event.erase("environment_name");
+        }
+        calls.push_back(std::move(call));
     }
+    same(name + ": call", calls, model.deliveries(name));
 }
 
 void Comparison::native(const std::vector<nlohmann::json>& trace, const Model& model) {
     std::vector<nlohmann::json> calls;
+    std::map<std::string, std::vector<nlohmann::json>> reports;
     for (nlohmann::json line : trace) {
-        if (kImplied.count(line.at("native")) == 0) continue;
+        const std::string slot = line.at("native");
+        for (const auto& event : line.value("events", nlohmann::json::array())) {
+            reports[slot].push_back(event);
+        }
+        if (kImplied.count(slot) == 0) continue;
         line.erase("t");
-        if (line.at("native") == "get_current_activity") line.erase("result");
+        if (slot == "get_current_activity") line.erase("result");
         calls.push_back(std::move(line));
     }
-    const auto& expected = model.nativeCalls();
-    that(calls.size() == expected.size(),
-         fmt::format("module: {} calls, expected {}", calls.size(), expected.size()));
-    for (size_t i = 0; i < std::min(calls.size(), expected.size()); ++i) {
-        that(calls[i] == expected[i], fmt::format("module: call {} is {}, expected {}", i + 1,
-                                                  calls[i].dump(), expected[i].dump()));
+    same("module: call", calls, model.nativeCalls());
+
+    // Timestamp of offset 0 as a stage's first event shows it; all its others must agree, to the
+    // nanosecond.
+    std::map<std::string, int64_t> stageBase;
+    for (const auto& [slot, expected] : model.reports()) {
+        std::vector<nlohmann::json> wanted;
+        for (const auto& [stage, record] : expected) {
+            const auto& found = reports[slot];
+            const size_t at = std::min(wanted.size(), found.empty() ? 0 : found.size() - 1);
+            if (!found.empty()) {
+                const int64_t timestamp = found[at].at("timestamp");
+                stageBase.emplace(stage, timestamp - record->offsetNs);
+            }
+            nlohmann::json event{{"event_type", record->eventType},
+                                 {"activity", record->id},
+                                 {"timestamp", stageBase[stage] + record->offsetNs},
+                                 {"extra", record->extra}};
+            if (record->kind != Kind::kActivity) {
+                event["value"] = record->value;
+                event["context_data"] = record->data;
+                event["name"] = record->name;
+            }
+            wanted.push_back(std::move(event));
+        }
+        same("module: " + slot, reports[slot], wanted);
     }
+}
+
+void Comparison::log(const std::vector<support::LineSource::Line>& lines, const Model& model) {
+    std::vector<nlohmann::json> found, expected;
+    for (const auto& line : lines) {
+        // "AR_impl I 11-21 20:57:22 pid thread text"
+        std::istringstream words(line.text);
+        std::string tag, level, skipped, text;
+        words >> tag >> level >> skipped >> skipped >> skipped >> skipped >> std::ws;
+        std::getline(words, text);
+        if ((tag != "AR_impl" && tag != "AR_impl_Env") || isLeftOut(text)) continue;
+        found.push_back(fmt::format("{} {}: {}", level, tag, text));
+    }
+    for (const std::string& line : model.logLines()) {
+        if (!isLeftOut(line)) expected.push_back(line);
+    }
+    same("log line", found, expected);
 }
 
 }  // namespace demo

@@ -1,192 +1,136 @@
 #include "Model.h"
 
 #include <algorithm>
-#include <limits>
 
 namespace demo {
-namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
-constexpr int64_t kNoWakeLatencyNs = 7 * 24 * 3600 * kSecond;
-constexpr std::array<double, 4> kNoWake{1.0, 0.0, 0.0, 0.0};
-
-}  // namespace
-
-void Model::addClient(const std::string& client, Side side, bool version11) {
-    mClients[client] = {side, version11, true, 0, {}};
-}
-
-void Model::removeClient(const std::string& client) {
-    Client& gone = mClients.at(client);
-    gone.alive = false;
-    // The death of a version 1.0 client leaves its requests, and neither tells the module.
-    if (!gone.version11) return;
-    mRequests.erase(std::remove_if(mRequests.begin(), mRequests.end(),
-                                   [&](const Request& r) { return r.client == client; }),
-                    mRequests.end());
-}
-
-int64_t Model::smallestLatency(const Pair& pair) const {
-    int64_t smallest = std::numeric_limits<int64_t>::max();
-    for (const Request& request : mRequests) {
-        if (request.pair == pair) smallest = std::min(smallest, request.latencyNs);
-    }
-    return smallest;
-}
-
-void Model::tellModule(const Pair& pair, int64_t latencyNs, const Extras* extras) {
-    nlohmann::json call{{"activity", pair.first},
-                        {"event_type", pair.second},
-                        {"latency_ns", latencyNs},
-                        {"result", 0}};
-    if (extras != nullptr) {
-        call["native"] = "enable_activity_event_extend";
-        call["params"] = extras->params;
-        call["name"] = extras->name;
+void Model::addClient(const std::string& name, Side side, bool version11, int32_t pid) {
+    const Client& client = mClients[name] = {side, pid, ++mObjects, {}};
+    if (side == Side::kActivity) {
+        version11 ? mActivity.registerV1_1(pid, client.callback)
+                  : mActivity.registerV1_0(pid, client.callback);
     } else {
-        call["native"] = "enable_activity_event";
+        version11 ? mEnvironment.registerV1_1(pid, client.callback)
+                  : mEnvironment.registerV1_0(pid, client.callback);
     }
-    mNativeCalls.push_back(std::move(call));
-    mModulePairs[pair] = mModulePairs[pair] || extras != nullptr;
 }
 
-void Model::enable(const std::string& client, uint32_t activity, uint32_t eventType,
-                   int64_t latencyNs, const Extras* extras) {
-    const Pair pair{activity, eventType};
-    // The module keeps a pair until its last request is withdrawn, whoever enabled it: the set of
-    // its pairs tells whether this is a join.
-    const bool join = mModulePairs.count(pair) != 0;
-    latencyNs = std::max(kSecond, latencyNs / kSecond * kSecond);
-    if (extras != nullptr && extras->params == kNoWake) latencyNs = kNoWakeLatencyNs;
-    mRequests.erase(std::remove_if(mRequests.begin(), mRequests.end(),
-                                   [&](const Request& request) {
-                                       return request.client == client && request.pair == pair;
-                                   }),
-                    mRequests.end());
-    mRequests.push_back({client, pair, latencyNs, extras != nullptr ? *extras : Extras{}});
-    tellModule(pair, join ? smallestLatency(pair) : latencyNs, extras);
-    if (join) mNativeCalls.push_back({{"native", "get_current_activity"}});
+void Model::removeClient(const std::string& name) {
+    const Client& client = mClients.at(name);
+    const uint64_t cookie = client.pid;
+    const ar_model::Who who{client.callback, true};
+    client.side == Side::kActivity ? mActivity.died(cookie, who) : mEnvironment.died(cookie, who);
 }
 
-void Model::disable(const std::string& client, uint32_t activity, uint32_t eventType) {
-    const Pair pair{activity, eventType};
-    mRequests.erase(std::find_if(mRequests.begin(), mRequests.end(), [&](const Request& request) {
-        return request.client == client && request.pair == pair;
-    }));
-    bool any = false, allExtended = true;
-    Extras extras;  // the last no-wake request's
-    for (const Request& request : mRequests) {
-        if (request.pair != pair) continue;
-        any = true;
-        if (request.extras.params[0] == 0.0) allExtended = false;
-        if (request.extras.params == kNoWake) extras = request.extras;
+void Model::enable(const std::string& name, uint32_t id, uint32_t eventType, int64_t latencyNs,
+                   const std::optional<ar_model::Params>& params) {
+    const Client& client = mClients.at(name);
+    if (client.side == Side::kEnvironment) {
+        mEnvironment.enable(id, eventType, latencyNs, {});
+    } else if (params) {
+        mActivity.enableExtended(client.pid, id, eventType, latencyNs, *params);
+    } else {
+        mActivity.enable(client.pid, id, eventType, latencyNs);
     }
-    if (any) {
-        tellModule(pair, smallestLatency(pair), allExtended ? &extras : nullptr);
-        return;
+}
+
+void Model::disable(const std::string& name, uint32_t id, uint32_t eventType) {
+    const Client& client = mClients.at(name);
+    if (client.side == Side::kEnvironment) {
+        mEnvironment.disable(id, eventType);
+    } else {
+        mActivity.disable(client.pid, id, eventType);
     }
-    mModulePairs.erase(pair);
-    mNativeCalls.push_back({{"native", "disable_activity_event"},
-                            {"activity", activity},
-                            {"event_type", eventType},
-                            {"result", 0}});
-}
-
-void Model::flush() {
-    mNativeCalls.push_back({{"native", "flush"}, {"result", 0}});
-}
-
-void Model::initEnvironment(uint32_t environment) {
-    mNativeCalls.push_back({{"native", "init_environment"},
-                            {"environment", environment},
-                            {"params", {0.0, 0.0, 0.0, 0.0}},
-                            {"name", ""},
-                            {"result", 0}});
-}
-
-void Model::enableEnvironment(uint32_t environment, uint32_t eventType, int64_t latencyNs) {
-    mModuleEnvironmentPairs.insert({environment, eventType});
-    mNativeCalls.push_back({{"native", "enable_environment"},
-                            {"environment", environment},
-                            {"event_type", eventType},
-                            {"latency_ns", latencyNs},
-                            {"params", {0.0, 0.0, 0.0, 0.0}},
-                            {"name", ""},
-                            {"result", 0}});
-}
-
-void Model::disableEnvironment(uint32_t environment, uint32_t eventType) {
-    mModuleEnvironmentPairs.erase({environment, eventType});
-    mNativeCalls.push_back({{"native", "disable_environment"},
-                            {"environment", environment},
-                            {"event_type", eventType},
-                            {"result", 0}});
-}
-
-void Model::expect(Client& client, const char* call, const std::string& stage,
-                   const ScenarioRecord& record) {
-    if (client.alive) client.events[call].push_back({stage, &record});
 }
 
 void Model::play(const std::string& stage) {
     for (const ScenarioRecord& record : mScenario.stages.at(stage)) {
-        const Pair pair{record.id, record.eventType};
-        if (record.kind == Kind::kActivity) {
-            if (mModulePairs.count(pair) == 0) continue;
-            for (const Request& request : mRequests) {
-                if (request.pair != pair) continue;
-                if (mClients.at(request.client).version11) {
-                    expect(mClients.at(request.client), "onActivityChangedV1_1", stage, record);
-                }
-                // Version 1.0 clients see what was routed to anybody.
-                for (auto& [name, client] : mClients) {
-                    if (client.side == Side::kActivity && !client.version11) {
-                        expect(client, "onActivityChanged", stage, record);
-                    }
-                }
-            }
-            continue;
-        }
-        const bool extended = record.kind == Kind::kExtended;
-        const auto modulePair = mModulePairs.find(pair);
-        if (extended ? modulePair == mModulePairs.end() || !modulePair->second
-                     : mModuleEnvironmentPairs.count(pair) == 0) {
-            continue;
-        }
-        for (auto& [name, client] : mClients) {
-            if ((client.side == Side::kActivity) != extended) continue;
-            const char* call = extended           ? client.version11 ? "onActivityExtendChangedV1_1"
-                                                                     : "onActivityExtendChanged"
-                               : client.version11 ? "onEnvironmentChangedV1_1"
-                                                  : "onEnvironmentChanged";
-            expect(client, call, stage, record);
-        }
+        const char* const slot = record.kind == Kind::kActivity   ? "activity_changed"
+                                 : record.kind == Kind::kExtended ? "activity_extend_changed"
+                                                                  : "environment_changed";
+        if (mEnabled[slot].count({record.id, record.eventType}) == 0) continue;
+        mReports[slot].push_back({stage, &record});
     }
 }
 
-void Model::countCalls(const nlohmann::json& events) {
-    std::set<size_t> askers;
+void Model::deliver(const nlohmann::json& batch) {
+    std::vector<ar_model::Event> events;
+    for (const auto& event : batch.at("events")) {
+        events.push_back({event.at("event_type"), event.at("activity"), event.at("timestamp"),
+                          event.at("extra"), event.value("value", 0u),
+                          event.value("context_data", std::array<uint64_t, 4>{}),
+                          event.value("name", "")});
+    }
+    const int32_t count = int32_t(events.size());
+    const std::string slot = batch.at("native");
+    if (slot == "activity_extend_changed") return mActivity.extendChanged(events.data(), count);
+    if (slot == "environment_changed") return mEnvironment.changed(events.data(), count);
+
+    std::set<ptrdiff_t> askers;  // nobody, one, several
     for (const auto& event : events) {
-        size_t count = 0;
-        for (const Request& request : mRequests) {
-            if (request.pair != Pair{event.at("activity"), event.at("event_type")}) continue;
-            mEverRouted.insert(request.client);
-            ++count;
-        }
-        askers.insert(std::min<size_t>(count, 2));
+        const auto asks = [&](const ar_model::Request& request) {
+            return request.activity == event.activity && request.event == event.type;
+        };
+        const auto& requests = mActivity.requests;
+        askers.insert(
+                std::min<ptrdiff_t>(std::count_if(requests.begin(), requests.end(), asks), 2));
     }
     mSawMixedBatch = mSawMixedBatch || askers.size() == 3;
-    for (auto& [name, client] : mClients) {
-        if (client.alive) client.plainCalls += mEverRouted.size();
+    // No client is the delivering process, so none has a barrier that counts.
+    mActivity.changed(0, events.data(), count);
+}
+
+int32_t Model::call(const ar_model::NativeCall& call) {
+    const std::string slot = call.slot;
+    const bool environment = slot.find("environment") != std::string::npos;
+    nlohmann::json line{{"native", slot}, {"result", 0}};
+    if (call.id) line[environment ? "environment" : "activity"] = *call.id;
+    if (call.event) line["event_type"] = *call.event;
+    if (call.latencyNs) line["latency_ns"] = *call.latencyNs;
+    if (call.params) {
+        line["params"] = call.params->numbers;
+        line["name"] = call.params->name;
     }
+    mNativeCalls.push_back(std::move(line));
+
+    const std::pair pair{call.id.value_or(0), call.event.value_or(0)};
+    if (slot == "enable_environment") mEnabled["environment_changed"].insert(pair);
+    if (slot == "disable_environment") mEnabled["environment_changed"].erase(pair);
+    if (slot.find("enable_activity_event") == 0) mEnabled["activity_changed"].insert(pair);
+    if (slot == "enable_activity_event_extend") mEnabled["activity_extend_changed"].insert(pair);
+    if (slot == "disable_activity_event") {
+        mEnabled["activity_changed"].erase(pair);
+        mEnabled["activity_extend_changed"].erase(pair);
+    }
+    return 0;
 }
 
-ExpectedEvents Model::expected(const std::string& client) const {
-    return mClients.at(client).events;
+ar_model::Snapshot Model::currentActivity() {
+    mNativeCalls.push_back({{"native", "get_current_activity"}});
+    return {};  // no barrier here counts
 }
 
-size_t Model::expectedPlainCalls(const std::string& client) const {
-    return mClients.at(client).plainCalls;
+bool Model::deliver(ar_model::Callback to, const std::string& method,
+                    const std::vector<ar_model::Event>& events) {
+    nlohmann::json list = nlohmann::json::array();
+    const bool environment = method.find("Environment") != std::string::npos;
+    for (const ar_model::Event& event : events) {
+        nlohmann::json object{{"event_type", event.type},
+                              {environment ? "environment" : "activity", event.activity},
+                              {"timestamp", event.timestamp}};
+        if (method.find("V1_1") != std::string::npos) object["extra"] = event.extra;
+        if (method.find("onActivityChanged") != 0) {
+            object["value"] = event.value;
+            object["context_data"] = event.data;
+            object["name"] = event.name;
+        }
+        list.push_back(std::move(object));
+    }
+    for (auto& [name, client] : mClients) {
+        if (client.callback != to) continue;
+        client.deliveries.push_back({{"what", method}, {"events", list}});
+    }
+    return true;
 }
 
 }  // namespace demo

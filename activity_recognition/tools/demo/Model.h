@@ -1,94 +1,92 @@
-// What must come of the clients' requests and the scenario, worked out from the rules alone: the
-// calls that the native module gets, and the events that each client gets. Knows nothing of how
-// the service or the simulator do it.
+// The model of the rules in the demo's words: clients have names, calls and events are JSON as the
+// module's trace and the clients show them. Knows nothing of how the service or the simulator do
+// it.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "ScenarioFile.h"
+#include "ar_model/Model.h"
 
 namespace demo {
 
-// One event that a client must get.
-struct ExpectedEvent {
+// One record that the module must report.
+struct ExpectedReport {
     std::string stage;
     const ScenarioRecord* record;
 };
 
-// What one client must get, by callback method.
-using ExpectedEvents = std::map<std::string, std::vector<ExpectedEvent>>;
-
-struct Extras {
-    std::array<double, 4> params{};
-    std::string name;
-};
-
-class Model {
+class Model : private ar_model::World {
   public:
     explicit Model(const ScenarioFile& scenario) : mScenario(scenario) {}
 
     enum class Side { kActivity, kEnvironment };
 
-    // A client as the model sees it; version11 false: version 1.0.
-    void addClient(const std::string& client, Side side, bool version11);
+    // A client process registers; version11 false: in version 1.0.
+    void addClient(const std::string& client, Side side, bool version11, int32_t pid);
     // Its process ended; what it asked for and did not withdraw is the service's to handle.
     void removeClient(const std::string& client);
 
-    // extras NULL: the plain method.
-    void enable(const std::string& client, uint32_t activity, uint32_t eventType, int64_t latencyNs,
-                const Extras* extras = nullptr);
-    void disable(const std::string& client, uint32_t activity, uint32_t eventType);
-    void flush();
-    void initEnvironment(uint32_t environment);
-    void enableEnvironment(uint32_t environment, uint32_t eventType, int64_t latencyNs);
-    void disableEnvironment(uint32_t environment, uint32_t eventType);
+    // params: with the extended method.
+    void enable(const std::string& client, uint32_t id, uint32_t eventType, int64_t latencyNs,
+                const std::optional<ar_model::Params>& params = {});
+    void disable(const std::string& client, uint32_t id, uint32_t eventType);
+    void flush() { mActivity.flush(); }
+    void initEnvironment(uint32_t environment) { mEnvironment.init(environment, {}); }
 
+    // The scenario's stage is played: what is enabled in the module is to be reported.
     void play(const std::string& stage);
-    // A batch of plain events as the module sent it: version 1.0 clients get a call per process
-    // that ever had an event, so how often they are called depends on the batches.
-    void countCalls(const nlohmann::json& events);
+    // A batch as the module sent it.
+    void deliver(const nlohmann::json& batch);
 
     const std::vector<nlohmann::json>& nativeCalls() const { return mNativeCalls; }
-    ExpectedEvents expected(const std::string& client) const;
-    size_t expectedPlainCalls(const std::string& client) const;
+    // By the slot that reports them.
+    const std::map<std::string, std::vector<ExpectedReport>>& reports() const { return mReports; }
+    // The calls that a client must get, one after the other.
+    const std::vector<nlohmann::json>& deliveries(const std::string& client) const {
+        return mClients.at(client).deliveries;
+    }
+    const std::vector<std::string>& logLines() const { return mLogLines; }
     bool sawMixedBatch() const { return mSawMixedBatch; }
 
   private:
-    using Pair = std::pair<uint32_t, uint32_t>;
-
     struct Client {
         Side side;
-        bool version11;
-        bool alive = true;
-        size_t plainCalls = 0;  // version 1.0
-        ExpectedEvents events;
-    };
-    struct Request {
-        std::string client;
-        Pair pair;
-        int64_t latencyNs;
-        Extras extras;
+        int32_t pid;
+        ar_model::Callback callback;
+        std::vector<nlohmann::json> deliveries;
     };
 
-    int64_t smallestLatency(const Pair& pair) const;
-    void tellModule(const Pair& pair, int64_t latencyNs, const Extras* extras);
-    void expect(Client& client, const char* call, const std::string& stage,
-                const ScenarioRecord& record);
+    int32_t call(const ar_model::NativeCall& call) override;
+    ar_model::Snapshot currentActivity() override;
+    bool deliver(ar_model::Callback to, const std::string& method,
+                 const std::vector<ar_model::Event>& events) override;
+    ar_model::Recipient newRecipient() override { return ++mObjects; }
+    ar_model::LinkAnswer link(ar_model::Callback, ar_model::Recipient, uint64_t) override {
+        return {};
+    }
+    void unlink(ar_model::Callback, ar_model::Recipient) override {}
+    void log(char level, const std::string& tag, const std::string& text) override {
+        mLogLines.push_back(std::string(1, level) + " " + tag + ": " + text);
+    }
 
     const ScenarioFile& mScenario;
+    ar_model::Activity mActivity{*this};
+    ar_model::Environment mEnvironment{*this};
+    uint64_t mObjects = 0;
     std::map<std::string, Client> mClients;
-    std::vector<Request> mRequests;          // oldest first
-    std::map<Pair, bool> mModulePairs;       // enabled there; whether through the extended slot
-    std::set<Pair> mModuleEnvironmentPairs;  // enabled there
-    std::set<std::string> mEverRouted;       // clients that ever had a plain event
+    // What the module has enabled: the pairs that each of its callbacks reports.
+    std::map<std::string, std::set<std::pair<uint32_t, uint32_t>>> mEnabled;
+    std::map<std::string, std::vector<ExpectedReport>> mReports;
     std::vector<nlohmann::json> mNativeCalls;
+    std::vector<std::string> mLogLines;
     bool mSawMixedBatch = false;
 };
 

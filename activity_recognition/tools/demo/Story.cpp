@@ -3,16 +3,18 @@
 #include <fmt/format.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <stdexcept>
 
 namespace demo {
 namespace {
 
+using support::require;
 using Side = Model::Side;
 
 constexpr int64_t kSecond = 1'000'000'000;
-const Extras kNoWake{{1.0, 0.0, 0.0, 0.0}, "trip"};
+const ar_model::Params kNoWake{{1.0, 0.0, 0.0, 0.0}, "trip"};
 
 support::StageSetup setup(const std::string& scenarioPath) {
     support::StageSetup setup;
@@ -41,7 +43,7 @@ bool Story::run() {
     enter("porch", Side::kEnvironment, false, {});
     enter("commuter", Side::kActivity, true, {{"walking", 1, "5s", 5 * kSecond}});
     enter("veteran", Side::kActivity, false, {{"still", 2, "3s", 3 * kSecond}});
-    enter("sleeper", Side::kActivity, true, {{"driving", 1, "1s", kSecond}}, &kNoWake);
+    enter("sleeper", Side::kActivity, true, {{"driving", 1, "1s", kSecond}}, kNoWake);
     enter("runner", Side::kActivity, true, {{"running", 1, "4s", 4 * kSecond}});
     play("alone", true);
     show("Every client alone on what it asked for. The version 1.0 client \"veteran\" also sees "
@@ -69,7 +71,7 @@ bool Story::run() {
 
     disable("jogger", {"walking", 1, "", 0});
     once({"env", "disable", "station:3"});
-    mModel.disableEnvironment(idOf("station", mScenario.environments), 3);
+    mModel.disable("house", idOf("station", mScenario.environments), 3);
     play("few_left", true);
     show("The fastest client withdraws: the module is told the next latency up. Another process "
          "disables an environment pair that \"house\" wanted, and the module obeys at once.");
@@ -82,6 +84,7 @@ bool Story::run() {
     Comparison comparison;
     for (const auto& actor : mActors) comparison.client(actor->name, *actor->client, mModel);
     comparison.native(mStage.native(), mModel);
+    comparison.log(mStage.service().err().lines(), mModel);
     comparison.that(mModel.sawMixedBatch(),
                     "no batch held events that nobody, one and several asked for");
     fmt::print("\n{} processes served, {} checks against the model.\n", mActors.size(),
@@ -104,17 +107,17 @@ Story::Actor& Story::actor(const std::string& name) {
 }
 
 void Story::enter(const std::string& name, Side side, bool version11,
-                  const std::vector<Wish>& wishes, const Extras* extras) {
+                  const std::vector<Wish>& wishes, const std::optional<ar_model::Params>& params) {
     std::vector<std::string> arguments{"--interface", version11 ? "1.1" : "1.0"};
     if (side == Side::kEnvironment) arguments.emplace_back("env");
     arguments.insert(arguments.end(), {"watch", "--control"});
     for (const Wish& wish : wishes) {
         arguments.push_back(fmt::format("{}:{}@{}", wish.what, wish.eventType, wish.latency));
     }
-    if (extras != nullptr) {
+    if (params) {
         arguments.insert(arguments.end(),
-                         {"--params", fmt::format("{}", fmt::join(extras->params, ",")), "--name",
-                          extras->name});
+                         {"--params", fmt::format("{}", fmt::join(params->numbers, ",")), "--name",
+                          params->name});
     }
     auto actor = std::make_unique<Actor>();
     actor->name = name;
@@ -124,16 +127,16 @@ void Story::enter(const std::string& name, Side side, bool version11,
     actor->client = mStage.readyClient(arguments);
     mActors.push_back(std::move(actor));
 
-    mModel.addClient(name, side, version11);
+    const Actor& entered = *mActors.back();
+    mModel.addClient(name, side, version11, entered.client->pid());
     for (const Wish& wish : wishes) {
-        if (side == Side::kActivity) {
-            mModel.enable(name, idOf(wish.what, mScenario.activities), wish.eventType,
-                          wish.latencyNs, extras);
-        } else {
-            mModel.enableEnvironment(idOf(wish.what, mScenario.environments), wish.eventType,
-                                     wish.latencyNs);
-        }
+        mModel.enable(name, id(entered, wish), wish.eventType, wish.latencyNs, params);
     }
+}
+
+uint32_t Story::id(const Actor& actor, const Wish& wish) const {
+    return idOf(wish.what,
+                actor.side == Side::kActivity ? mScenario.activities : mScenario.environments);
 }
 
 void Story::leave(const std::string& name) {
@@ -143,11 +146,7 @@ void Story::leave(const std::string& name) {
     }
     mStage.waitForDeath(leaving.client->pid());
     for (const Wish& wish : leaving.wishes) {
-        if (leaving.side == Side::kActivity) {
-            mModel.disable(name, idOf(wish.what, mScenario.activities), wish.eventType);
-        } else {
-            mModel.disableEnvironment(idOf(wish.what, mScenario.environments), wish.eventType);
-        }
+        mModel.disable(name, id(leaving, wish), wish.eventType);
     }
     mModel.removeClient(name);
 }
@@ -167,7 +166,7 @@ void Story::enable(const std::string& name, const Wish& wish) {
     const size_t before = asking.client->output("enabled").size();
     asking.client->command(fmt::format("enable {}:{}@{}", wish.what, wish.eventType, wish.latency));
     asking.client->waitFor("enabled", before + 1);
-    mModel.enable(name, idOf(wish.what, mScenario.activities), wish.eventType, wish.latencyNs);
+    mModel.enable(name, id(asking, wish), wish.eventType, wish.latencyNs);
 }
 
 void Story::disable(const std::string& name, const Wish& wish) {
@@ -175,7 +174,7 @@ void Story::disable(const std::string& name, const Wish& wish) {
     asking.client->command(fmt::format("disable {}:{}", wish.what, wish.eventType));
     asking.client->waitFor("disabled");
     asking.wishes.clear();
-    mModel.disable(name, idOf(wish.what, mScenario.activities), wish.eventType);
+    mModel.disable(name, id(asking, wish), wish.eventType);
 }
 
 void Story::once(const std::vector<std::string>& arguments) {
@@ -185,34 +184,47 @@ void Story::once(const std::vector<std::string>& arguments) {
     }
 }
 
-void Story::waitForDeliveries() {
-    for (const auto& actor : mActors) {
-        for (const auto& [call, events] : mModel.expected(actor->name)) {
-            actor->client->waitForEvents(call, events.size());
+// Waits until the module has reported what it must through the slot.
+void Story::waitForReports(const std::string& slot, size_t count) {
+    const auto reported = [&] {
+        size_t events = 0;
+        for (const auto& line : mStage.native()) {
+            if (line.at("native") == slot) events += line.at("events").size();
         }
-    }
+        return events >= count;
+    };
+    require(reported, fmt::format("{} events of {}", count, slot),
+            [this] { return mStage.service().describe(); });
+}
+
+void Story::waitForDeliveries(const Actor& actor) {
+    const size_t count = mModel.deliveries(actor.name).size();
+    const auto got = [&] {
+        const auto& output = actor.client->output();
+        return size_t(std::count_if(output.begin(), output.end(), [](const auto& line) {
+                   return line.count("events") != 0 && line.at("what") != "end";
+               })) >= count;
+    };
+    require(got, fmt::format("{} calls of {}", count, label(actor)),
+            [&] { return actor.client->process().describe(); });
 }
 
 void Story::play(const std::string& stage, bool flush) {
     mModel.play(stage);
     mStage.release(stage);
+    const auto& reports = mModel.reports();
     if (flush) {
         // Once its last record is here, the whole stage has been played, and can be flushed.
-        const auto expected = mModel.expected("house");
-        for (const auto& [call, events] : expected) {
-            actor("house").client->waitForEvents(call, events.size());
-        }
+        waitForReports("environment_changed", reports.at("environment_changed").size());
         once({"flush"});
         mModel.flush();
     }
-    waitForDeliveries();
-
-    size_t batch = 0;
-    for (const auto& line : mStage.native()) {
-        if (line.at("native") != "activity_changed" || batch++ < mBatchesCounted) continue;
-        mModel.countCalls(line.at("events"));
-        ++mBatchesCounted;
+    for (const auto& [slot, records] : reports) waitForReports(slot, records.size());
+    const auto& trace = mStage.native();
+    for (; mTraceDelivered < trace.size(); ++mTraceDelivered) {
+        if (trace[mTraceDelivered].count("events")) mModel.deliver(trace[mTraceDelivered]);
     }
+    for (const auto& actor : mActors) waitForDeliveries(*actor);
 }
 
 void Story::show(const std::string& heading) {

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,7 +41,7 @@ class Story {
     };
 
     void enter(const std::string& name, Model::Side side, bool version11,
-               const std::vector<Wish>& wishes, const Extras* extras = nullptr);
+               const std::vector<Wish>& wishes, const std::optional<ar_model::Params>& params = {});
     void leave(const std::string& name);
     void killHard(const std::string& name);
     void enable(const std::string& name, const Wish& wish);
@@ -50,7 +51,9 @@ class Story {
     void play(const std::string& stage, bool flush);
     void show(const std::string& heading);
 
-    void waitForDeliveries();
+    void waitForReports(const std::string& slot, size_t count);
+    void waitForDeliveries(const Actor& actor);
+    uint32_t id(const Actor& actor, const Wish& wish) const;
     std::string label(const Actor& actor) const;
     Actor& actor(const std::string& name);
 
@@ -61,7 +64,7 @@ class Story {
     std::vector<std::unique_ptr<Actor>> mActors;  // in order of entering, also those that left
     size_t mTraceShown = 0;
     size_t mLogShown = 0;
-    size_t mBatchesCounted = 0;
+    size_t mTraceDelivered = 0;
 };
 
 }  // namespace demo
