@@ -3,18 +3,45 @@
 #include <android/log.h>
 
 #include <random>
+#include <tuple>
 
 #include "Harness.h"
 #include "ar_model/Model.h"
 
+// The model's records as the Harness writes the library's.
+namespace ar_model {
+
+using vendor::zaltho::hardware::activity_recognition::V1_1::implementation::Joined;
+
+static std::string Text(const Params& p) {
+    const auto& n = p.numbers;
+    return "[" + Joined(" ", n[0], n[1], n[2], n[3], "'" + p.name + "'") + "]";
+}
+static std::string Text(const Request& r) {
+    return Joined(" ", r.pid, r.activity, r.event, r.latencyNs);
+}
+static std::string Text(const NativeEnable& n) {
+    return Joined(" ", n.pid, n.activity, n.event, n.latencyNs, n.noWake);
+}
+static std::string Text(const Moment& m) {
+    return Joined(" ", m.pid, m.activity, m.event, m.timestamp);
+}
+static std::string Text(const Entry& e) {
+    return Joined(" ", e.object, e.pid);
+}
+
+}  // namespace ar_model
+
 namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation { namespace {
 
 using ar_model::Caller;
-using Times = std::vector<int64_t>;
+using Pids = std::vector<uint64_t>;
 
-// Where the library or the model is when somebody calls it back.
-enum class Inside { kModule, kClient, kUnlink };
-std::function<void(Inside)> inside;
+const std::vector<int64_t> kEdges = {INT64_MIN, -5000000000, -1,       0,
+                                     999999999, 2500000000,  INT64_MAX};
+
+// Called wherever the library or the model may be called back: a client's event call, or others.
+std::function<void(bool inClient)> inside;
 
 // A client that serves in either version, and notes its links, too.
 template <typename C>
@@ -26,7 +53,7 @@ struct Linked : C {
     }
     Return<bool> unlinkToDeath(const sp<hidl_death_recipient>& by) override {
         Note(Joined(" ", this->name, "unlinked", uint64_t(by.get())));
-        inside(Inside::kUnlink);
+        inside(false);
         return true;  // and does not hold on to it, which holds the object
     }
 };
@@ -35,41 +62,6 @@ using Env1 = Linked<EnvClient1>;
 template <typename C>
 using Pool = std::map<uint64_t, sp<C>>;  // by address, so that a seed means the same in every run
 
-// Both sides' records in one form.
-template <typename Numbers>
-std::string Shown(const Numbers& n, const std::string& name) {
-    return "[" + Joined(" ", n[0], n[1], n[2], n[3], "'" + name + "'") + "]";
-}
-std::string Row(const EnableRequestData& r) {
-    const other_params& p = r.otherParams;
-    return Text(r) + Shown(p.params, std::string(p.name, strnlen(p.name, sizeof(p.name))));
-}
-std::string Row(const ar_model::Request& r) {
-    return Joined(" ", r.pid, r.activity, r.event, r.latencyNs) +
-           Shown(r.params.numbers, r.params.name);
-}
-std::string Row(const ar_model::NativeEnable& n) {
-    return Joined(" ", n.pid, n.activity, n.event, n.latencyNs, n.noWake);
-}
-std::string Row(const ar_model::Moment& m) {
-    return Joined(" ", m.pid, m.activity, m.event, m.timestamp);
-}
-std::string Row(const ar_model::Entry& e) {
-    return Joined(" ", e.object, e.pid);
-}
-template <typename Record>
-std::string Row(const Record& record) {
-    if constexpr (std::is_integral_v<Record>)
-        return std::to_string(record);
-    else
-        return Text(record);
-}
-template <typename Table>
-Lines Rows(const Table& table) {
-    Lines rows;
-    for (const auto& record : table) rows.push_back(Row(record));
-    return rows;
-}
 template <typename Key>
 std::vector<ar_model::Entry> Entries(const ::android::KeyedVector<sp<Key>, unsigned long>& table) {
     std::vector<ar_model::Entry> entries;
@@ -81,7 +73,7 @@ std::vector<ar_model::Entry> Entries(const ::android::KeyedVector<sp<Key>, unsig
 
 class ModelTest : public ObjectTest, public ar_model::World {
   protected:
-    // Runs on either, as onModel says.
+    // Runs on the library or on the model, as onModel says.
     using Step = std::function<void()>;
 
     template <typename F>
@@ -103,14 +95,14 @@ class ModelTest : public ObjectTest, public ar_model::World {
         if (call.id) line += " " + std::to_string(*call.id);
         if (call.event) line += " " + std::to_string(*call.event);
         if (call.latencyNs) line += " " + std::to_string(*call.latencyNs);
-        if (call.params) line += " " + Shown(call.params->numbers, call.params->name);
+        if (call.params) line += " " + Text(*call.params);
         calls.push_back(line);
-        inside(Inside::kModule);
+        inside(false);
         const auto result = module.results.find(slot);
         return result == module.results.end() ? 0 : result->second;
     }
     ar_model::Snapshot currentActivity() override {
-        inside(Inside::kModule);
+        inside(false);
         ar_model::Snapshot answer;
         for (const auto& event : module.current) answer.times.push_back(event.timestamp);
         answer.count =
@@ -131,7 +123,7 @@ class ModelTest : public ObjectTest, public ar_model::World {
                 line += ")";
             }
             journal.push_back(line);
-            inside(Inside::kClient);
+            inside(true);
             return client.send.isOk();
         });
     }
@@ -147,7 +139,7 @@ class ModelTest : public ObjectTest, public ar_model::World {
     void unlink(uint64_t from, uint64_t by) override {
         with(from, [&](auto& client) {
             journal.push_back(Joined(" ", client.name, "unlinked", by));
-            inside(Inside::kUnlink);
+            inside(false);
         });
     }
     void log(char level, const std::string& tag, const std::string& text) override {
@@ -165,187 +157,152 @@ class ModelTest : public ObjectTest, public ar_model::World {
         As process(*caller);
         return run();
     }
-    // Runs a client's call as that process, on the library or on the model, and notes its result.
-    template <typename Real, typename Modelled>
-    void client(Caller caller, Real real, Modelled modelled) {
-        if (onModel) return journal.push_back("= " + std::to_string(modelled()));
-        Note("= " + std::to_string(int32_t(as(caller, real))));
-    }
-    // The library's turn comes first: it shows which recipient it made.
-    template <typename Side, typename Shared, typename C>
-    void enterAs(Caller caller, const sp<C>& client, bool v1_1, Side& modelled, Shared& shared,
-                 const std::function<Return<void>()>& real) {
-        const uint64_t callback = uint64_t(client.get());
-        if (onModel) {
-            return v1_1 ? modelled.registerV1_1(caller, callback)
-                        : modelled.registerV1_0(caller, callback);
-        }
-        const size_t links = client == nullptr ? 0 : client->recipients.size();
-        WithoutMemory::active = !memory;
-        EXPECT_TRUE(as(caller, real).isOk());
-        WithoutMemory::active = false;
-        recipient = std::max<uint64_t>(uint64_t(shared.get()), 1);
-        if (client != nullptr && client->recipients.size() > links) {
-            recipient = uint64_t(client->recipients.back().unsafe_get());
-        }
-    }
-    template <typename C>
-    void die(uint64_t cookie, const sp<C>& client, bool empty) {
-        // An object that cannot be promoted stands in no table: no number is its.
-        const ar_model::Who who = {client != nullptr ? uint64_t(client.get())
-                                   : empty           ? 0
-                                                     : ~0ull,
-                                   client != nullptr};
-        const wp<IBase> gone = sp<IBase>(new C("gone"));
-        const wp<IBase> real = client != nullptr ? wp<IBase>(sp<IBase>(client))
-                               : empty           ? wp<IBase>()
-                                                 : gone;
-        if constexpr (std::is_same_v<C, Act1>) {
-            onModel ? activity->died(cookie, who) : act->HandleHidlDeath(cookie, real);
-        } else {
-            onModel ? environment->died(cookie, who) : env->HandleHidlDeath(cookie, real);
-        }
-    }
 
     int below(unsigned n) { return int(random() % n); }
+    bool rarely(unsigned n) { return below(n) == 0; }
     template <typename T>
     T oneOf(const std::vector<T>& values) {
         return values[below(values.size())];
-    }
-    Caller anyCaller() { return oneOf<Caller>({0, -1, 1, 2, 3, 4, 5}); }
-    int64_t anyTime() { return below(6) ? below(30) - 5 : oneOf<int64_t>({INT64_MIN, INT64_MAX}); }
-    int64_t anyLatency() {
-        return below(2) ? below(9) * 1000000000ll
-                        : oneOf<int64_t>(
-                                  {999999999, 2500000000, -1, -5000000000, INT64_MIN, INT64_MAX});
-    }
-    ar_model::Params anyParams() {
-        const auto numbers = oneOf<std::array<double, 4>>(
-                {{1, 0, 0, 0}, {1, -0.0, 0, 0}, {1, 0, 0, 0.5}, {2, 0, 0, 0}, {0, 5, 0, 0}});
-        return {numbers, below(8) ? "n" + std::to_string(below(9))
-                                  : std::string(oneOf<int>({0, 31, 32, 33}), 'x')};
     }
     template <typename C>
     sp<C> anyOf(const Pool<C>& pool) {
         return std::next(pool.begin(), below(pool.size()))->second;
     }
+    Caller anyCaller() { return oneOf<Caller>({0, -1, 1, 2, 3, 4}); }
+    int64_t anyTime() { return rarely(6) ? oneOf(kEdges) : below(30) - 5; }
+    int64_t anyLatency() { return rarely(2) ? oneOf(kEdges) : below(9) * 1000000000ll; }
+    ar_model::Params anyParams() {
+        const auto numbers = oneOf<std::array<double, 4>>({{1, 0, 0, 0},
+                                                           {1, -0.0, 0, 0},
+                                                           {1, 0, 0, 0.5},
+                                                           {2, 0, 0, 0},
+                                                           {mixed ? 0. : 1., 5, 0, 0}});
+        return {numbers, rarely(8) ? std::string(oneOf<int>({31, 32, 33}), 'x')
+                                   : "n" + std::to_string(below(9))};
+    }
 
     // What a client may do from inside its callback.
     Step clientCall(Caller caller) {
-        const uint32_t activity = below(3);
-        const uint32_t event = below(10) ? 1 + below(2) : oneOf<int>({0, 3});
+        const int slot = below(14);
+        uint32_t id = below(3), event = rarely(10) ? oneOf<int>({0, 3}) : 1 + below(2);
+        const auto& standing = model->requests;
+        if (slot >= 10 && !standing.empty() && below(4)) {  // or disables would seldom find theirs
+            const auto& request = oneOf(standing);
+            std::tie(caller, id, event) = std::tuple(request.pid, request.activity, request.event);
+        }
         const int64_t latency = anyLatency();
         const ar_model::Params params = anyParams();
         const OtherParams hidl = Params(params.numbers, params.name);
-        const auto call = [this, caller](auto real, auto modelled) -> Step {
-            return [=] { client(caller, real, modelled); };
+        const bool extended = slot >= 7 || !mixed;
+        const auto onLibrary = [=]() -> Return<int32_t> {
+            if (slot == 0) return act->flush();
+            if (slot == 1) return env->initEnvironment(id, hidl);
+            if (slot == 2) return env->exitEnvironment(id, hidl);
+            if (slot == 3) return env->enableEnvironment(id, event, latency, hidl);
+            if (slot == 4) return env->disableEnvironment(id, event);
+            if (slot >= 10) return act->disableActivityEvent(id, event);
+            if (extended) return act->enableActivityEventExtend(id, event, latency, hidl);
+            return act->enableActivityEvent(id, event, latency);
         };
-        switch (below(12)) {
-            case 0:
-                return call([=] { return act->flush(); }, [=] { return this->activity->flush(); });
-            case 1:
-                return call([=] { return env->initEnvironment(activity, hidl); },
-                            [=] { return environment->init(activity, params); });
-            case 2:
-                return call([=] { return env->exitEnvironment(activity, hidl); },
-                            [=] { return environment->exit(activity, params); });
-            case 3:
-                return call([=] { return env->enableEnvironment(activity, event, latency, hidl); },
-                            [=] { return environment->enable(activity, event, latency, params); });
-            case 4:
-                return call([=] { return env->disableEnvironment(activity, event); },
-                            [=] { return environment->disable(activity, event); });
-            case 5:
-            case 6:
-            case 7:
-                return call(
-                        [=] { return act->enableActivityEvent(activity, event, latency); },
-                        [=] { return this->activity->enable(caller, activity, event, latency); });
-            case 8:
-            case 9:
-                return call(
-                        [=] {
-                            return act->enableActivityEventExtend(activity, event, latency, hidl);
-                        },
-                        [=] {
-                            return this->activity->enableExtended(caller, activity, event, latency,
-                                                                  params);
-                        });
-            default:
-                return call([=] { return act->disableActivityEvent(activity, event); },
-                            [=] { return this->activity->disable(caller, activity, event); });
-        }
+        const auto onTheModel = [=] {
+            if (slot == 0) return model->flush();
+            if (slot == 1) return envModel->init(id, params);
+            if (slot == 2) return envModel->exit(id, params);
+            if (slot == 3) return envModel->enable(id, event, latency, params);
+            if (slot == 4) return envModel->disable(id, event);
+            if (slot >= 10) return model->disable(caller, id, event);
+            if (extended) return model->enableExtended(caller, id, event, latency, params);
+            return model->enable(caller, id, event, latency);
+        };
+        return [=] {
+            if (onModel) return journal.push_back("= " + std::to_string(onTheModel()));
+            Note("= " + std::to_string(int32_t(as(caller, onLibrary))));
+        };
     }
 
-    Step entering(Caller caller) {
-        const bool v1_1 = below(2), null = below(20) == 0;
-        memory = below(10) != 0;
-        const Status link = below(6) ? Status::ok() : Status::fromStatusT(::android::DEAD_OBJECT);
-        const auto script = [&](auto client) {
-            client->link = link;
-            client->linkAnswer = below(6) != 0;
-            client->send = below(4) ? Status::ok() : Status::fromStatusT(::android::DEAD_OBJECT);
-            return null ? nullptr : client;
+    template <typename C, typename SideModel, typename Register, typename Shared>
+    Step entering(Caller caller, const sp<C>& client, SideModel& to, bool v1_1, Shared& shared,
+                  Register registerAs) {
+        const bool null = rarely(20), dead = rarely(6);
+        memory = !rarely(10);
+        client->link = Status::fromStatusT(dead ? ::android::DEAD_OBJECT : ::android::OK);
+        client->linkAnswer = !rarely(6);
+        client->send = Status::fromStatusT(rarely(4) ? ::android::DEAD_OBJECT : ::android::OK);
+        const auto links = client->recipients.size();
+        return [=, &to, &shared] {
+            const uint64_t callback = null ? 0 : uint64_t(client.get());
+            if (onModel) {
+                return v1_1 ? to.registerV1_1(caller, callback) : to.registerV1_0(caller, callback);
+            }
+            WithoutMemory::active = !memory;
+            EXPECT_TRUE(as(caller, [&] { return registerAs(null ? nullptr : client); }).isOk());
+            WithoutMemory::active = false;
+            // The library's turn comes first, and shows which recipient it made.
+            const bool linked = client->recipients.size() > links;
+            recipient = linked ? uint64_t(client->recipients.back().unsafe_get())
+                               : std::max<uint64_t>(uint64_t(shared.get()), 1);
         };
+    }
+    Step anyEntering(Caller caller) {
+        const bool v1_1 = below(2);
         if (below(3)) {
-            const sp<Act1> c = script(anyOf(acts));
-            return [=] {
-                enterAs(caller, c, v1_1, *activity, Act::sharedRecipient(*act), [&] {
-                    return v1_1 ? act->registerActivityCallbackV1_1(c)
-                                : act->registerActivityCallback(c);
-                });
-            };
+            return entering(caller, anyOf(acts), *model, v1_1, Act::sharedRecipient(*act),
+                            [=](const sp<Act1>& c) {
+                                return v1_1 ? act->registerActivityCallbackV1_1(c)
+                                            : act->registerActivityCallback(c);
+                            });
         }
-        const sp<Env1> c = script(anyOf(envs));
-        return [=] {
-            enterAs(caller, c, v1_1, *environment, Env::sharedRecipient(*env), [&] {
-                return v1_1 ? env->registerEnvironmentCallbackV1_1(c)
-                            : env->registerEnvironmentCallback(c);
-            });
-        };
+        return entering(caller, anyOf(envs), *envModel, v1_1, Env::sharedRecipient(*env),
+                        [=](const sp<Env1>& c) {
+                            return v1_1 ? env->registerEnvironmentCallbackV1_1(c)
+                                        : env->registerEnvironmentCallback(c);
+                        });
     }
 
     Step dying() {
         const uint64_t cookie = int64_t(*anyCaller());
-        const bool exists = below(4), empty = below(2), isAct = below(2);
-        const sp<Act1> a = exists ? anyOf(acts) : nullptr;
-        const sp<Env1> e = exists ? anyOf(envs) : nullptr;
-        return [=] { isAct ? die(cookie, a, empty) : die(cookie, e, empty); };
+        const bool isAct = below(2);
+        const sp<IBase> client = isAct ? sp<IBase>(anyOf(acts)) : sp<IBase>(anyOf(envs));
+        wp<IBase> who = client;
+        ar_model::Who modelWho = {uint64_t(client.get()), true};
+        if (rarely(4)) std::tie(who, modelWho) = std::tuple(wp<IBase>(), ar_model::Who());
+        if (rarely(6)) {  // no longer promotable: it stands in no table, and no number is its
+            who = sp<IBase>(new Act1("gone"));
+            modelWho = {~0ull, false};
+        }
+        return [=] {
+            if (isAct)
+                onModel ? model->died(cookie, modelWho) : act->HandleHidlDeath(cookie, who);
+            else
+                onModel ? envModel->died(cookie, modelWho) : env->HandleHidlDeath(cookie, who);
+        };
     }
 
     Step batch(Caller caller) {
-        const bool null = below(30) == 0;
-        const int count = below(12) ? 1 + below(8) : oneOf<int>({0, -1, 192, 193, INT32_MIN});
-        std::vector<ar_model::Event> events;
+        const int kind = below(4);
+        const bool plain = kind < 2, null = rarely(30);
+        const int count = rarely(12) ? oneOf<int>({0, -1, 192, 193, INT32_MIN}) : 1 + below(8);
+        std::vector<ar_model::Event> events(std::max(count, 1));
         std::vector<activity_event> plains;
         std::vector<ar_context_event> contexts;
-        for (int i = 0; i < std::max(count, 1); ++i) {
-            events.push_back(
-                    {uint32_t(below(4)), uint32_t(below(4)), anyTime(), uint32_t(below(99))});
-            const auto& e = events.back();
-            plains.push_back({e.type, e.activity, e.timestamp, e.extra, {}});
-        }
-        const int kind = below(4);
         for (auto& e : events) {
-            if (kind < 2) continue;
-            e.value = below(99);
-            e.name = "e" + std::to_string(e.value);
+            e = {uint32_t(below(4)), uint32_t(below(4)), anyTime(), uint32_t(below(99))};
+            if (!plain) std::tie(e.value, e.name) = std::tuple(below(99), "e");
+            plains.push_back({e.type, e.activity, e.timestamp, e.extra, {}});
             contexts.push_back(Context(e.type, e.activity, e.timestamp, e.extra, e.value, e.name));
         }
         return [=] {
-            const auto* const model = null ? nullptr : events.data();
-            const auto* const context = null ? nullptr : contexts.data();
             if (onModel) {
-                if (kind < 2) activity->changed(caller, model, count);
-                if (kind == 2) activity->extendChanged(model, count);
-                if (kind == 3) environment->changed(model, count);
-                return;
+                const auto* const all = null ? nullptr : events.data();
+                if (plain) return model->changed(caller, all, count);
+                return kind == 2 ? model->extendChanged(all, count) : envModel->changed(all, count);
             }
             as(caller, [&] {
-                if (kind < 2)
-                    module.activity->activity_changed(null ? nullptr : plains.data(), count);
-                if (kind == 2) module.activity->activity_extend_changed(context, count);
-                if (kind == 3) module.environment->environment_changed(context, count);
+                const auto* const all = null ? nullptr : contexts.data();
+                const auto* const plainOnes = null ? nullptr : plains.data();
+                if (plain) return module.activity->activity_changed(plainOnes, count);
+                kind == 2 ? module.activity->activity_extend_changed(all, count)
+                          : module.environment->environment_changed(all, count);
             });
         };
     }
@@ -355,129 +312,126 @@ class ModelTest : public ObjectTest, public ar_model::World {
         const uint64_t pid = int64_t(*anyCaller());
         const uint32_t a = below(3), e = 1 + below(2);
         const int64_t n = anyTime();
-        const auto client = below(2) ? anyOf(acts) : nullptr;
-        const auto other = below(2) ? anyOf(envs) : nullptr;
-        switch (below(8)) {
+        switch (below(6)) {
             case 0:
+                Act::requests().push_back({pid, a, e, n, {{1, 0, 0, 0}, "twin"}});
+                return model->requests.push_back({pid, a, e, n, {{1, 0, 0, 0}, "twin"}});
             case 1:
-                Act::requests().push_back({pid, a, e, n, {}});
-                activity->requests.push_back({pid, a, e, n});
-                break;
-            case 2:
-            case 3:
                 Act::barriers().push_back({pid, a, e, n});
-                activity->barriers.push_back({pid, a, e, n});
-                break;
-            case 4:
+                return model->barriers.push_back({pid, a, e, n});
+            case 2:
                 Act::lastEvents().push_back({pid, a, e, n, {}, 0});
-                activity->lastEvents.push_back({pid, a, e, n});
-                break;
-            case 5:
+                return model->lastEvents.push_back({pid, a, e, n});
+            case 3:
                 Act::natives(*act).push_back({pid, a, e, n, 0});
-                activity->natives.push_back({pid, a, e, n, 0});
-                break;
-            case 6:
-                (below(2) ? void(Act::clientsV1_1().add(client, pid))
-                          : void(Act::clientsV1_0().add(client, pid)));
-                activity->clientsV1_1 = Entries(Act::clientsV1_1());
-                activity->clientsV1_0 = Entries(Act::clientsV1_0());
+                return model->natives.push_back({pid, a, e, n, 0});
+            case 4:
+                Act::clientsV1_1().add(below(2) ? anyOf(acts) : nullptr, pid);
+                Act::clientsV1_0().add(below(2) ? anyOf(acts) : nullptr, pid);
                 break;
             default:
-                (below(2) ? void(Env::clientsV1_1().add(other, pid))
-                          : void(Env::clientsV1_0().add(other, pid)));
-                environment->clientsV1_1 = Entries(Env::clientsV1_1());
-                environment->clientsV1_0 = Entries(Env::clientsV1_0());
+                Env::clientsV1_1().add(below(2) ? anyOf(envs) : nullptr, pid);
+                Env::clientsV1_0().add(below(2) ? anyOf(envs) : nullptr, pid);
         }
+        model->clientsV1_1 = Entries(Act::clientsV1_1());
+        model->clientsV1_0 = Entries(Act::clientsV1_0());
+        envModel->clientsV1_1 = Entries(Env::clientsV1_1());
+        envModel->clientsV1_0 = Entries(Env::clientsV1_0());
     }
 
     // ---- One program.
 
     void start(unsigned seed) {
         random.seed(seed);
+        mixed = seed % 3 != 0;
         make();
         const auto [onActivity, onEnvironment] = std::pair(module.activity, module.environment);
         const bool hasModule = seed % 8 != 0;
         if (!hasModule) make(nullptr, nullptr);
-        module.activity = onActivity;  // they stay valid, whatever becomes of the object
+        module.activity = onActivity;  // valid whatever becomes of the object
         module.environment = onEnvironment;
-        module.inside = [] { inside(Inside::kModule); };
-        activity.emplace(*this, hasModule);
-        environment.emplace(*this, hasModule);
+        module.inside = [] { inside(false); };
+        model.emplace(*this, hasModule);
+        envModel.emplace(*this, hasModule);
         acts.clear();
         envs.clear();
-        for (int i = 0; i < 7; ++i) add(acts, "a" + std::to_string(i));
-        for (int i = 0; i < 4; ++i) add(envs, "e" + std::to_string(i));
-        inside = [this](Inside place) {
-            const char* const mark = place == Inside::kModule ? "module" : "client";
-            onModel ? log('I', "inside", mark)
-                    : void(__android_log_print(ANDROID_LOG_INFO, "inside", "%s", mark));
+        while (acts.size() < 7) add<Act1>(acts);
+        while (envs.size() < 4) add<Env1>(envs);
+        inside = [this](bool client) {
+            // In the log this shows the order of everything.
+            const char* const mark = client ? "client" : "other";
+            if (onModel)
+                log('I', "inside", mark);
+            else
+                __android_log_print(ANDROID_LOG_INFO, "inside", "%s", mark);
             // Once a client is being called, a batch would wait for itself.
-            if (place == Inside::kClient) nested[0] = nullptr;
-            Step& next = nested[place == Inside::kClient];
-            if (next) std::exchange(next, nullptr)();
+            if (client) nested[0] = nullptr;
+            if (nested[client]) std::exchange(nested[client], nullptr)();
         };
     }
     template <typename C>
-    static void add(Pool<C>& pool, const std::string& name) {
-        const sp<C> client = new C(name);
-        client->inside = [] { inside(Inside::kClient); };
+    static void add(Pool<C>& pool) {
+        const sp<C> client =
+                new C((std::is_same_v<C, Act1> ? "a" : "e") + std::to_string(pool.size()));
+        client->inside = [] { inside(true); };
         pool[uint64_t(client.get())] = client;
     }
 
-    void run(int step) {
+    void run() {
         module.results.clear();
-        if (below(3) == 0)
-            module.results[oneOf<std::string>({"enable", "extend", "disable", "flush", "init",
-                                               "exit"})] = oneOf<int>({1, -1, 5});
+        const std::string slot =
+                oneOf<std::string>({"enable", "extend", "disable", "flush", "init", "exit"});
+        if (rarely(3)) module.results[slot] = oneOf<int>({1, -1, 5});
         module.current.clear();
         for (int i = below(7); i > 0; --i) module.current.push_back(Context(1, 1, anyTime()));
-        module.countOverride = below(4) ? INT32_MIN : oneOf<int>({0, -3});
-        module.nullArrays = below(10) == 0;
-        const Caller caller = below(10) ? anyCaller() : std::nullopt;
+        module.countOverride = rarely(4) ? oneOf<int>({0, -3}) : INT32_MIN;
+        module.nullArrays = rarely(10);
+        if (rarely(20)) seedTables();
+
+        const Caller caller = rarely(10) ? std::nullopt : anyCaller();
         const int kind = below(20);
-        if (kind == 0) seedTables();
-        const Step made = kind < 4    ? entering(caller)
+        const Step step = kind < 4    ? anyEntering(caller)
                           : kind < 6  ? dying()
-                          : kind < 13 ? clientCall(caller)
+                          : kind < 14 ? clientCall(caller)
                                       : batch(caller);
-        // From inside a client's callback clients call; from inside others the module reports, too.
-        const Step fromClient = below(3) ? nullptr : clientCall(anyCaller());
+        // From inside its callback a client calls; from inside others the module reports, too.
+        const Step fromClient = rarely(3) ? clientCall(anyCaller()) : nullptr;
         const Step fromOthers = below(3)   ? nullptr
                                 : below(2) ? batch(anyCaller())
                                            : clientCall(anyCaller());
-        for (bool model : {false, true}) {
-            onModel = model;
+        for (const bool now : {false, true}) {
+            onModel = now;
             nested[0] = caller ? fromOthers : nullptr;
             nested[1] = caller ? fromClient : nullptr;
-            made();
+            step();
         }
-        (void)step;
     }
 
     void compare() {
         ASSERT_EQ(TakeLog(), std::exchange(logged, {}));
         ASSERT_EQ(module.take(), std::exchange(calls, {}));
         ASSERT_EQ(TakeJournal(), std::exchange(journal, {}));
-        ASSERT_EQ(Rows(Act::requests()), Rows(activity->requests));
-        ASSERT_EQ(Rows(Act::natives(*act)), Rows(activity->natives));
-        ASSERT_EQ(Rows(Act::barriers()), Rows(activity->barriers));
-        ASSERT_EQ(Rows(Act::lastEvents()), Rows(activity->lastEvents));
-        ASSERT_EQ(Rows(Act::reported()), Rows(activity->reported));
-        ASSERT_EQ(Rows(Entries(Act::clientsV1_1())), Rows(activity->clientsV1_1));
-        ASSERT_EQ(Rows(Entries(Act::clientsV1_0())), Rows(activity->clientsV1_0));
-        ASSERT_EQ(Rows(Entries(Act::recipients(*act))), Rows(activity->recipientsV1_1));
-        ASSERT_EQ(Rows(Entries(Env::clientsV1_1())), Rows(environment->clientsV1_1));
-        ASSERT_EQ(Rows(Entries(Env::clientsV1_0())), Rows(environment->clientsV1_0));
-        ASSERT_EQ(uint64_t(Act::sharedRecipient(*act).get()), activity->sharedRecipient);
-        ASSERT_EQ(uint64_t(Env::sharedRecipient(*env).get()), environment->sharedRecipient);
+        ASSERT_EQ(Texts(Act::requests()), Texts(model->requests));
+        ASSERT_EQ(Texts(Act::natives(*act)), Texts(model->natives));
+        ASSERT_EQ(Texts(Act::barriers()), Texts(model->barriers));
+        ASSERT_EQ(Texts(Act::lastEvents()), Texts(model->lastEvents));
+        ASSERT_EQ(Pids(Act::reported().begin(), Act::reported().end()), model->reported);
+        ASSERT_EQ(Texts(Entries(Act::clientsV1_1())), Texts(model->clientsV1_1));
+        ASSERT_EQ(Texts(Entries(Act::clientsV1_0())), Texts(model->clientsV1_0));
+        ASSERT_EQ(Texts(Entries(Act::recipients(*act))), Texts(model->recipientsV1_1));
+        ASSERT_EQ(Texts(Entries(Env::clientsV1_1())), Texts(envModel->clientsV1_1));
+        ASSERT_EQ(Texts(Entries(Env::clientsV1_0())), Texts(envModel->clientsV1_0));
+        ASSERT_EQ(uint64_t(Act::sharedRecipient(*act).get()), model->sharedRecipient);
+        ASSERT_EQ(uint64_t(Env::sharedRecipient(*env).get()), envModel->sharedRecipient);
     }
 
     std::mt19937 random;
-    std::optional<ar_model::Activity> activity;
-    std::optional<ar_model::Environment> environment;
+    std::optional<ar_model::Activity> model;
+    std::optional<ar_model::Environment> envModel;
     Pool<Act1> acts;
     Pool<Env1> envs;
     bool onModel = false;
+    bool mixed = true;  // plain enables, too
     bool memory = true;
     uint64_t recipient = 0;  // that the next registration on the model makes
     Step nested[2];          // from inside others, from inside a client; the first to come runs it
@@ -485,11 +439,11 @@ class ModelTest : public ObjectTest, public ar_model::World {
 };
 
 TEST_F(ModelTest, AnyProgramRunsAsTheModelDoes) {
-    for (unsigned seed = 1; seed <= 60; ++seed) {
+    for (unsigned seed = 1; seed <= 300; ++seed) {
         start(seed);
         for (int step = 0; step < 120; ++step) {
             SCOPED_TRACE(Joined(" ", "seed", seed, "step", step));
-            run(step);
+            run();
             compare();
             if (HasFailure()) return;
         }
