@@ -386,7 +386,7 @@ class ModelTest : public ObjectTest, public ar_model::World {
         for (int i = below(7); i > 0; --i) module.current.push_back(Context(1, 1, anyTime()));
         module.countOverride = rarely(4) ? oneOf<int>({0, -3}) : INT32_MIN;
         module.nullArrays = rarely(10);
-        if (rarely(20)) seedTables();
+        if (rarely(10)) seedTables();
 
         const Caller caller = rarely(10) ? std::nullopt : anyCaller();
         const int kind = below(20);
