@@ -1,6 +1,5 @@
 // The model of the rules in the demo's words: clients have names, calls and events are JSON as the
-// module's trace and the clients show them. Knows nothing of how the service or the simulator do
-// it.
+// module's trace and the clients show them.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
 // The demo: a service process with the simulator, client processes of both interface versions, a
-// timeline of what happens between them, and a comparison with what a small model says must happen.
+// timeline of what happens between them, and a comparison with what the model says must happen.
 // Exit status: 0 when reality and model agree, 1 otherwise.
 #include <fmt/format.h>
 
