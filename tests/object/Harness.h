@@ -53,6 +53,13 @@ struct ActivityInterfaceTestPeer {
     static auto& lastEvents() NO_THREAD_SAFETY_ANALYSIS { return I::mLastActivityEvent; }
     static auto& reported() NO_THREAD_SAFETY_ANALYSIS { return I::packageNames; }
     static auto& natives(I& on) NO_THREAD_SAFETY_ANALYSIS { return on.mEnableToNativeData; }
+    static auto& listMutex() { return I::mListMutex; }
+    static auto& eventMutex() { return I::eventMutex; }
+    static bool isFree(::android::Mutex& mutex) NO_THREAD_SAFETY_ANALYSIS {
+        const bool free = mutex.tryLock() == 0;
+        if (free) mutex.unlock();
+        return free;
+    }
     static auto& recipients(I& on) { return Recipients::of(on.mDeathRecipientVectorV1_1); }
     static auto& sharedRecipient(I& on) { return Recipients::of(on.mDeathRecipient); }
 };

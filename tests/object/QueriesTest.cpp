@@ -1,4 +1,4 @@
-// Queries of both sides and both versions; the environment side's control calls.
+// Queries of both sides and both versions.
 #include <tuple>
 
 #include "Harness.h"
@@ -104,50 +104,6 @@ TEST_F(QueryTest, AnswerNothingWithoutATable) {
     for (const Query& query : kQueries) {
         EXPECT_EQ(query.ask({act, env}), Lines{"answered"});
         EXPECT_EQ(TakeLog(), Lines{query.unavailable + "interface is not available"});
-    }
-}
-
-using ControlTest = ObjectTest;
-
-TEST_F(ControlTest, PassesEverythingOnAndFoldsTheResult) {
-    const OtherParams fits = Params({0.5, 0, 0, 0}, std::string(32, 'x'));
-    const OtherParams tooLong = Params({0, 0, 0, 0}, std::string(33, 'x'));
-    const std::string params = " [0.5 0 0 0 '" + std::string(32, 'x') + "']";
-    const struct {
-        const char* slot;
-        std::function<int32_t(const OtherParams&)> call;
-        std::string told;
-        std::string refused;  // up to the reason
-    } controls[] = {
-            {"init", [this](auto& p) -> int32_t { return env->initEnvironment(3, p); },
-             "init 3" + params, "initEnvironment: initEnvironment"},
-            {"exit", [this](auto& p) -> int32_t { return env->exitEnvironment(3, p); },
-             "exit 3" + params, "exitEnvironment: exitEnvironment"},
-            {"enable", [this](auto& p) -> int32_t { return env->enableEnvironment(3, 9, -7, p); },
-             "enable 3 9 -7" + params, "enableEnvironment: enableEnvironment"},
-            {"disable", [this](auto&) -> int32_t { return env->disableEnvironment(3, 9); },
-             "disable 3 9", "disableEnvironment:"},
-    };
-    const auto refusal = [](const auto& control) {
-        return Lines{"E AR_impl_Env: " + control.refused + " mImpl interface is not available"};
-    };
-    for (const auto& control : controls) {
-        SCOPED_TRACE(control.slot);
-        for (int code : {0, 5, -1}) {
-            module.results = {{control.slot, code}};
-            EXPECT_EQ(control.call(fits), code == 0 ? 0 : 1);
-            EXPECT_EQ(module.take(), Lines{control.told});
-        }
-        EXPECT_EQ(TakeLog(), Lines{});
-        if (control.told == "disable 3 9") continue;  // takes no name
-        EXPECT_EQ(control.call(tooLong), 1);
-        EXPECT_EQ(module.take(), Lines{});
-        EXPECT_EQ(TakeLog(), refusal(control));
-    }
-    make(nullptr, nullptr);
-    for (const auto& control : controls) {
-        EXPECT_EQ(control.call(fits), 1);
-        EXPECT_EQ(TakeLog(), refusal(control));
     }
 }
 

@@ -59,6 +59,25 @@ TEST_F(ThreadsTest, ClientsDeathsAndTheModuleAtOnce) {
     EXPECT_EQ(Act::requests().size(), 0u);
 }
 
+TEST_F(ThreadsTest, ClientsAreCalledUnderOneLockAndTheModuleUnderNone) {
+    const auto client = add<ActClient1>(70, "c");
+    client->inside = [] {
+        EXPECT_FALSE(Act::isFree(Act::listMutex()));
+        EXPECT_TRUE(Act::isFree(Act::eventMutex()));
+    };
+    module.inside = [] {
+        EXPECT_TRUE(Act::isFree(Act::listMutex()));
+        EXPECT_TRUE(Act::isFree(Act::eventMutex()));
+    };
+    enable(70, 1, 1, 0);
+    enableExtended(70, 1, 1, 0, OtherParams());
+    plain({{1, 1, 5, 0, {}}});
+    extended({Context(1, 1, 5)});
+    disable(70, 1, 1);
+    act->flush().isOk();
+    EXPECT_EQ(TakeJournal().size(), 2u);
+}
+
 TEST_F(ThreadsTest, RacingFirstRegistrationsShareOneRecipient) {
     std::vector<sp<ActClient0>> clients;
     std::vector<std::thread> threads;
