@@ -55,14 +55,14 @@ const NativeEnable* find(const std::vector<NativeEnable>& table, uint32_t activi
 }  // namespace
 
 void Activity::registerV1_0(Caller caller, Callback callback) {
-    registerFirst(caller, callback, clientsV1_0, 0,
-                  {"registerActivityCallback mDeathRecipient new failed",
-                   "IPCThreadState::self() V1_0 returns nullptr",
-                   "It's already register pid[%lu] V1_0 callback",
-                   "Transaction error in linking to V1_0 ActivityInterface death: %s",
-                   "Unable to link to V1_0 ActivityInterface death notifications",
-                   "Pid[%lu] link to V1_0 ActivityInterface death notification successful, total "
-                   "cb[%d]"});
+    registerFirst(
+            caller, callback, clientsV1_0, 0,
+            {"registerActivityCallback mDeathRecipient new failed",
+             "IPCThreadState::self() V1_0 returns nullptr",
+             "It's already register pid[%lu] V1_0 callback",
+             "Transaction error in linking to V1_0 ActivityInterface death: %s",
+             "Unable to link to V1_0 ActivityInterface death notifications",
+             "Pid[%lu] link to V1_0 ActivityInterface death notification successful, total cb[%d]"});
 }
 
 // The process's later callback replaces the earlier one, and every registration has a recipient of

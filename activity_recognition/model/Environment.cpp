@@ -5,25 +5,25 @@ namespace ar_model {
 // Both versions refuse a process's second callback; without a caller the process is 1.
 
 void Environment::registerV1_0(Caller caller, Callback callback) {
-    registerFirst(caller, callback, clientsV1_0, 1,
-                  {"registerEnvironmentCallback new mDeathRecipient failed",
-                   "IPCThreadState::self() V1_0 returns nullptr",
-                   "It's already register pid[%lu] callback, V1_0",
-                   "Transaction error in linking to EnvironmentInterfaceV1_0 death: %s",
-                   "Unable to link to EnvironmentInterfaceV1_0 death notifications",
-                   "Pid[%lu] link to EnvironmentInterfaceV1_0 death notification successful, total "
-                   "cb[%d]"});
+    registerFirst(
+            caller, callback, clientsV1_0, 1,
+            {"registerEnvironmentCallback new mDeathRecipient failed",
+             "IPCThreadState::self() V1_0 returns nullptr",
+             "It's already register pid[%lu] callback, V1_0",
+             "Transaction error in linking to EnvironmentInterfaceV1_0 death: %s",
+             "Unable to link to EnvironmentInterfaceV1_0 death notifications",
+             "Pid[%lu] link to EnvironmentInterfaceV1_0 death notification successful, total cb[%d]"});
 }
 
 void Environment::registerV1_1(Caller caller, Callback callback) {
-    registerFirst(caller, callback, clientsV1_1, 1,
-                  {"registerEnvironmentCallbackV1_1 Death new failed",
-                   "IPCThreadState::self() V1_1 returns nullptr",
-                   "It's already register pid[%lu] callback, V1_1",
-                   "Transaction error in linking to EnvironmentInterfaceV1_1 death: %s",
-                   "Unable to link to EnvironmentInterfaceV1_1 death notifications",
-                   "Pid[%lu] link to EnvironmentInterfaceV1_1 death notification successful, total "
-                   "cb[%d]"});
+    registerFirst(
+            caller, callback, clientsV1_1, 1,
+            {"registerEnvironmentCallbackV1_1 Death new failed",
+             "IPCThreadState::self() V1_1 returns nullptr",
+             "It's already register pid[%lu] callback, V1_1",
+             "Transaction error in linking to EnvironmentInterfaceV1_1 death: %s",
+             "Unable to link to EnvironmentInterfaceV1_1 death notifications",
+             "Pid[%lu] link to EnvironmentInterfaceV1_1 death notification successful, total cb[%d]"});
 }
 
 // The very object leaves the tables, version 1.1 first; "finish" when version 1.0 had none of it.

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <system_error>
 
+#include <android-base/unique_fd.h>
 #include <fmt/format.h>
 
 namespace modulecheck {
@@ -120,20 +121,22 @@ void Probe::send(char kind, const char* rule, const std::string& text) {
 }
 
 void runInChild(const Check& check, const Options& options, Seconds allowed, Report* report) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+    android::base::unique_fd receiving, sending;
+    if (!android::base::Pipe(&receiving, &sending)) {
+        throw std::system_error(errno, std::generic_category(), "pipe");
+    }
     const pid_t child = fork();
     if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
     if (child == 0) {
-        close(fds[0]);
-        prepareGuards(fds[1]);
-        Probe probe(fds[1], options);
+        receiving.reset();
+        prepareGuards(sending.get());
+        Probe probe(sending.get(), options);
         check(probe);
-        ssize_t ignored = write(fds[1], "D\t\t\n", 4);
+        ssize_t ignored = write(sending.get(), "D\t\t\n", 4);
         (void)ignored;
         _exit(0);
     }
-    close(fds[1]);
+    sending.reset();
 
     Listener listener(report);
     const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(allowed);
@@ -142,13 +145,13 @@ void runInChild(const Check& check, const Options& options, Seconds allowed, Rep
     while (true) {
         const auto left =
                 std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        pollfd fd = {fds[0], POLLIN, 0};
+        pollfd fd = {receiving.get(), POLLIN, 0};
         if (left <= 0 || poll(&fd, 1, static_cast<int>(left)) == 0) {
             late = true;
             break;
         }
         char text[4096];
-        const ssize_t size = read(fds[0], text, sizeof(text));
+        const ssize_t size = read(receiving.get(), text, sizeof(text));
         if (size <= 0) break;
         listener.take(text, static_cast<size_t>(size));
     }
@@ -156,7 +159,6 @@ void runInChild(const Check& check, const Options& options, Seconds allowed, Rep
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
-    close(fds[0]);
     if (late && listener.isDone()) return;
     if (late) {
         listener.fate(fmt::format("nothing more for {:g} s or longer", options.timeout.count()));
