@@ -4,7 +4,8 @@
 #pragma once
 
 #include <stdint.h>
-#include <stdio.h>
+
+#include <log/log.h>
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
@@ -12,7 +13,7 @@ namespace V1_1 { namespace implementation {
 // A format string, which the compiler checks against sample arguments of the types that it will be
 // printed with.
 #define AR_FORMAT(format, ...) \
-    (false ? static_cast<void>(snprintf(nullptr, 0, format, __VA_ARGS__)) : void(), format)
+    (false ? static_cast<void>(__android_log_print(0, "", format, __VA_ARGS__)) : void(), format)
 
 // What a registration says.
 struct RegistrationTexts {
