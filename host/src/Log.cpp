@@ -1,6 +1,124 @@
+// Where log lines go on the host: stderr, as liblog writes them. A device's log never holds up or
+// ends who writes to it, so neither does this one, whoever reads it.
 #include <android/log.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+
+#include <android-base/errno_restorer.h>
+#include <android-base/unique_fd.h>
+
+namespace android { namespace hardware { namespace host { namespace {
+
+// Lines that nobody took since the last one that somebody did.
+std::atomic<uint64_t> gDropped{0};
+
+// The signal of writing to a pipe that nobody reads is this thread's alone, and is taken back.
+class ScopedNoSigpipe {
+  public:
+    ScopedNoSigpipe() {
+        sigemptyset(&mPipe);
+        sigaddset(&mPipe, SIGPIPE);
+        sigset_t pending;
+        sigpending(&pending);
+        mWasPending = sigismember(&pending, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &mPipe, &mBefore);
+    }
+    ~ScopedNoSigpipe() {
+        const timespec now = {};
+        while (!mWasPending && sigtimedwait(&mPipe, nullptr, &now) < 0 && errno == EINTR) {
+        }
+        pthread_sigmask(SIG_SETMASK, &mBefore, nullptr);
+    }
+
+  private:
+    sigset_t mPipe;
+    sigset_t mBefore;
+    bool mWasPending;
+};
+
+bool writeAll(int fd, const std::string& line) {
+    ssize_t size;
+    do {
+        size = write(fd, line.data(), line.size());
+    } while (size < 0 && errno == EINTR);
+    return size == static_cast<ssize_t>(line.size());
+}
+
+// Never waits. False when the line was not taken.
+bool put(const std::string& line) {
+    struct stat info = {};
+    if (fstat(STDERR_FILENO, &info) != 0) return false;
+    if (S_ISREG(info.st_mode)) return writeAll(STDERR_FILENO, line);
+    if (S_ISSOCK(info.st_mode)) {
+        return send(STDERR_FILENO, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(line.size());
+    }
+    ScopedNoSigpipe noSigpipe;
+    // O_NONBLOCK on stderr itself would be everybody's who has it. Opened for each line, so that
+    // the program may point stderr elsewhere, and its reader sees the end when it closes it.
+    base::unique_fd own(open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (own.get() >= 0) return writeAll(own.get(), line);
+    // Another user's pipe, or no descriptor left: as good as it gets is to ask first.
+    pollfd room = {STDERR_FILENO, POLLOUT, 0};
+    return poll(&room, 1, 0) == 1 && room.revents == POLLOUT && writeAll(STDERR_FILENO, line);
+}
+
+// liblog's own form.
+std::string format(const __android_logger_data& data, const char* text) {
+    static const char kPriorities[] = "??VDIWEF";
+    const size_t priority = static_cast<size_t>(data.priority);
+    const time_t now = time(nullptr);
+    tm local = {};
+    localtime_r(&now, &local);
+    char when[32];
+    strftime(when, sizeof(when), "%m-%d %H:%M:%S", &local);
+    char start[256];
+    snprintf(start, sizeof(start), "%s %c %s %5d %5d ",
+             data.tag != nullptr ? data.tag : program_invocation_short_name,
+             priority < sizeof(kPriorities) - 1 ? kPriorities[priority] : '?', when, getpid(),
+             static_cast<int>(syscall(SYS_gettid)));
+    std::string line = start;
+    if (data.file != nullptr) {
+        line += std::string(data.file) + ":" + std::to_string(data.line) + "] ";
+    }
+    line += text;
+    // A pipe takes so much whole or not at all; a device's log cuts there too.
+    if (line.size() >= PIPE_BUF) line.resize(PIPE_BUF - 1);
+    return line + '\n';
+}
+
+void log(const __android_logger_data* data, const char* text) {
+    const base::ErrnoRestorer restoreErrno;
+    const uint64_t dropped = gDropped.exchange(0);
+    if (dropped > 0) {
+        const __android_logger_data about = {sizeof(about), 0,       ANDROID_LOG_WARN,
+                                             "hidl",        nullptr, 0};
+        const std::string told =
+                "Nobody read the log: " + std::to_string(dropped) + " lines are missing here";
+        if (!put(format(about, told.c_str()))) {
+            gDropped += dropped + 1;
+            return;
+        }
+    }
+    if (!put(format(*data, text))) ++gDropped;
+}
 
 // A device's log holds debug lines; liblog on a host drops them unless it is told.
-__attribute__((constructor)) static void keepDebugLines() {
+__attribute__((constructor)) void start() {
     __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
+    __android_log_set_logger(log);
 }
+
+}}}}  // namespace android::hardware::host
