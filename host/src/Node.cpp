@@ -3,12 +3,12 @@
 #include "Node.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <pthread.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/inotify.h>
 #include <sys/random.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +17,7 @@
 #include <log/log.h>
 
 #include "Registry.h"
+#include "Thread.h"
 #include "ThreadState.h"
 
 namespace android { namespace hardware { namespace host {
@@ -41,8 +42,21 @@ Node& Node::self() {
     return *node;
 }
 
-Node::Node() : mEpoll(epoll_create1(EPOLL_CLOEXEC)) {
-    std::thread([this] { run(); }).detach();
+Node::Node() = default;
+
+bool Node::start() {
+    Mutex::Autolock lock(mMutex);
+    if (mStarted) return true;
+    if (mEpoll.get() < 0) mEpoll.reset(epoll_create1(EPOLL_CLOEXEC));
+    if (mTimer.get() < 0) mTimer.reset(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+    if (mEpoll.get() < 0 || mTimer.get() < 0) {
+        ALOGE("Cannot talk to other processes: %s", strerror(errno));
+        return false;
+    }
+    epoll_event event = {EPOLLIN, {.fd = mTimer.get()}};
+    epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, mTimer.get(), &event);
+    mStarted = mJanitor.start() && startThread("hidl-control", [this] { run(); });
+    return mStarted;
 }
 
 size_t Node::poolSize() {
@@ -60,52 +74,79 @@ sp<IBinder> Node::registryObject() {
 }
 
 std::string Node::listen() {
-    Mutex::Autolock dialLock(mDialMutex);
-    if (!mSocketName.empty()) return mSocketName;
+    Mutex::Autolock listenLock(mListenMutex);
+    if (!mSocketName.empty() || !start()) return mSocketName;
     std::string name;
     base::unique_fd fd = Registry::self().listen(&name);
     if (fd.get() < 0) return "";
-    fcntl(fd.get(), F_SETFL, O_NONBLOCK);
     mSocketName = name;
 
     Mutex::Autolock lock(mMutex);
     mListener = std::move(fd);
-    epoll_event event = {EPOLLIN, {.fd = mListener.get()}};
-    epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, mListener.get(), &event);
+    mRemovals.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    Registry::self().watchRemovals(mRemovals.get());
+    for (int watched : {mListener.get(), mRemovals.get()}) {
+        epoll_event event = {EPOLLIN, {.fd = watched}};
+        epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, watched, &event);
+    }
+    // What was removed before it was watched.
+    retrySoon();
     return name;
 }
 
 SessionPtr Node::dial(const std::string& socketName) {
-    Mutex::Autolock dialLock(mDialMutex);
-    // Those that have ended go, with their descriptors: a client outlives many services.
-    for (auto it = mDialled.begin(); it != mDialled.end();) {
-        it = it->second->ended() ? mDialled.erase(it) : std::next(it);
+    if (!start()) return nullptr;
+    {
+        Mutex::Autolock lock(mDialMutex);
+        const bool another = mDialling.count(socketName) > 0;
+        while (mDialling.count(socketName) > 0) mDialChanged.wait(mDialMutex);
+        // Those that have ended go, with their descriptors: a client outlives many services.
+        for (auto it = mDialled.begin(); it != mDialled.end();) {
+            it = it->second->ended() ? mDialled.erase(it) : std::next(it);
+        }
+        auto it = mDialled.find(socketName);
+        if (it != mDialled.end()) return it->second;
+        if (another) return nullptr;  // as the other one has found
+        mDialling.insert(socketName);
     }
-    auto it = mDialled.find(socketName);
-    if (it != mDialled.end()) return it->second;
+    SessionPtr session = greetAt(socketName);
+    {
+        Mutex::Autolock lock(mDialMutex);
+        mDialling.erase(socketName);
+        if (session != nullptr) mDialled[socketName] = session;
+        mDialChanged.notify_all();
+    }
+    if (session != nullptr) session->offerServing(poolSize());
+    return session;
+}
 
+SessionPtr Node::greetAt(const std::string& socketName) {
     Token token;
     if (getrandom(token.data(), sizeof(token), 0) != sizeof(token)) return nullptr;
-    ConnectionPtr control = Registry::self().connect(socketName);
+    const auto begin = std::chrono::steady_clock::now();
+    ConnectionPtr control = Registry::self().connect(socketName, kPeerLimit);
+    if (control == nullptr) return nullptr;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            begin + kPeerLimit - std::chrono::steady_clock::now());
+    control->limitReceive(std::max(left, std::chrono::milliseconds(1)));
     Message answer;
-    if (control == nullptr || !control->send(hello(Role::kControl, token)) ||
+    if (!control->send(hello(Role::kControl, token)) ||
         control->receive(&answer) != Received::kMessage ||
         answer.header.type != MessageType::kHello) {
         return nullptr;
     }
+    control->limitReceive({});
     const pid_t peer = control->peer();
     auto session = std::make_shared<Session>(
             token, std::move(control), [socketName, token, peer](Role role) -> ConnectionPtr {
-                ConnectionPtr connection = Registry::self().connect(socketName);
+                ConnectionPtr connection = Registry::self().connect(socketName, kPeerLimit);
                 if (connection == nullptr || connection->peer() != peer ||
                     !connection->send(hello(role, token))) {
                     return nullptr;
                 }
                 return connection;
             });
-    mDialled[socketName] = session;
     addSession(session);
-    session->offerServing(poolSize());
     return session;
 }
 
@@ -116,6 +157,51 @@ void Node::offerServing() {
         for (const auto& entry : mSessions) sessions.push_back(entry.second);
     }
     for (const SessionPtr& session : sessions) session->offerServing(poolSize());
+}
+
+void Node::retrySoon() {
+    if (mRetrying.exchange(true)) return;
+    const itimerspec second = {{}, {1, 0}};
+    timerfd_settime(mTimer.get(), 0, &second, nullptr);
+}
+
+void Node::retry() {
+    uint64_t count;
+    if (read(mTimer.get(), &count, sizeof(count)) < 0) return;
+    mRetrying = false;
+    keepRegistered();
+    std::vector<SessionPtr> sessions;
+    {
+        Mutex::Autolock lock(mMutex);
+        for (const auto& entry : mSessions) sessions.push_back(entry.second);
+    }
+    for (const SessionPtr& session : sessions) {
+        if (!session->retry()) endSession(session);
+    }
+}
+
+void Node::keepRegistered() {
+    int removals;
+    {
+        Mutex::Autolock lock(mMutex);
+        if (mListener.get() < 0) return;
+        removals = mRemovals.get();
+    }
+    // All that it tells is that it is time to look.
+    char events[4096];
+    while (read(removals, events, sizeof(events)) > 0) {
+    }
+    const bool watched = Registry::self().watchRemovals(removals);
+    base::unique_fd listener;
+    if (!Registry::self().putBack(&listener) || !watched) retrySoon();
+    if (listener.get() < 0) return;
+    // Whoever still found the old one is let in.
+    while (accept()) {
+    }
+    epoll_event event = {EPOLLIN, {.fd = listener.get()}};
+    epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, listener.get(), &event);
+    Mutex::Autolock lock(mMutex);
+    mListener = std::move(listener);
 }
 
 void Node::watch(int fd, uint32_t events) {
@@ -148,7 +234,6 @@ SessionPtr Node::sessionOf(const Token& token, pid_t peer) {
 }
 
 void Node::run() {
-    pthread_setname_np(pthread_self(), "hidl-control");
     for (;;) {
         epoll_event events[16];
         const int count = epoll_wait(mEpoll.get(), events, 16, -1);
@@ -156,15 +241,21 @@ void Node::run() {
             const int fd = events[i].data.fd;
             SessionPtr session;
             bool listener;
+            bool removals;
             {
                 Mutex::Autolock lock(mMutex);
                 listener = fd == mListener.get();
+                removals = fd == mRemovals.get();
                 auto it = mSessions.find(fd);
                 if (it != mSessions.end()) session = it->second;
             }
             auto stranger = mStrangers.find(fd);
             if (listener) {
                 accept();
+            } else if (removals) {
+                keepRegistered();
+            } else if (fd == mTimer.get()) {
+                retry();
             } else if (stranger != mStrangers.end()) {
                 ConnectionPtr connection = stranger->second;
                 if (!greet(connection)) continue;
@@ -176,7 +267,7 @@ void Node::run() {
     }
 }
 
-void Node::accept() {
+bool Node::accept() {
     int listener;
     {
         Mutex::Autolock lock(mMutex);
@@ -184,15 +275,15 @@ void Node::accept() {
     }
     base::unique_fd fd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
     if (fd.get() < 0) {
-        if (errno != EMFILE && errno != ENFILE) return;
+        if (errno != EMFILE && errno != ENFILE) return false;
         // Out of descriptors: whoever waits longest in silence makes room, or nobody gets in.
         ALOGE("Cannot accept a connection: %s", strerror(errno));
         if (!mStrangers.empty()) mStrangers.erase(mStrangers.begin());
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return;
+        return false;
     }
     ConnectionPtr connection = Connection::withPeer(std::move(fd));
-    if (connection == nullptr) return;
+    if (connection == nullptr) return true;
     if (mStrangers.size() >= kMaxStrangers) {
         ALOGE("Closing a connection to pid %d that says nothing",
               mStrangers.begin()->second->peer());
@@ -201,6 +292,7 @@ void Node::accept() {
     mStrangers[connection->fd()] = connection;
     epoll_event event = {EPOLLIN, {.fd = connection->fd()}};
     epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, connection->fd(), &event);
+    return true;
 }
 
 bool Node::greet(const ConnectionPtr& connection) {
@@ -231,7 +323,9 @@ bool Node::greet(const ConnectionPtr& connection) {
         valid = false;
     }
     if (!valid) {
-        ALOGE("Closing a connection to pid %d: it does not say validly what it is for", peer);
+        // Who was killed meanwhile has no session any more, and is not to blame.
+        ALOGE_IF(!connection->hungUp(),
+                 "Closing a connection to pid %d: it does not say validly what it is for", peer);
         connection->shutdown();
     }
     return true;

@@ -2,7 +2,10 @@
 // accepts connections and sees other processes die.
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <map>
+#include <set>
 #include <string>
 
 #include <android-base/unique_fd.h>
@@ -21,14 +24,14 @@ class Node {
     static Node& self();
 
     // Listens, once; the name of the socket in the registry. Empty on failure, which is logged.
-    std::string listen() EXCLUDES(mDialMutex, mMutex);
+    std::string listen() EXCLUDES(mListenMutex, mMutex);
 
     // What calls to object 0 reach: set before listen().
     void setRegistryObject(const sp<IBinder>& object);
     sp<IBinder> registryObject();
 
     // The session with the process that listens there, made when there is none. NULL when nobody
-    // listens.
+    // listens, or it has not answered within kPeerLimit; others can be dialled meanwhile.
     SessionPtr dial(const std::string& socketName) EXCLUDES(mDialMutex, mMutex);
 
     // Lets every process that was dialled call back, with as many threads as the pool now has.
@@ -38,14 +41,26 @@ class Node {
     // Where destructors and death notices of the application run.
     Worker& janitor() { return mJanitor; }
 
+    // Within a second the control thread takes up again what could not be done now: for what a
+    // descriptor, a thread or a lock was missing.
+    void retrySoon();
+
     // Changes what the control thread waits for on this control connection.
     void watch(int fd, uint32_t events);
 
   private:
     Node();
 
+    // What every use of other processes needs: false, logged, when a thread or descriptor is
+    // missing.
+    bool start() EXCLUDES(mMutex);
+    SessionPtr greetAt(const std::string& socketName);
+
     void run();
-    void accept();
+    void retry();
+    void keepRegistered() EXCLUDES(mMutex);
+    // False when nobody is waiting.
+    bool accept();
     // First message of a connection. False when it has not come yet.
     bool greet(const ConnectionPtr& connection);
     void addSession(const SessionPtr& session) EXCLUDES(mMutex);
@@ -53,18 +68,29 @@ class Node {
     SessionPtr sessionOf(const Token& token, pid_t peer) EXCLUDES(mMutex);
 
     Worker mJanitor{"hidl-janitor"};
-    base::unique_fd mEpoll;
+    std::atomic<bool> mRetrying{false};
 
-    // For dialling and listening, one at a time. Taken before mMutex.
+    // Held while the registry's lock is waited for. Taken before mMutex.
+    Mutex mListenMutex;
+    std::string mSocketName GUARDED_BY(mListenMutex);
+
+    // Never held while another process is waited for. Taken before mMutex.
     Mutex mDialMutex;
+    std::condition_variable_any mDialChanged;
     std::map<std::string, SessionPtr> mDialled GUARDED_BY(mDialMutex);
-    std::string mSocketName GUARDED_BY(mDialMutex);
+    std::set<std::string> mDialling GUARDED_BY(mDialMutex);
 
     // A leaf.
     Mutex mMutex;
+    bool mStarted GUARDED_BY(mMutex) = false;
     base::unique_fd mListener GUARDED_BY(mMutex);
+    base::unique_fd mRemovals GUARDED_BY(mMutex);  // inotify on the registry
     sp<IBinder> mRegistryObject GUARDED_BY(mMutex);
     std::map<int, SessionPtr> mSessions GUARDED_BY(mMutex);  // by control descriptor
+
+    // Set before anything else happens, never changed.
+    base::unique_fd mEpoll;
+    base::unique_fd mTimer;
 
     // Of the control thread alone: connections that have not said what they are.
     std::map<int, ConnectionPtr> mStrangers;

@@ -17,16 +17,20 @@
 #include <unistd.h>
 
 #include <memory>
+#include <thread>
 
+#include <android-base/errno_restorer.h>
 #include <log/log.h>
 
 namespace android { namespace hardware { namespace host {
 
 namespace {
 
-constexpr char kLockName[] = ".lock";
 constexpr char kSocketPrefix[] = "process-";
 constexpr int kBacklog = 128;
+
+// A change takes no longer than a few system calls for each entry.
+constexpr std::chrono::seconds kLockLimit{5};
 
 std::string defaultPath() {
     const char* path = getenv("HIDL_HOST_DIR");
@@ -73,21 +77,52 @@ sockaddr_un addressOf(int dir, const std::string& name) {
     return address;
 }
 
-base::unique_fd makeSocket() {
-    return base::unique_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+base::unique_fd makeSocket(int flags = 0) {
+    return base::unique_fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0));
 }
 
-class ScopedFileLock {
+// Of the folder itself: a file in it could be removed while somebody holds it.
+class ScopedFolderLock {
   public:
-    explicit ScopedFileLock(int dir)
-        : mFd(openat(dir, kLockName, O_CREAT | O_RDWR | O_CLOEXEC, 0600)) {
-        while (mFd.get() >= 0 && flock(mFd.get(), LOCK_EX) != 0 && errno == EINTR) {
+    ScopedFolderLock(int folder, std::chrono::milliseconds limit) : mFolder(folder) {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        while (!(mHeld = flock(mFolder, LOCK_EX | LOCK_NB) == 0)) {
+            if (errno == EINTR) continue;
+            if (errno != EWOULDBLOCK || std::chrono::steady_clock::now() >= deadline) return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     }
+    ~ScopedFolderLock() {
+        if (mHeld) flock(mFolder, LOCK_UN);
+    }
+    ScopedFolderLock(const ScopedFolderLock&) = delete;
+    ScopedFolderLock& operator=(const ScopedFolderLock&) = delete;
+    bool held() const { return mHeld; }
 
   private:
-    base::unique_fd mFd;
+    const int mFolder;
+    bool mHeld = false;
 };
+
+bool alive(int folder, const std::string& socketName) {
+    // Does not wait for room in the backlog of a process that is stopped.
+    base::unique_fd fd = makeSocket(SOCK_NONBLOCK);
+    const sockaddr_un address = addressOf(folder, socketName);
+    const int result =
+            ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    // Anything but a refusal, a full backlog say, is life.
+    return result == 0 || (errno != ECONNREFUSED && errno != ENOENT);
+}
+
+std::string linkTarget(int folder, const std::string& link) {
+    char target[256];
+    const ssize_t length = readlinkat(folder, link.c_str(), target, sizeof(target));
+    return length > 0 ? std::string(target, static_cast<size_t>(length)) : std::string();
+}
+
+bool makeLink(int folder, const std::string& link, const std::string& socketName) {
+    return symlinkat(socketName.c_str(), folder, link.c_str()) == 0 || errno == EEXIST;
+}
 
 }  // namespace
 
@@ -96,111 +131,146 @@ Registry& Registry::self() {
     return *registry;
 }
 
-Registry::Registry(std::string path) : mPath(std::move(path)) {
-    if (mkdir(mPath.c_str(), 0700) != 0 && errno != EEXIST) {
-        ALOGE("Cannot make the folder of services %s: %s", mPath.c_str(), strerror(errno));
-        return;
+base::unique_fd Registry::open() {
+    base::unique_fd folder(::open(mPath.c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC));
+    if (folder.get() < 0 && errno == ENOENT) {
+        mkdir(mPath.c_str(), 0700);
+        folder.reset(::open(mPath.c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC));
     }
-    base::unique_fd dir(open(mPath.c_str(), O_DIRECTORY | O_RDONLY | O_CLOEXEC));
     struct stat info = {};
-    if (dir.get() < 0 || fstat(dir.get(), &info) != 0) {
+    if (folder.get() < 0 || fstat(folder.get(), &info) != 0) {
+        const base::ErrnoRestorer restoreErrno;
         ALOGE("Cannot open the folder of services %s: %s", mPath.c_str(), strerror(errno));
-        return;
+        return base::unique_fd();
     }
     if (info.st_uid != geteuid() || (info.st_mode & 0077) != 0) {
         ALOGE("The folder of services %s must belong to this user and be closed to all others",
               mPath.c_str());
-        return;
-    }
-    mDir = std::move(dir);
-}
-
-bool Registry::usable() {
-    if (mDir.get() >= 0) return true;
-    errno = ENOENT;
-    return false;
-}
-
-base::unique_fd Registry::listen(std::string* socketName) {
-    base::unique_fd fd = makeSocket();
-    uint64_t random = 0;
-    if (!usable() || fd.get() < 0 || getrandom(&random, sizeof(random), 0) != sizeof(random)) {
-        ALOGE("Cannot listen in %s: %s", mPath.c_str(), strerror(errno));
+        errno = EACCES;
         return base::unique_fd();
     }
-    char suffix[40];
-    snprintf(suffix, sizeof(suffix), "%d-%016llx", getpid(),
-             static_cast<unsigned long long>(random));
-    *socketName = std::string(kSocketPrefix) + suffix;
+    return folder;
+}
 
-    // Under the lock, since between bind() and listen() the socket looks dead.
-    ScopedFileLock lock(mDir.get());
-    const sockaddr_un address = addressOf(mDir.get(), *socketName);
-    if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-        fchmodat(mDir.get(), socketName->c_str(), 0600, 0) != 0 ||
-        ::listen(fd.get(), kBacklog) != 0) {
+// Under the lock, since between bind() and listen() the socket looks dead.
+base::unique_fd Registry::bindSocket(int folder, const std::string& socketName) {
+    base::unique_fd fd = makeSocket(SOCK_NONBLOCK);
+    const sockaddr_un address = addressOf(folder, socketName);
+    if (fd.get() < 0 ||
+        bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        fchmodat(folder, socketName.c_str(), 0600, 0) != 0 || ::listen(fd.get(), kBacklog) != 0) {
         ALOGE("Cannot listen in %s: %s", mPath.c_str(), strerror(errno));
         return base::unique_fd();
     }
     return fd;
 }
 
-ConnectionPtr Registry::connect(const std::string& socketName) {
+base::unique_fd Registry::listen(std::string* socketName) {
+    uint64_t random = 0;
+    if (getrandom(&random, sizeof(random), 0) != sizeof(random)) return base::unique_fd();
+    char suffix[40];
+    snprintf(suffix, sizeof(suffix), "%d-%016llx", getpid(),
+             static_cast<unsigned long long>(random));
+    *socketName = std::string(kSocketPrefix) + suffix;
+
+    const base::unique_fd folder = open();
+    if (folder.get() < 0) return base::unique_fd();
+    const ScopedFolderLock lock(folder.get(), kLockLimit);
+    if (!lock.held()) {
+        ALOGE("Cannot lock the folder of services %s: %s", mPath.c_str(), strerror(errno));
+        return base::unique_fd();
+    }
+    base::unique_fd fd = bindSocket(folder.get(), *socketName);
+    Mutex::Autolock ownLock(mMutex);
+    if (fd.get() >= 0) mSocketName = *socketName;
+    return fd;
+}
+
+ConnectionPtr Registry::connect(const std::string& socketName, std::chrono::milliseconds limit) {
+    const base::unique_fd folder = open();
     base::unique_fd fd = makeSocket();
-    if (!usable() || fd.get() < 0) return nullptr;
-    const sockaddr_un address = addressOf(mDir.get(), socketName);
+    if (folder.get() < 0 || fd.get() < 0) return nullptr;
+    limitSocket(fd.get(), SO_SNDTIMEO, limit);
+    const sockaddr_un address = addressOf(folder.get(), socketName);
     while (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         if (errno != EINTR) return nullptr;
     }
+    limitSocket(fd.get(), SO_SNDTIMEO, {});
     return Connection::withPeer(std::move(fd));
 }
 
-bool Registry::alive(const std::string& socketName) {
-    base::unique_fd fd = makeSocket();
-    const sockaddr_un address = addressOf(mDir.get(), socketName);
-    const int result =
-            ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    // Anything but a refusal, a full backlog say, is life.
-    return result == 0 || (errno != ECONNREFUSED && errno != ENOENT);
-}
-
-std::string Registry::linkTarget(const std::string& link) {
-    char target[256];
-    const ssize_t length = readlinkat(mDir.get(), link.c_str(), target, sizeof(target));
-    return length > 0 ? std::string(target, static_cast<size_t>(length)) : std::string();
-}
-
-status_t Registry::add(const std::vector<std::string>& interfaces, const std::string& instance,
-                       const std::string& socketName) {
-    if (!usable()) return NAME_NOT_FOUND;
-    ScopedFileLock lock(mDir.get());
-    removeDead();
-    for (const std::string& interface : interfaces) {
-        const std::string link = linkName(interface, instance);
-        if (link.size() > NAME_MAX) {
+status_t Registry::add(const std::vector<std::string>& interfaces, const std::string& instance) {
+    std::vector<std::string> links;
+    for (const std::string& interface : interfaces) links.push_back(linkName(interface, instance));
+    const base::unique_fd folder = open();
+    if (folder.get() < 0) return NAME_NOT_FOUND;
+    const ScopedFolderLock lock(folder.get(), kLockLimit);
+    if (!lock.held()) {
+        ALOGE("Cannot lock the folder of services %s: %s", mPath.c_str(), strerror(errno));
+        return TIMED_OUT;
+    }
+    removeDead(folder.get());
+    Mutex::Autolock ownLock(mMutex);
+    for (size_t i = 0; i < links.size(); ++i) {
+        if (links[i].size() > NAME_MAX) {
             ALOGE("The instance name '%s' is too long", instance.c_str());
             return BAD_VALUE;
         }
-        const std::string target = linkTarget(link);
-        if (target.empty() || target == socketName) continue;
+        const std::string target = linkTarget(folder.get(), links[i]);
+        if (target.empty() || target == mSocketName) continue;
         // A dead owner's link was removed above.
-        ALOGE("%s/%s is served already, by %s", interface.c_str(), instance.c_str(),
+        ALOGE("%s/%s is served already, by %s", interfaces[i].c_str(), instance.c_str(),
               target.c_str());
         return ALREADY_EXISTS;
     }
-    for (const std::string& interface : interfaces) {
-        const std::string link = linkName(interface, instance);
-        if (symlinkat(socketName.c_str(), mDir.get(), link.c_str()) != 0 && errno != EEXIST) {
+    for (const std::string& link : links) {
+        if (!makeLink(folder.get(), link, mSocketName)) {
             ALOGE("Cannot add %s to %s: %s", link.c_str(), mPath.c_str(), strerror(errno));
             return UNKNOWN_ERROR;
         }
     }
+    mLinks.insert(links.begin(), links.end());
     return OK;
 }
 
+bool Registry::isComplete(int folder) {
+    bool complete = faccessat(folder, mSocketName.c_str(), F_OK, 0) == 0;
+    for (const std::string& link : mLinks) complete &= linkTarget(folder, link) == mSocketName;
+    return complete;
+}
+
+bool Registry::putBack(base::unique_fd* listener) {
+    const base::unique_fd folder = open();
+    if (folder.get() < 0) return false;
+    Mutex::Autolock ownLock(mMutex);
+    if (isComplete(folder.get())) return true;
+    const ScopedFolderLock lock(folder.get(), {});
+    if (!lock.held()) return false;
+    if (faccessat(folder.get(), mSocketName.c_str(), F_OK, 0) != 0) {
+        *listener = bindSocket(folder.get(), mSocketName);
+        if (listener->get() < 0) return false;
+        ALOGW("The socket of this process was removed from %s: it is back", mPath.c_str());
+    }
+    for (auto link = mLinks.begin(); link != mLinks.end();) {
+        const std::string target = linkTarget(folder.get(), *link);
+        if (target == mSocketName) {
+            ++link;
+        } else if (target.empty()) {
+            if (!makeLink(folder.get(), *link, mSocketName)) return false;
+            ALOGW("%s was removed from %s: it is back", serviceName(*link).c_str(), mPath.c_str());
+            ++link;
+        } else {
+            ALOGE("%s was removed from %s, and is served by another process now",
+                  serviceName(*link).c_str(), mPath.c_str());
+            link = mLinks.erase(link);
+        }
+    }
+    return true;
+}
+
 std::string Registry::lookup(const std::string& interface, const std::string& instance) {
-    if (!usable()) return "";
-    return linkTarget(linkName(interface, instance));
+    const base::unique_fd folder = open();
+    return folder.get() < 0 ? "" : linkTarget(folder.get(), linkName(interface, instance));
 }
 
 std::vector<std::string> Registry::entries() {
@@ -214,29 +284,40 @@ std::vector<std::string> Registry::entries() {
     return names;
 }
 
-void Registry::removeDead() {
+void Registry::removeDead(int folder) {
     for (const std::string& name : entries()) {
         const bool isSocket = name.compare(0, strlen(kSocketPrefix), kSocketPrefix) == 0;
-        if (!alive(isSocket ? name : linkTarget(name))) unlinkat(mDir.get(), name.c_str(), 0);
+        if (!alive(folder, isSocket ? name : linkTarget(folder, name))) {
+            unlinkat(folder, name.c_str(), 0);
+        }
     }
 }
 
 std::vector<std::string> Registry::list() {
     std::vector<std::string> services;
-    if (!usable()) return services;
+    const base::unique_fd folder = open();
+    if (folder.get() < 0) return services;
     for (const std::string& name : entries()) {
-        if (name.find(',') != std::string::npos && alive(linkTarget(name))) {
+        if (name.find(',') != std::string::npos &&
+            alive(folder.get(), linkTarget(folder.get(), name))) {
             services.push_back(serviceName(name));
         }
     }
     return services;
 }
 
-void Registry::waitForChange() {
-    base::unique_fd notify(inotify_init1(IN_CLOEXEC));
-    inotify_add_watch(notify.get(), mPath.c_str(), IN_CREATE);
-    pollfd event = {notify.get(), POLLIN, 0};
+Registry::Watch::Watch() : mNotify(inotify_init1(IN_CLOEXEC)) {
+    inotify_add_watch(mNotify.get(), self().mPath.c_str(), IN_CREATE | IN_MOVED_TO);
+}
+
+void Registry::Watch::wait() {
+    pollfd event = {mNotify.get(), POLLIN, 0};
     poll(&event, 1, 1000 /* ms */);
+}
+
+bool Registry::watchRemovals(int notify) {
+    return inotify_add_watch(notify, mPath.c_str(),
+                             IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF) >= 0;
 }
 
 }}}  // namespace android::hardware::host

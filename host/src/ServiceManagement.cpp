@@ -81,7 +81,8 @@ class HostServiceManager : public IServiceManager {
         data.writeInterfaceToken(kRegistryToken);
         data.writeText(fqName.c_str(), fqName.size());
         data.writeText(name.c_str(), name.size());
-        status_t status = session->call(host::Session::kRegistryObject, kGet, data, &reply);
+        status_t status =
+                session->call(host::Session::kRegistryObject, kGet, data, &reply, host::kPeerLimit);
         if (status == OK) status = reply.readNullableStrongBinder(&binder);
         if (status != OK) {
             ALOGE("Cannot get %s/%s from pid %d: %s", fqName.c_str(), name.c_str(), session->peer(),
@@ -106,14 +107,13 @@ class HostServiceManager : public IServiceManager {
         if (!chain.isOk() || getOrCreateCachedBinder(service.get()) == nullptr) return false;
 
         host::Node::self().setRegistryObject(LocalServices::self());
-        const std::string socket = host::Node::self().listen();
-        if (socket.empty()) return false;
+        if (host::Node::self().listen().empty()) return false;
         // Served before it can be found.
         const std::string instance = name;
         const sp<IBase> before = LocalServices::self()->get(interfaces.front(), instance);
         LocalServices::self()->add(interfaces, instance, service);
         ProcessState::self()->startThreadPool();
-        if (host::Registry::self().add(interfaces, instance, socket) == OK) return true;
+        if (host::Registry::self().add(interfaces, instance) == OK) return true;
         LocalServices::self()->add(interfaces, instance, before);
         return false;
     }
@@ -156,12 +156,15 @@ namespace details {
 sp<IBase> getRawServiceInternal(const std::string& descriptor, const std::string& instance,
                                 bool retry, bool getStub) {
     if (getStub) return getPassthroughServiceManager()->get(descriptor, instance);
-    for (;;) {
-        sp<IBase> service = defaultServiceManager()->get(descriptor, instance);
-        if (service != nullptr || !retry) return service;
+    sp<IBase> service = defaultServiceManager()->get(descriptor, instance);
+    while (service == nullptr && retry) {
         ALOGI("Waiting for service %s/%s...", descriptor.c_str(), instance.c_str());
-        host::Registry::self().waitForChange();
+        // Before it is looked for again: what comes in between is seen.
+        host::Registry::Watch watch;
+        service = defaultServiceManager()->get(descriptor, instance);
+        if (service == nullptr) watch.wait();
     }
+    return service;
 }
 
 status_t registerAsServiceInternal(const sp<IBase>& service, const std::string& name) {

@@ -2,17 +2,16 @@
 
 #include "Session.h"
 
-#include <poll.h>
-#include <pthread.h>
 #include <sys/epoll.h>
 
 #include <algorithm>
-#include <thread>
+#include <optional>
 
 #include <hidl/Status.h>
 #include <log/log.h>
 
 #include "Node.h"
+#include "Thread.h"
 #include "ThreadState.h"
 
 namespace android { namespace hardware { namespace host {
@@ -64,12 +63,18 @@ Session::Session(Token token, ConnectionPtr control, Dialer dialer)
 // The outgoing connection of one call.
 class Session::Loan {
   public:
-    explicit Loan(Session* session) : mSession(session), mConnection(connectionInUse(session)) {
+    // limit: for each answer, 0 for none. Who waits for our answer there is not stopped, so then
+    // there is none.
+    Loan(Session* session, std::chrono::milliseconds limit)
+        : mSession(session), mConnection(connectionInUse(session)) {
         if (mConnection != nullptr) return;
         mConnection = session->borrow();
         mBorrowed = mConnection != nullptr;
+        mLimited = mBorrowed && limit.count() > 0;
+        if (mLimited) mConnection->limitReceive(limit);
     }
     ~Loan() {
+        if (mLimited) mConnection->limitReceive({});
         if (mBorrowed) mSession->giveBack(std::move(mConnection), mBroken);
     }
     const ConnectionPtr& get() const { return mConnection; }
@@ -83,6 +88,7 @@ class Session::Loan {
     Session* const mSession;
     ConnectionPtr mConnection;
     bool mBorrowed = false;
+    bool mLimited = false;
     bool mBroken = false;
 };
 
@@ -138,32 +144,38 @@ void Session::offerServing(size_t count) {
             if (mEnded || mDialer == nullptr || mServing >= count) return;
             ++mServing;
         }
-        ConnectionPtr connection = mDialer(Role::kServe);
-        if (connection == nullptr) {
+        // The thread first: a connection on which nobody serves would hold up who calls on it.
+        if (!startThread("hidl-pool", [self = shared_from_this()] { self->serveOffered(); })) {
             Mutex::Autolock lock(mMutex);
             --mServing;
+            Node::self().retrySoon();
             return;
         }
-        remember(connection);
-        std::thread([self = shared_from_this(), connection] {
-            self->serve(connection);
-            {
-                Mutex::Autolock lock(self->mMutex);
-                --self->mServing;
-            }
-            self->offerServing(Node::self().poolSize());
-        }).detach();
     }
+}
+
+void Session::serveOffered() {
+    ConnectionPtr connection = mDialer(Role::kServe);
+    if (connection != nullptr) {
+        remember(connection);
+        serve(connection);
+    }
+    Mutex::Autolock lock(mMutex);
+    --mServing;
+    if (!mEnded) Node::self().retrySoon();
 }
 
 bool Session::acceptServing(const ConnectionPtr& connection) {
     if (!remember(connection)) return false;
-    std::thread([self = shared_from_this(), connection] { self->serve(connection); }).detach();
+    if (!startThread("hidl-pool",
+                     [self = shared_from_this(), connection] { self->serve(connection); })) {
+        connection->trySend(Message::of(MessageType::kRefused));
+        connection->shutdown();
+    }
     return true;
 }
 
 void Session::serve(const ConnectionPtr& connection) {
-    pthread_setname_np(pthread_self(), "hidl-pool");
     Message message;
     while (connection->receive(&message) == Received::kMessage) {
         if (message.header.type != MessageType::kCall) {
@@ -171,27 +183,36 @@ void Session::serve(const ConnectionPtr& connection) {
                   static_cast<unsigned>(message.header.type));
             break;
         }
-        PoolSlot slot;
+        // What is served here can be found out while all threads are busy.
+        std::optional<PoolSlot> slot;
+        if (message.header.target != kRegistryObject) slot.emplace();
         if (serveCall(connection, &message) != OK) break;
     }
     connection->shutdown();
 }
 
-status_t Session::call(uint64_t target, uint32_t code, const Parcel& data, Parcel* reply) {
+status_t Session::call(uint64_t target, uint32_t code, const Parcel& data, Parcel* reply,
+                       std::chrono::milliseconds limit) {
     MessageHeader header = Message::of(MessageType::kCall, target).header;
     header.code = code;
     std::vector<ObjectRef> refs;
     status_t status = encode(data, &refs);
     if (status != OK) return status;
 
-    Loan loan(this);
+    Loan loan(this, limit);
     if (loan.get() == nullptr) {
         undoEncode(refs);
         return goneStatus();
     }
+    const auto refused = [](const Message& message) {
+        return message.header.type == MessageType::kRefused;
+    };
     if (!loan.get()->send(header, refs, data.bytes())) {
         undoEncode(refs);
-        return loan.broken(DEAD_OBJECT);
+        Message answer;
+        const Received received = loan.get()->tryReceive(&answer);
+        return loan.broken(received == Received::kMessage && refused(answer) ? FAILED_TRANSACTION
+                                                                             : DEAD_OBJECT);
     }
     ScopedFrame frame(this, loan.get());
     for (;;) {
@@ -201,8 +222,14 @@ status_t Session::call(uint64_t target, uint32_t code, const Parcel& data, Parce
                 break;
             case Received::kInvalid:
                 return loan.broken(FAILED_TRANSACTION);
-            default:
+            case Received::kWouldBlock:
+                return loan.broken(TIMED_OUT);
+            case Received::kHangup:
                 return loan.broken(DEAD_OBJECT);
+        }
+        if (refused(message)) {
+            undoEncode(refs);
+            return loan.broken(FAILED_TRANSACTION);
         }
         if (message.header.type == MessageType::kCall) {
             status = serveCall(loan.get(), &message);
@@ -210,7 +237,8 @@ status_t Session::call(uint64_t target, uint32_t code, const Parcel& data, Parce
             continue;
         }
         if (message.header.type != MessageType::kReply || !decode(&message, reply)) {
-            ALOGE("Closing a connection to pid %d: no valid reply", peer());
+            // What it refers to is gone with the session.
+            ALOGE_IF(!ended(), "Closing a connection to pid %d: no valid reply", peer());
             return loan.broken(FAILED_TRANSACTION);
         }
         if (message.header.target != 0) acknowledge(message.header.target);
@@ -256,9 +284,11 @@ status_t Session::serveCall(const ConnectionPtr& connection, Message* message) {
         sp<IBinder> target = id == kRegistryObject ? Node::self().registryObject() : exported(id);
         Parcel data;
         if (target == nullptr || !decode(message, &data)) {
-            ALOGE("Closing a connection to pid %d: a call to or with an object that it does not "
-                  "have",
-                  peer());
+            // Who was killed while its call waited has nothing any more, and is not to blame.
+            ALOGE_IF(!ended(),
+                     "Closing a connection to pid %d: a call to or with an object that it does not "
+                     "have",
+                     peer());
             return FAILED_TRANSACTION;
         }
         ScopedFrame frame(this, connection);
@@ -428,8 +458,21 @@ bool Session::onControlEvents(uint32_t events) {
                   static_cast<unsigned>(message.header.type));
             return false;
         }
+        if (mHeldOneway != nullptr) return true;
     }
     return true;
+}
+
+bool Session::retry() {
+    offerServing(Node::self().poolSize());
+    if (mHeldOneway == nullptr) return true;
+    const std::unique_ptr<Message> message = std::move(mHeldOneway);
+    {
+        Mutex::Autolock lock(mMutex);
+        mHolding = false;
+        updateEvents();
+    }
+    return onOneway(message.get());
 }
 
 bool Session::onControlMessage(Message* message) {
@@ -463,6 +506,14 @@ bool Session::onControlMessage(Message* message) {
 }
 
 bool Session::onOneway(Message* message) {
+    if (!mOneways.start()) {
+        mHeldOneway = std::make_unique<Message>(std::move(*message));
+        Mutex::Autolock lock(mMutex);
+        mHolding = true;
+        updateEvents();
+        Node::self().retrySoon();
+        return true;
+    }
     const size_t size = message->payloadSize();
     sp<IBinder> target = exported(message->header.target);
     // Taken apart now: a release behind it may be for what it refers to.
@@ -489,7 +540,7 @@ bool Session::onOneway(Message* message) {
 
 void Session::updateEvents() {
     uint32_t events = kQuietEvents;
-    if (mQueuedOneways >= kMaxQueuedOneways) events &= ~EPOLLIN;
+    if (mHolding || mQueuedOneways >= kMaxQueuedOneways) events &= ~EPOLLIN;
     if (!mOutbox.empty()) events |= EPOLLOUT;
     if (mEnded || events == mEvents) return;
     mEvents = events;
@@ -526,8 +577,7 @@ void Session::end() {
 }
 
 status_t Session::goneStatus() {
-    pollfd control = {mControl->fd(), POLLRDHUP, 0};
-    const bool hungUp = poll(&control, 1, 0) > 0 && (control.revents & (POLLRDHUP | POLLHUP));
+    const bool hungUp = mControl->hungUp();
     Mutex::Autolock lock(mMutex);
     return mEnded || hungUp ? DEAD_OBJECT : FAILED_TRANSACTION;
 }

@@ -13,6 +13,7 @@
 #include <sys/types.h>
 
 #include <array>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -50,22 +51,30 @@ class Session : public std::enable_shared_from_this<Session> {
     bool ended() EXCLUDES(mMutex);
 
     // FAILED_TRANSACTION when the call does not fit or cannot be sent; DEAD_OBJECT when the other
-    // process is gone; else what the other side answered.
-    status_t call(uint64_t target, uint32_t code, const Parcel& data, Parcel* reply);
+    // process is gone; TIMED_OUT when there is no answer within `limit`, unless that is 0; else
+    // what the other side answered.
+    status_t call(uint64_t target, uint32_t code, const Parcel& data, Parcel* reply,
+                  std::chrono::milliseconds limit = {});
     // As above, but comes back at once; FAILED_TRANSACTION also when the other side does not keep
     // up.
     status_t callOneway(uint64_t target, uint32_t code, const Parcel& data);
 
-    // Serves calls on a connection that the other side made; false when it has too many.
+    // Serves calls on a connection that the other side made, or refuses it when there can be no
+    // thread; false when it has too many.
     bool acceptServing(const ConnectionPtr& connection);
     // Takes a connection on which the other side serves; false when it has too many.
     bool addServing(const ConnectionPtr& connection);
-    // Lets the other side call: dials as many serve connections as are missing to `count`.
+    // Lets the other side call: starts as many threads with a serve connection each as are missing
+    // to `count`. Does not wait.
     void offerServing(size_t count);
 
     // On the control thread: takes what has arrived and sends what found the socket full. False
     // when the session must end.
     bool onControlEvents(uint32_t events);
+
+    // On the control thread, a while after Node::retrySoon(): takes up what there was no thread
+    // for. False when the session must end.
+    bool retry() EXCLUDES(mMutex);
 
     // The other process is gone: fails every call, tells every linked recipient, drops every object
     // that it had. Idempotent; the notices go out on a thread of the runtime.
@@ -90,6 +99,8 @@ class Session : public std::enable_shared_from_this<Session> {
     bool remember(const ConnectionPtr& connection) EXCLUDES(mMutex);
     // Why there was no connection for a call.
     status_t goneStatus() EXCLUDES(mMutex);
+    // The body of a thread that serves on a connection which it dials.
+    void serveOffered();
 
     // Serves calls until the connection ends; the body of a pool thread.
     void serve(const ConnectionPtr& connection);
@@ -124,6 +135,10 @@ class Session : public std::enable_shared_from_this<Session> {
     const Dialer mDialer;
     Worker mOneways{"hidl-oneway"};
 
+    // Of the control thread alone: a oneway call for which there was no thread. What comes behind
+    // it is left in the socket.
+    std::unique_ptr<Message> mHeldOneway;
+
     // A leaf: nothing is called out while it is held, and no last reference dropped.
     Mutex mMutex;
     std::condition_variable_any mChanged;
@@ -143,6 +158,7 @@ class Session : public std::enable_shared_from_this<Session> {
     std::map<uint64_t, std::vector<sp<IBinder>>> mUnacknowledged GUARDED_BY(mMutex);
     uint64_t mNextAck GUARDED_BY(mMutex) = 1;
     size_t mQueuedOneways GUARDED_BY(mMutex) = 0;  // bytes
+    bool mHolding GUARDED_BY(mMutex) = false;      // mHeldOneway is set
     uint32_t mEvents GUARDED_BY(mMutex) = kQuietEvents;
 };
 

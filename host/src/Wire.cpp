@@ -3,6 +3,7 @@
 #include "Wire.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -128,9 +129,9 @@ Received Connection::receive(Message* message, bool wait) {
         ssize_t got;
         do {
             got = recv(mFd.get(), packet, kPacketSize, MSG_TRUNC | (wait ? 0 : MSG_DONTWAIT));
-        } while (got < 0 && errno == EINTR);
+            // A reset is told once, before what can still be read.
+        } while (got < 0 && (errno == EINTR || errno == ECONNRESET));
         if (got < 0 && errno == EAGAIN) return Received::kWouldBlock;
-        // A killed peer that had not read everything resets the connection.
         if (got <= 0) return Received::kHangup;
         if (static_cast<size_t>(got) > kPacketSize) return invalid("a packet is too long");
 
@@ -170,8 +171,22 @@ Received Connection::receive(Message* message, bool wait) {
     return Received::kMessage;
 }
 
+void Connection::limitReceive(std::chrono::milliseconds limit) {
+    limitSocket(mFd.get(), SO_RCVTIMEO, limit);
+}
+
 void Connection::shutdown() {
     ::shutdown(mFd.get(), SHUT_RDWR);
+}
+
+bool Connection::hungUp() const {
+    pollfd end = {mFd.get(), POLLRDHUP, 0};
+    return poll(&end, 1, 0) > 0 && (end.revents & (POLLRDHUP | POLLHUP)) != 0;
+}
+
+void limitSocket(int fd, int option, std::chrono::milliseconds limit) {
+    const timeval value = {limit.count() / 1000, limit.count() % 1000 * 1000};
+    setsockopt(fd, SOL_SOCKET, option, &value, sizeof(value));
 }
 
 }}}  // namespace android::hardware::host

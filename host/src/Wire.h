@@ -9,6 +9,7 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <chrono>
 #include <memory>
 #include <vector>
 
@@ -20,6 +21,10 @@ namespace android { namespace hardware { namespace host {
 constexpr size_t kMaxTransactionSize = 1024 * 1024;
 constexpr size_t kPacketSize = 60 * 1024;
 
+// Within so long another process must take a connection, answer a greeting, or say what it serves.
+// One that is stopped does not.
+constexpr std::chrono::milliseconds kPeerLimit{5000};
+
 enum class MessageType : uint32_t {
     kHello = 1,  // first on each connection: what the connection is for
     kCall,       // answered by one kReply on the same connection
@@ -28,6 +33,7 @@ enum class MessageType : uint32_t {
     kRelease,  // the sender dropped its proxy of object `target`, which it had been sent `amount`
                // times
     kAck,      // the sender holds what kReply `target` referred to
+    kRefused,  // the only answer on a connection that cannot be served: nothing was taken from it
 };
 
 enum class Role : uint32_t {
@@ -84,12 +90,16 @@ class Connection {
     // Never waits: kWouldBlock when the socket is full. For messages that fit one packet.
     Received trySend(const Message& message);
 
+    // From now on receive() waits so long at most, then says kWouldBlock. 0: as long as it takes.
+    void limitReceive(std::chrono::milliseconds limit);
     // kInvalid has been logged, and the connection is shut down.
     Received receive(Message* message) { return receive(message, true); }
     // Never waits: takes messages of one packet only.
     Received tryReceive(Message* message) { return receive(message, false); }
 
     void shutdown();
+    // The other side is gone, whatever it may have left to read.
+    bool hungUp() const;
     int fd() const { return mFd.get(); }
     pid_t peer() const { return mPeer; }
 
@@ -100,6 +110,9 @@ class Connection {
     const base::unique_fd mFd;
     const pid_t mPeer;
 };
+
+// 0: as long as it takes. option: SO_SNDTIMEO, which connecting follows too, or SO_RCVTIMEO.
+void limitSocket(int fd, int option, std::chrono::milliseconds limit);
 
 using ConnectionPtr = std::shared_ptr<Connection>;
 

@@ -1,8 +1,6 @@
 #include "Worker.h"
 
-#include <pthread.h>
-
-#include <thread>
+#include "Thread.h"
 
 namespace android { namespace hardware { namespace host {
 
@@ -12,15 +10,21 @@ Worker::~Worker() {
     mState->changed.notify_all();
 }
 
+bool Worker::start(const std::shared_ptr<State>& state) {
+    if (!state->started) state->started = startThread(state->name, [state] { run(state); });
+    return state->started;
+}
+
+bool Worker::start() {
+    Mutex::Autolock lock(mState->mutex);
+    return start(mState);
+}
+
 bool Worker::post(std::function<void()> task, size_t limit) {
     Mutex::Autolock lock(mState->mutex);
-    if (mState->tasks.size() >= limit) return false;
+    if (mState->tasks.size() >= limit || !start(mState)) return false;
     mState->tasks.push_back(std::move(task));
     mState->changed.notify_all();
-    if (!mState->started) {
-        mState->started = true;
-        std::thread(run, mState).detach();
-    }
     return true;
 }
 
@@ -34,7 +38,6 @@ std::function<void()> Worker::State::next() {
 }
 
 void Worker::run(const std::shared_ptr<State>& state) {
-    pthread_setname_np(pthread_self(), state->name);
     while (std::function<void()> task = state->next()) task();
 }
 

@@ -20,7 +20,9 @@ class Worker {
     // Does not wait: queued tasks still run, then the thread ends.
     ~Worker();
 
-    // False when `limit` tasks are waiting already.
+    // Makes the thread ahead of its first task. False when none can be made, which is logged.
+    bool start();
+    // False when `limit` tasks are waiting already, or no thread can be made.
     bool post(std::function<void()> task, size_t limit = SIZE_MAX);
 
   private:
@@ -36,6 +38,7 @@ class Worker {
         bool started GUARDED_BY(mutex) = false;
         bool ending GUARDED_BY(mutex) = false;
     };
+    static bool start(const std::shared_ptr<State>& state) REQUIRES(state->mutex);
     static void run(const std::shared_ptr<State>& state);
 
     const std::shared_ptr<State> mState;

@@ -1,10 +1,16 @@
 // The host runtime through generated code, between real processes: this program starts itself again
 // as the service.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <random>
 
@@ -13,6 +19,7 @@
 #include <gtest/gtest.h>
 #include <hidl/HidlTransportSupport.h>
 #include <hidl/hosttest/1.0/BsPeer.h>
+#include <log/log.h>
 #include <support/ChildProcess.h>
 
 #include "Peer.h"
@@ -347,6 +354,23 @@ TEST_F(HostTest, GetServiceWaitsForOneToCome) {
     sp<IPeer> peer = waiting.get();
     ASSERT_NE(nullptr, peer.get());
     EXPECT_EQ(late->pid(), valueOf(peer->serverPid()));
+
+    // One that comes when the first look-up has failed is not missed.
+    static std::function<void()> atLine;
+    static std::chrono::steady_clock::time_point came;
+    std::unique_ptr<Process> later;
+    atLine = [&] {
+        later = startService("later");
+        came = std::chrono::steady_clock::now();
+        atLine = nullptr;
+    };
+    __android_log_set_logger([](const __android_logger_data*, const char* text) {
+        if (strncmp(text, "Waiting for service", 19) == 0 && atLine != nullptr) atLine();
+    });
+    peer = IPeer::getService("later");
+    EXPECT_LT(std::chrono::steady_clock::now() - came, 900ms) << "waits out a second";
+    __android_log_set_logger(__android_log_stderr_logger);
+    EXPECT_EQ(later->pid(), valueOf(peer->serverPid()));
 }
 
 TEST_F(HostTest, OnlyThisUserCanReachIt) {
@@ -361,14 +385,19 @@ TEST_F(HostTest, OnlyThisUserCanReachIt) {
 // A client that speaks the protocol as badly as it can.
 class BadClient {
   public:
-    BadClient() : mFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+    explicit BadClient(const std::filesystem::path& path = pathOf(socketName()), int flags = 0)
+        : mFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0)) {
         const timeval limit = {30, 0};
         setsockopt(mFd.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
-        pathOf(socketName()).string().copy(address.sun_path, sizeof(address.sun_path) - 1);
-        EXPECT_EQ(0, connect(mFd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+        path.string().copy(address.sun_path, sizeof(address.sun_path) - 1);
+        mError = connect(mFd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0
+                         ? 0
+                         : errno;
     }
+    // Of the attempt to connect; 0: it is.
+    int error() const { return mError; }
 
     void send(const std::string& bytes) {
         ::send(mFd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -387,6 +416,7 @@ class BadClient {
 
   private:
     const ::android::base::unique_fd mFd;
+    int mError;
 };
 
 // As host/src/Wire.h has it.
@@ -476,6 +506,168 @@ TEST_F(HostTest, BytesThatAreNoValidMessageEndTheirConnectionAlone) {
     EXPECT_FALSE(mService->hasEnded());
 }
 
+TEST_F(HostTest, RefusesConnectionsForWhichNoThreadCanBeMade) {
+    constexpr size_t kRoom = 4 << 20;  // less than a thread's stack, enough for all else
+    size_t pages = 0;
+    std::ifstream("/proc/" + std::to_string(mService->pid()) + "/statm") >> pages;
+    const rlimit64 tight = {pages * getpagesize() + kRoom, RLIM64_INFINITY};
+    const rlimit64 ample = {RLIM64_INFINITY, RLIM64_INFINITY};
+    ASSERT_EQ(0, prlimit64(mService->pid(), RLIMIT_AS, &tight, nullptr));
+
+    // More calls than there are stacks left to use again. Those that are let in wait for each
+    // other.
+    Monitor<size_t> answered;
+    const auto begin = std::chrono::steady_clock::now();
+    std::vector<std::future<bool>> refused;
+    for (int i = 0; i < 16; ++i) {
+        refused.push_back(std::async(std::launch::async, [&] {
+            sp<Listener> listener = new Listener([&](int32_t) {
+                answered.waitFor([](size_t count) { return count >= 8; });
+                return 0;
+            });
+            auto result = mPeer->callBack(listener, 1);
+            answered.change([](size_t& count) { ++count; });
+            EXPECT_TRUE(result.isOk() || !result.isDeadObject()) << result.description();
+            return !result.isOk();
+        }));
+    }
+    size_t count = 0;
+    for (auto& one : refused) count += one.get();
+    EXPECT_GE(count, 8u);
+    ASSERT_TRUE(mPeer->note(5).isOk()) << "waits for a thread";
+    const auto seconds = (std::chrono::steady_clock::now() - begin) / 1s;
+    ASSERT_EQ(0, prlimit64(mService->pid(), RLIMIT_AS, &ample, nullptr));
+    EXPECT_TRUE(std::async(std::launch::async, [this] { return serves(); }).get());
+    EXPECT_EQ(std::vector<int32_t>{5}, notes(1));
+    EXPECT_FALSE(mService->hasEnded()) << mService->describe();
+    support::drainOutput();
+    EXPECT_THAT(mService->err().lines().size(),
+                testing::AllOf(testing::Ge(1u), testing::Le(seconds + 2u)));
+}
+
+TEST_F(HostTest, ALogThatNobodyReadsStopsNobody) {
+    const std::string path = pathOf(".log");
+    ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+    ::android::base::unique_fd reader(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const int size = fcntl(reader.get(), F_SETPIPE_SZ, 4096);
+    Process service({"sh", "-c", "exec \"$0\" --serve logs 2>\"$1\"", gProgram, path}, {});
+    ASSERT_TRUE(waitUntil([&] { return !service.out().lines().empty(); }));
+    const auto socket =
+            pathOf(std::filesystem::read_symlink(pathOf("hidl.hosttest@1.0::IPeer,logs")));
+    const auto provoke = [&] {
+        BadClient client(socket);
+        client.send("one line of the log");
+        return client.isClosed();
+    };
+    constexpr int kLines = 200;
+    for (int i = 0; i < kLines; ++i) ASSERT_TRUE(provoke()) << "line " << i;
+
+    std::string text(size, '\0');
+    text.resize(std::max<ssize_t>(0, read(reader.get(), text.data(), text.size())));
+    const auto whole = std::count(text.begin(), text.end(), '\n');
+    EXPECT_EQ('\n', text.back());
+    EXPECT_LT(whole, kLines);
+    ASSERT_TRUE(provoke());
+    text.resize(size);
+    text.resize(std::max<ssize_t>(0, read(reader.get(), text.data(), text.size())));
+    EXPECT_THAT(text, testing::HasSubstr(": " + std::to_string(kLines - whole) + " lines"));
+
+    reader.reset();
+    ASSERT_TRUE(provoke());
+    EXPECT_EQ(service.pid(), serverOf("logs"));
+}
+
+TEST_F(HostTest, AStoppedProcessKeepsNobodyFromOthers) {
+    // One that was known before, and one that never answers a greeting.
+    mService->signal(SIGSTOP);
+    std::vector<std::unique_ptr<BadClient>> backlog;
+    do {
+        backlog.push_back(std::make_unique<BadClient>(pathOf(socketName()), SOCK_NONBLOCK));
+    } while (backlog.back()->error() == 0);
+    ASSERT_EQ(EAGAIN, backlog.back()->error());
+    ::android::base::unique_fd silent(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {AF_UNIX, {}};
+    pathOf("process-silent").string().copy(address.sun_path, sizeof(address.sun_path) - 1);
+    ASSERT_EQ(0, bind(silent.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    ASSERT_EQ(0, listen(silent.get(), 1));
+    std::filesystem::create_symlink("process-silent", pathOf("hidl.hosttest@1.0::IPeer,silent"));
+
+    std::vector<std::future<pid_t>> stuck;
+    for (const char* name : {"default", "silent", "silent"}) {
+        stuck.push_back(std::async(std::launch::async, [name] { return serverOf(name); }));
+    }
+    auto other = startService("other");
+    EXPECT_EQ(other->pid(), serverOf("other"));
+    for (auto& one : stuck) {
+        ASSERT_EQ(std::future_status::ready, one.wait_for(20s));
+        EXPECT_EQ(-1, one.get());
+    }
+    std::filesystem::remove(pathOf("process-silent"));
+    mService->signal(SIGCONT);
+    EXPECT_TRUE(serves());
+    EXPECT_EQ(mService->pid(), serverOf("default"));
+}
+
+TEST_F(HostTest, RegistersNothingWithoutTheRegistrysLock) {
+    ::android::base::unique_fd folder(open(pathOf("").c_str(), O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(0, flock(folder.get(), LOCK_EX));
+    Process late({gProgram, "--serve", "late"}, {});
+    EXPECT_EQ(1, late.waitExit());
+    EXPECT_THAT(late.err().text(), testing::HasSubstr("Cannot lock the folder of services"));
+}
+
+TEST_F(HostTest, AServicePutsBackWhatACleanerRemoves) {
+    const std::string link = pathOf("hidl.hosttest@1.0::IPeer,default");
+    const std::string socket = socketName();
+    const auto remove = [](const std::string& path) {
+        // At once, or what is put back would be in the way.
+        const std::string gone = path + ".gone";
+        std::filesystem::rename(path, gone);
+        std::filesystem::remove_all(gone);
+    };
+    const std::string folder = getenv("HIDL_HOST_DIR");
+    const struct {
+        const char* what;
+        std::function<void()> clean;
+    } cases[] = {
+            {"the socket", [&] { remove(pathOf(socket)); }},
+            {"the link", [&] { remove(link); }},
+            {"the folder", [&] { remove(folder); }},
+            {"the folder, again", [&] { remove(folder); }},
+    };
+    for (const auto& c : cases) {
+        c.clean();
+        EXPECT_TRUE(waitUntil([&] { return std::filesystem::exists(link); })) << c.what;
+        BadClient client(pathOf(socket));
+        client.send(Header().with());
+        EXPECT_TRUE(client.receive()) << c.what;
+        EXPECT_EQ(mService->pid(), serverOf("default")) << c.what;
+    }
+    // Who has taken the name meanwhile keeps it.
+    mService->signal(SIGSTOP);
+    siginfo_t stopped;
+    ASSERT_EQ(0, waitid(P_PID, mService->pid(), &stopped, WSTOPPED | WNOWAIT));
+    remove(folder);
+    auto second = startService();
+    mService->signal(SIGCONT);
+    EXPECT_TRUE(waitUntil([&] {
+        return mService->err().text().find("is served by another process now") != std::string::npos;
+    }));
+    EXPECT_EQ(second->pid(), serverOf("default"));
+}
+
+TEST_F(HostTest, AKilledClientIsNotBlamed) {
+    for (int i = 0; i < 12; ++i) {
+        Process client({gProgram, "--call", "default"}, {});
+        EXPECT_TRUE(waitUntil([&] { return !client.out().lines().empty(); })) << client.describe();
+        client.signal(SIGKILL);
+        client.waitExit();
+    }
+    EXPECT_TRUE(serves());
+    support::drainOutput();
+    EXPECT_THAT(mService->err().text(), testing::Not(testing::HasSubstr(" E ")));
+}
+
 TEST_F(HostTest, AMalformedCallIsRefusedToItsCaller) {
     // Valid messages whose content does not fit the method: the stub refuses them.
     const auto binder = ::android::hardware::getOrCreateCachedBinder(mPeer.get());
@@ -530,6 +722,19 @@ int main(int argc, char** argv) {
         puts("ready");
         fflush(stdout);
         ::android::hardware::joinRpcThreadpool();
+    }
+    if (argc == 3 && std::string(argv[1]) == "--call") {
+        // From more threads than are served at a time, until it is killed.
+        const auto peer = hosttest::IPeer::getService(argv[2]);
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 8; ++i) {
+            threads.emplace_back([&] {
+                for (;;) hosttest::valueOf(peer->callBack(new hosttest::Listener, 1));
+            });
+        }
+        puts("ready");
+        fflush(stdout);
+        pause();
     }
     testing::InitGoogleTest(&argc, argv);
     GTEST_FLAG_SET(death_test_style, "threadsafe");
