@@ -93,21 +93,4 @@ TEST_F(EnablementTest, WhatRemainsDecidesTheReEnable) {
     }
 }
 
-TEST_F(EnablementTest, TheModuleCallsBackFromInsideItsSlots) {
-    add<ActClient1>(70, "c");
-    module.inside = [this] {
-        plain({{1, 1, 10, 0, {}}});
-        extended({Context(1, 1, 11)});
-    };
-    enable(70, 1, 1, 0);
-    enableExtended(70, 1, 1, 0, kLoud);
-    ASSERT_EQ(int32_t(act->flush()), 0);
-    EXPECT_EQ(disable(70, 1, 1), 0);
-    const std::string both[] = {"c plain (1,1,10,0)", "c extended (1,1,11,0,0,)"};
-    // In both enables, the second one's snapshot and the flush; a request is visible while its call
-    // is in flight, and gone when the disable's call runs.
-    EXPECT_EQ(TakeJournal(), (Lines{both[0], both[1], both[0], both[1], both[0], both[1], both[0],
-                                    both[1], both[1]}));
-}
-
 }}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
