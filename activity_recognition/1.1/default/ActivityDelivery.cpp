@@ -96,7 +96,8 @@ void ActivityInterface::ActivitiesReport(const std::vector<EventResponseData>& b
     // Each process's share of the batch, by the process's position in packageNames.
     std::map<size_t, std::vector<const EventResponseData*>> shares;
     for (const EventResponseData& routed : batch) {
-        const ssize_t position = packageNames.firstOf(routed.pid);
+        const uint64_t pid = routed.pid;  // the record is packed: no reference to its fields
+        const ssize_t position = packageNames.firstOf(pid);
         if (position >= 0) shares[position].push_back(&routed);
     }
     // Version 1.0 doesn't route: each of its clients gets every process's share, the empty ones

@@ -13,11 +13,8 @@ Return<int32_t> ActivityInterface::enableActivityEvent(uint32_t activity, uint32
           reportLatencyNs);
     if (!ValidEventType(event)) return kFailure;
     const int32_t pid = CallingPidOrZero();
-    EnableRequestData request = {};
-    request.pid = ClientKey(pid);
-    request.activity = activity;
-    request.event = event;
-    request.reportLatencyNs = RoundNumbers(reportLatencyNs);
+    const int64_t latencyNs = RoundNumbers(reportLatencyNs);
+    const EnableRequestData request = {ClientKey(pid), activity, event, latencyNs, {}};
     AddRequest(request);
 
     bool joins;
@@ -27,8 +24,7 @@ Return<int32_t> ActivityInterface::enableActivityEvent(uint32_t activity, uint32
     }
     bool accepted = false;
     if (!joins) {
-        accepted = UpdateEnableNative(
-                {request.pid, activity, event, request.reportLatencyNs, /*noWake=*/0});
+        accepted = UpdateEnableNative({request.pid, activity, event, latencyNs, /*noWake=*/0});
     } else if (mImpl == nullptr) {
         ALOGE("%s: mImpl interface is not available", "enableActivityEvent");
     } else {
@@ -49,12 +45,9 @@ Return<int32_t> ActivityInterface::enableActivityEventExtend(uint32_t activity, 
     const int32_t pid = CallingPidOrZero();
     if (ValidActivityEventExtend(event, pid, params) != 0) return kFailure;
     const bool noWake = IsNoWake(params);
-    EnableRequestData request = {};
-    request.pid = ClientKey(pid);
-    request.activity = activity;
-    request.event = event;
-    request.reportLatencyNs = noWake ? NO_WAKE_REPORT_LATENCY_NS : RoundNumbers(reportLatencyNs);
-    request.otherParams = ToNativeParams(params);
+    const int64_t latencyNs = noWake ? NO_WAKE_REPORT_LATENCY_NS : RoundNumbers(reportLatencyNs);
+    const EnableRequestData request = {ClientKey(pid), activity, event, latencyNs,
+                                       ToNativeParams(params)};
     AddRequest(request);
 
     bool joins;
@@ -66,8 +59,8 @@ Return<int32_t> ActivityInterface::enableActivityEventExtend(uint32_t activity, 
     // The module gets the caller's own parameters, also for a pair that others share.
     bool accepted;
     if (!joins) {
-        accepted = UpdateEnableNativeExend(
-                {request.pid, activity, event, request.reportLatencyNs, noWake}, params);
+        accepted =
+                UpdateEnableNativeExend({request.pid, activity, event, latencyNs, noWake}, params);
     } else {
         accepted =
                 EnableActivityEvent(activity, event, MergedLatency(activity, event), params) == 0;

@@ -84,7 +84,9 @@ struct ClientPairOf {
     ClientPairKey operator()(const FirstReport& r) const { return {r.pid, {r.activity, r.event}}; }
 };
 struct ClientActivityOf {
-    ClientActivityKey operator()(const EventResponseData& r) const { return {r.pid, r.activity}; }
+    ClientActivityKey operator()(const EventResponseData& r) const {
+        return {uint64_t{r.pid}, r.activity};  // the record is packed: no reference to its fields
+    }
 };
 struct Itself {
     uint64_t operator()(uint64_t pid) const { return pid; }
