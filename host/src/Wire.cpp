@@ -144,8 +144,8 @@ Received Connection::receive(Message* message, bool wait) {
             bytes += sizeof(header);
             size -= sizeof(header);
             if (header.magic != kMagic) return invalid("a message does not start as one");
-            if (header.objectCount > kMaxTransactionSize / sizeof(ObjectRef) ||
-                header.dataSize > kMaxTransactionSize) {
+            if (uint64_t{header.objectCount} * sizeof(ObjectRef) + header.dataSize >
+                kMaxTransactionSize) {
                 return invalid("a message is over the largest transaction");
             }
             message->objects.resize(header.objectCount);

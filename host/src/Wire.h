@@ -17,8 +17,9 @@
 
 namespace android { namespace hardware { namespace host {
 
-// As the platform's binder buffer: a transaction's references and bytes together.
-constexpr size_t kMaxTransactionSize = 1024 * 1024;
+// As the platform's binder buffer, which has a page to guard it at each end: a transaction's
+// references and bytes together.
+constexpr size_t kMaxTransactionSize = 1024 * 1024 - 2 * 4096;
 constexpr size_t kPacketSize = 60 * 1024;
 
 // Within so long another process must take a connection, answer a greeting, or say what it serves.

@@ -288,7 +288,7 @@ TEST_F(HostTest, ALocalObjectTakesALinkAndNeverDies) {
     EXPECT_TRUE(local->unlinkToDeath(recipient));
 }
 
-TEST_F(HostTest, TakesTransactionsOfOneMebibyteAndFailsLargerOnesAlone) {
+TEST_F(HostTest, TakesTransactionsUpToItsLimitAndFailsLargerOnesAlone) {
     hidl_vec<uint8_t> bytes;
     size_t arrived = 0;
     const auto count = [&](const hidl_vec<uint8_t>& same) { arrived = same.size(); };
@@ -297,7 +297,7 @@ TEST_F(HostTest, TakesTransactionsOfOneMebibyteAndFailsLargerOnesAlone) {
         ASSERT_TRUE(mPeer->blob(bytes, count).isOk()) << size;
         EXPECT_EQ(size, arrived);
     }
-    bytes.resize(1024 * 1024 + 1);
+    bytes.resize(1016 * 1024);
     auto result = mPeer->blob(bytes, count);
     EXPECT_FALSE(result.isOk());
     EXPECT_FALSE(result.isDeadObject());
