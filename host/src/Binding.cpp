@@ -71,6 +71,13 @@ void hidl_binder_death_recipient::binderDied(const wp<IBinder>&) {
     if (recipient != nullptr) recipient->serviceDied(mCookie, mBase);
 }
 
+bool hidl_binder_death_recipient::swapIfEqual(IBinder::DeathRecipient* other) {
+    auto* link = dynamic_cast<hidl_binder_death_recipient*>(other);
+    if (link == nullptr || link->mRecipient != mRecipient || link->mBase != mBase) return false;
+    std::swap(mCookie, link->mCookie);
+    return true;
+}
+
 status_t readFromParcel(Status* status, const Parcel& parcel) {
     int32_t exception;
     status_t error = parcel.readInt32(&exception);

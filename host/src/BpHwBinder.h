@@ -17,7 +17,7 @@ class Session;
 
 class BpHwBinder : public IBinder {
   public:
-    BpHwBinder(std::shared_ptr<host::Session> session, uint64_t id, bool dead);
+    BpHwBinder(std::shared_ptr<host::Session> session, uint64_t id);
 
     status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0,
                       TransactCallback callback = nullptr) override;
@@ -25,8 +25,9 @@ class BpHwBinder : public IBinder {
     status_t unlinkToDeath(const wp<DeathRecipient>& recipient) override;
     BpHwBinder* remoteBinder() override { return this; }
 
-    // Tells every linked recipient, once.
-    void sendObituary();
+    // The session has ended: tells every linked recipient, once, on a thread of the pool. A proxy
+    // that nobody has linked learns of it with its first link.
+    void postObituary() EXCLUDES(mMutex);
 
     const host::Session* session() const { return mSession.get(); }
     uint64_t id() const { return mId; }
@@ -36,12 +37,13 @@ class BpHwBinder : public IBinder {
 
   private:
     ~BpHwBinder() override;
+    void sendObituary() EXCLUDES(mMutex);
 
     const std::shared_ptr<host::Session> mSession;
     const uint64_t mId;
 
     Mutex mMutex;
-    bool mDead GUARDED_BY(mMutex);
+    bool mTold GUARDED_BY(mMutex) = false;
     std::vector<wp<DeathRecipient>> mRecipients GUARDED_BY(mMutex);
 };
 

@@ -38,7 +38,7 @@ class Node {
     void offerServing();
     size_t poolSize();
 
-    // Where destructors and death notices of the application run.
+    // Where destructors of the application run.
     Worker& janitor() { return mJanitor; }
 
     // Within a second the control thread takes up again what could not be done now: for what a

@@ -387,7 +387,7 @@ sp<IBinder> Session::proxyFor(uint64_t id) {
     auto it = mProxies.find(id);
     sp<BpHwBinder> proxy = it == mProxies.end() ? nullptr : it->second.promote();
     if (proxy == nullptr) {
-        proxy = new BpHwBinder(shared_from_this(), id, mEnded);
+        proxy = new BpHwBinder(shared_from_this(), id);
         mProxies[id] = proxy;
     }
     ++proxy->received;
@@ -568,12 +568,11 @@ void Session::end() {
     for (const ConnectionPtr& connection : connections) {
         if (connection != nullptr) connection->shutdown();
     }
-    Node::self().janitor().post([proxies = std::move(proxies), exported = std::move(exported),
-                                 unacknowledged = std::move(unacknowledged)] {
-        for (const sp<BpHwBinder>& proxy : proxies) {
-            if (proxy != nullptr) proxy->sendObituary();
-        }
-    });
+    for (const sp<BpHwBinder>& proxy : proxies) {
+        if (proxy != nullptr) proxy->postObituary();
+    }
+    Node::self().janitor().post(
+            [exported = std::move(exported), unacknowledged = std::move(unacknowledged)] {});
 }
 
 status_t Session::goneStatus() {

@@ -77,7 +77,7 @@ class Session : public std::enable_shared_from_this<Session> {
     bool retry() EXCLUDES(mMutex);
 
     // The other process is gone: fails every call, tells every linked recipient, drops every object
-    // that it had. Idempotent; the notices go out on a thread of the runtime.
+    // that it had. Idempotent; the notices go out on threads of the pool.
     void end() EXCLUDES(mMutex);
 
     // The last reference to a proxy is going.

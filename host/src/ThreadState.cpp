@@ -2,10 +2,14 @@
 
 #include "ThreadState.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
+#include <deque>
+#include <system_error>
+#include <thread>
 
 #include <hidl/HidlTransportSupport.h>
 #include <hwbinder/ProcessState.h>
@@ -20,7 +24,9 @@ namespace {
 
 std::atomic<bool> gShutdown{false};
 
-// How many threads serve, and may.
+// How many threads serve, and may. Calls are served by the threads of their connections; what comes
+// from no connection is run by threads of the pool's own. The first of these is made at the start
+// and stays, so that deaths are told even when no further thread can be had.
 class Pool {
   public:
     // Never destroyed: pool threads outlive main.
@@ -35,6 +41,7 @@ class Pool {
         if (mStarted) return false;
         mStarted = true;
         mChanged.notify_all();
+        addRunner();
         return true;
     }
     void setSize(size_t size) {
@@ -59,12 +66,55 @@ class Pool {
         mChanged.notify_one();
     }
 
+    void post(std::function<void()> task) {
+        Mutex::Autolock lock(mMutex);
+        mTasks.push_back(std::move(task));
+        mPosted.notify_one();
+        if (mStarted && mTasks.size() > mIdleRunners && mRunners < mSize) addRunner();
+    }
+
   private:
+    void addRunner() REQUIRES(mMutex) {
+        try {
+            std::thread([this] { run(); }).detach();
+            ++mRunners;
+        } catch (const std::system_error& error) {
+            // Those that run do it, or the next task tries again.
+            ALOGE("Cannot add a thread to %zu of the pool: %s", mRunners, error.what());
+        }
+    }
+    void run() {
+        pthread_setname_np(pthread_self(), "hidl-pool");
+        while (std::function<void()> task = next()) {
+            host::PoolSlot slot;
+            task();
+        }
+    }
+    // Waits for one; empty when others wait already.
+    std::function<void()> next() {
+        Mutex::Autolock lock(mMutex);
+        ++mIdleRunners;
+        while (mTasks.empty() && mRunners == 1) mPosted.wait(mMutex);
+        --mIdleRunners;
+        if (mTasks.empty()) {
+            --mRunners;
+            return nullptr;
+        }
+        std::function<void()> task = std::move(mTasks.front());
+        mTasks.pop_front();
+        return task;
+    }
+
     Mutex mMutex;
     std::condition_variable_any mChanged;
     size_t mSize GUARDED_BY(mMutex) = 1;
     size_t mBusy GUARDED_BY(mMutex) = 0;
     bool mStarted GUARDED_BY(mMutex) = false;
+
+    std::condition_variable_any mPosted;
+    std::deque<std::function<void()>> mTasks GUARDED_BY(mMutex);
+    size_t mRunners GUARDED_BY(mMutex) = 0;
+    size_t mIdleRunners GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace
@@ -132,6 +182,10 @@ PoolSlot::~PoolSlot() {
 
 size_t startedPoolSize() {
     return Pool::self().size();
+}
+
+void runOnPool(std::function<void()> task) {
+    Pool::self().post(std::move(task));
 }
 
 }  // namespace host

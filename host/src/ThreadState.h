@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <functional>
+
 #include <hwbinder/IPCThreadState.h>
 
 namespace android { namespace hardware {
@@ -36,6 +38,10 @@ class PoolSlot {
 
 // 0 until the pool is started.
 size_t startedPoolSize();
+
+// Runs this on a thread of the pool as soon as one is free, so never before the pool is started.
+// Several of them run at a time, as far as the pool goes.
+void runOnPool(std::function<void()> task);
 
 }  // namespace host
 }}  // namespace android::hardware

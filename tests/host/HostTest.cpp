@@ -95,14 +95,19 @@ class HostTest : public testing::Test {
 
 struct Recipient : hidl_death_recipient {
     void serviceDied(uint64_t cookie, const wp<IBase>& who) override {
-        thread = std::this_thread::get_id();
-        last = who;
-        cookies.change([&](auto& all) { all.push_back(cookie); });
+        cookies.change([&](auto& all) {
+            thread = std::this_thread::get_id();
+            last = who;
+            all.push_back(cookie);
+        });
+        if (!waitFor(inside)) together = false;
     }
     bool waitFor(size_t count) {
         return cookies.waitFor([&](const auto& all) { return all.size() >= count; });
     }
 
+    size_t inside = 0;  // how many notices wait for each other
+    std::atomic<bool> together{true};
     std::thread::id thread;
     wp<IBase> last;
     Monitor<std::vector<uint64_t>> cookies;
@@ -239,7 +244,7 @@ TEST_F(HostTest, TellsEveryLinkedRecipientOnceOfADeath) {
     sp<Recipient> first = new Recipient;
     sp<Recipient> second = new Recipient;
     sp<Recipient> unlinked = new Recipient;
-    sp<IListener> theirs = mPeer->make();
+    sp<IListener> theirs = mPeer->make(), never = mPeer->make();
     EXPECT_TRUE(mPeer->linkToDeath(first, 1));
     EXPECT_TRUE(theirs->linkToDeath(first, 2));
     EXPECT_TRUE(mPeer->linkToDeath(second, 3));
@@ -251,21 +256,35 @@ TEST_F(HostTest, TellsEveryLinkedRecipientOnceOfADeath) {
         sp<IListener> dropped = mPeer->make();
         EXPECT_TRUE(dropped->linkToDeath(unlinked, 5));
     }
+    // Of equal links the first goes.
+    sp<Recipient> twice = new Recipient;
+    sp<IListener> other = mPeer->make();
+    for (uint64_t cookie : {11, 12, 13}) EXPECT_TRUE(other->linkToDeath(twice, cookie));
+    EXPECT_TRUE(other->unlinkToDeath(twice));
+
+    first->inside = 2;  // objects are told of at once, as far as the pool goes
     mService->signal(SIGKILL);
     ASSERT_TRUE(first->waitFor(2));
     ASSERT_TRUE(second->waitFor(1));
+    ASSERT_TRUE(twice->waitFor(2));
     EXPECT_THAT(first->cookies.get(), testing::UnorderedElementsAre(1, 2));
+    EXPECT_TRUE(first->together);
+    EXPECT_THAT(twice->cookies.get(), testing::ElementsAre(12, 13));
     EXPECT_EQ(sp<IBase>(mPeer), second->last.promote());
     EXPECT_NE(std::this_thread::get_id(), second->thread);
 
+    // A proxy that was not linked does not know yet: its link is taken and told of.
+    EXPECT_TRUE(never->linkToDeath(second, 7));
+    EXPECT_TRUE(second->waitFor(2));
     // What is known to be dead takes no link and no call.
+    EXPECT_FALSE(never->linkToDeath(second, 8));
     auto linked = mPeer->linkToDeath(second, 6);
     EXPECT_TRUE(linked.isOk());
     EXPECT_FALSE(linked);
     auto call = mPeer->add(1, 2);
     EXPECT_FALSE(call.isOk());
     EXPECT_TRUE(call.isDeadObject());
-    EXPECT_THAT(second->cookies.get(), testing::ElementsAre(3));
+    EXPECT_THAT(second->cookies.get(), testing::ElementsAre(3, 7));
     EXPECT_TRUE(unlinked->cookies.get().empty());
 }
 
@@ -736,6 +755,7 @@ int main(int argc, char** argv) {
         fflush(stdout);
         pause();
     }
+    ::android::hardware::configureRpcThreadpool(2, false);
     testing::InitGoogleTest(&argc, argv);
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     char folder[] = "/tmp/hidl-host-test-XXXXXX";

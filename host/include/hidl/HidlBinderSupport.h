@@ -27,11 +27,12 @@ class hidl_binder_death_recipient : public IBinder::DeathRecipient {
                                 const sp<::android::hidl::base::V1_0::IBase>& base);
 
     void binderDied(const wp<IBinder>& who) override;
+    bool swapIfEqual(IBinder::DeathRecipient* other) override;
     wp<hidl_death_recipient> getRecipient() const { return mRecipient; }
 
   private:
     const wp<hidl_death_recipient> mRecipient;
-    const uint64_t mCookie;
+    uint64_t mCookie;
     const wp<::android::hidl::base::V1_0::IBase> mBase;
 };
 

@@ -31,7 +31,7 @@ struct IBase;
 
 namespace hardware {
 
-// Told of a remote object's death, on a thread of the runtime. The runtime keeps it only weakly:
+// Told of a remote object's death, on a thread of the pool; of several objects' at once. The runtime keeps it only weakly:
 // whoever links it must keep it alive.
 struct hidl_death_recipient : public virtual RefBase {
     // cookie: as given to linkToDeath. who: the very proxy that was linked.

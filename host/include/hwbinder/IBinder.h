@@ -24,13 +24,17 @@ class IBinder : public virtual RefBase {
     class DeathRecipient : public virtual RefBase {
       public:
         virtual void binderDied(const wp<IBinder>& who) = 0;
+        // Host only: exchanges what two equal links of a proxy differ in; false for unequal ones.
+        virtual bool swapIfEqual(DeathRecipient*) { return false; }
     };
 
     virtual status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0,
                               TransactCallback callback = nullptr) = 0;
 
-    // The recipient is kept weakly and told once, on a thread of the runtime. DEAD_OBJECT when the
-    // death is already known, INVALID_OPERATION for a local object.
+    // The recipient is kept weakly and told once, on a thread of the pool: not before that is
+    // started, which generated proxies do when they link. An object whose process is dead takes the
+    // link too, until a recipient has been told: then DEAD_OBJECT. INVALID_OPERATION for a local
+    // object.
     virtual status_t linkToDeath(const sp<DeathRecipient>& recipient) = 0;
     // NAME_NOT_FOUND when it is not linked, DEAD_OBJECT when it has been told.
     virtual status_t unlinkToDeath(const wp<DeathRecipient>& recipient) = 0;
