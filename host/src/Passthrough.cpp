@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <memory>
 
+#include <android/hidl/manager/1.0/IServiceManager.h>
 #include <hidl/HidlPassthroughSupport.h>
 #include <hidl/ServiceManagement.h>
 #include <hidl/Static.h>

@@ -5,6 +5,7 @@
 #include <map>
 
 #include <android/hidl/base/1.0/BpHwBase.h>
+#include <android/hidl/manager/1.0/IServiceManager.h>
 #include <hidl/HidlTransportSupport.h>
 #include <log/log.h>
 #include <utils/Mutex.h>

@@ -104,19 +104,15 @@ std::ostream& operator<<(std::ostream& os, const Status& status) {
 
 namespace details {
 
-return_status& return_status::operator=(const return_status& other) {
+return_status& return_status::operator=(return_status&& other) noexcept {
     if (this != &other) {
         onIgnored();
-        mStatus = other.mStatus;
-        // The copy is what will be looked at from now on.
+        mStatus = std::move(other.mStatus);
+        // This is what will be looked at from now on.
         mCheckedStatus = other.mCheckedStatus;
         other.mCheckedStatus = true;
     }
     return *this;
-}
-
-return_status& return_status::operator=(return_status&& other) noexcept {
-    return *this = static_cast<const return_status&>(other);
 }
 
 void return_status::assertOk() const {

@@ -15,6 +15,7 @@
 #include <random>
 
 #include <android-base/unique_fd.h>
+#include <android/hidl/manager/1.0/IServiceManager.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <hidl/HidlTransportSupport.h>
@@ -116,13 +117,13 @@ struct Recipient : hidl_death_recipient {
 TEST_F(HostTest, CarriesNestedRecordsBothWays) {
     Inner inner;
     inner.text = "inner text";
-    inner.words = {"one", "", std::string(5000, 'x')};
+    inner.words = hidl_vec<hidl_string>{"one", "", std::string(5000, 'x')};
     inner.numbers = std::array<double, 4>{1.0, -0.0, 3.5, 1e300};
     Outer outer;
     outer.id = 0xdeadbeef;
     outer.inner = inner;
     outer.more = std::vector<Inner>(100, inner);
-    outer.more[99].words = {};
+    outer.more[99].words.resize(0);
     Outer same;
     ASSERT_TRUE(mPeer->echo(outer, [&](const Outer& answer) { same = answer; }).isOk());
     EXPECT_EQ(outer, same);
@@ -722,10 +723,19 @@ TEST(PassthroughTest, LoadsAnImplementationAndWrapsIt) {
     EXPECT_EQ(100u, count);
 }
 
+// What compiles here does on a device.
+template <typename T, typename = void>
+struct TakesBraces : std::false_type {};
+template <typename T>
+struct TakesBraces<T, std::void_t<decltype(std::declval<T&>() = {1, 2})>> : std::true_type {};
+static_assert(TakesBraces<std::vector<int>>::value && !TakesBraces<hidl_vec<int>>::value);
+static_assert(!std::is_copy_constructible_v<Return<int>>);
+
 TEST(ReturnDeathTest, AFailureThatNobodyLooksAtEndsTheProcess) {
-    const auto fail = [] {
-        return Return<void>(::android::hardware::Status::fromStatusT(::android::DEAD_OBJECT));
-    };
+    const auto dead = ::android::hardware::Status::fromStatusT(::android::DEAD_OBJECT);
+    const auto fail = [&] { return Return<void>(dead); };
+    EXPECT_EQ(7, Return<int>(dead).withDefault(7));
+    EXPECT_EQ(8, Return<int>(8).withDefault(7));
     EXPECT_DEATH({ fail(); }, "not checked: Status\\(EX_TRANSACTION_FAILED\\): 'DEAD_OBJECT: '");
     EXPECT_FALSE(fail().isOk());
 }

@@ -31,8 +31,8 @@ struct IBase;
 
 namespace hardware {
 
-// Told of a remote object's death, on a thread of the pool; of several objects' at once. The runtime keeps it only weakly:
-// whoever links it must keep it alive.
+// Told of a remote object's death, on a thread of the pool; of several objects' at once. The
+// runtime keeps it only weakly: whoever links it must keep it alive.
 struct hidl_death_recipient : public virtual RefBase {
     // cookie: as given to linkToDeath. who: the very proxy that was linked.
     virtual void serviceDied(uint64_t cookie,
@@ -50,8 +50,15 @@ struct hidl_handle {
     hidl_handle& operator=(const native_handle_t* handle);
     ~hidl_handle() { freeHandle(); }
 
+    // shouldOwn: to be closed and deleted with this.
+    void setTo(native_handle_t* handle, bool shouldOwn = false) {
+        *this = handle;
+        mOwnsHandle = shouldOwn;
+    }
+
     const native_handle_t* operator->() const { return mHandle; }
     operator const native_handle_t*() const { return mHandle; }
+    const native_handle_t* getNativeHandle() const { return mHandle; }
 
   private:
     void freeHandle();
@@ -112,6 +119,15 @@ inline bool operator!=(const hidl_string& a, const char* b) {
 inline bool operator!=(const char* a, const hidl_string& b) {
     return !(b == a);
 }
+inline bool operator>(const hidl_string& a, const hidl_string& b) {
+    return b < a;
+}
+inline bool operator<=(const hidl_string& a, const hidl_string& b) {
+    return !(b < a);
+}
+inline bool operator>=(const hidl_string& a, const hidl_string& b) {
+    return !(a < b);
+}
 std::ostream& operator<<(std::ostream& os, const hidl_string& text);
 
 // A counted array of T.
@@ -149,10 +165,7 @@ struct hidl_vec {
         }
         return *this;
     }
-    hidl_vec& operator=(std::initializer_list<T> list) {
-        assign(list.begin(), list.size());
-        return *this;
-    }
+    // None from a braced list, as on the platform: which of these it is for would be ambiguous.
     hidl_vec& operator=(const std::vector<T>& other) {
         assign(other.data(), other.size());
         return *this;
@@ -179,6 +192,12 @@ struct hidl_vec {
 
     T* data() { return mBuffer; }
     const T* data() const { return mBuffer; }
+    // Hands the elements over, to be freed with delete[]; they can be read here until then.
+    T* releaseData() {
+        if (!mOwnsBuffer && mBuffer != nullptr) resize(mSize);
+        mOwnsBuffer = false;
+        return mBuffer;
+    }
 
     T& operator[](size_t index) { return mBuffer[index]; }
     const T& operator[](size_t index) const { return mBuffer[index]; }

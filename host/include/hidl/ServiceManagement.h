@@ -3,11 +3,21 @@
 
 #include <string>
 
-#include <android/hidl/manager/1.0/IServiceManager.h>
-#include <hidl/HidlSupport.h>
 #include <utils/Errors.h>
+#include <utils/StrongPointer.h>
 
-namespace android { namespace hardware {
+namespace android {
+namespace hidl {
+namespace base { namespace V1_0 {
+struct IBase;
+}}  // namespace base::V1_0
+namespace manager { namespace V1_0 {
+// Whoever calls it includes <android/hidl/manager/1.0/IServiceManager.h>, as on the platform.
+struct IServiceManager;
+}}  // namespace manager::V1_0
+}  // namespace hidl
+
+namespace hardware {
 
 // The host's registry: a folder of sockets, no daemon. A local object; never NULL.
 sp<::android::hidl::manager::V1_0::IServiceManager> defaultServiceManager();
@@ -28,4 +38,5 @@ status_t registerAsServiceInternal(const sp<::android::hidl::base::V1_0::IBase>&
                                    const std::string& name);
 
 }  // namespace details
-}}  // namespace android::hardware
+}  // namespace hardware
+}  // namespace android

@@ -65,9 +65,7 @@ class return_status {
   public:
     return_status() = default;
     return_status(const Status& status) : mStatus(status) {}
-    return_status(const return_status& other) { *this = other; }
     return_status(return_status&& other) noexcept { *this = std::move(other); }
-    return_status& operator=(const return_status& other);
     return_status& operator=(return_status&& other) noexcept;
     ~return_status() { onIgnored(); }
 
@@ -104,6 +102,8 @@ class Return : public details::return_status {
         assertOk();
         return mVal;
     }
+    // Does not end the process when the call failed.
+    T withDefault(T value) { return isOk() ? mVal : value; }
 
   private:
     T mVal{};
@@ -118,13 +118,15 @@ class Return<sp<T>> : public details::return_status {
     template <typename U>
     Return(sp<U> value) : mVal(std::move(value)) {}
     template <typename U>
-    Return(const Return<sp<U>>& other) : details::return_status(other), mVal(other.mVal) {}
+    Return(Return<sp<U>>&& other)
+        : details::return_status(std::move(other)), mVal(std::move(other.mVal)) {}
     Return(const Status& status) : details::return_status(status) {}
 
     operator sp<T>() const {
         assertOk();
         return mVal;
     }
+    sp<T> withDefault(sp<T> value) { return isOk() ? mVal : value; }
 
   private:
     template <typename U>

@@ -21,6 +21,7 @@ class IPCThreadState {
     // The caller whose transaction this thread is serving, by the kernel's word; 0 in a oneway
     // transaction; outside any transaction this process itself.
     pid_t getCallingPid() const { return mCallingPid; }
+    uid_t getCallingUid() const { return mCallingUid; }
 
     // The caller as a token, uid in the upper and pid in the lower 32 bits. clear makes the thread
     // its own caller and answers who it was before.
