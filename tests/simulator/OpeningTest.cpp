@@ -28,6 +28,12 @@ TEST_F(SimulatorTest, NamesFileLineAndReasonOfABadLine) {
             {"activities a a", 1, "'a' is named twice"},
             {"0 activity still 1\nloop", 2, "'loop' must come before the records"},
             {"loop 2\n3 activity still 1", 2, "'loop' starts again before the last record"},
+            {"0 activity still 1 times=10000 every=1000000", 1,
+             "times=10000 every=1000000: the last repetition is at 9999000000 seconds, at most 1000000"},
+            {"1e6 activity still 1 every=0.5 times=2", 1,
+             "times=2 every=0.5: the last repetition is at 1000000.5 seconds, at most 1000000"},
+            {"loop 0\n0 activity still 1", 1, "'0': 'loop' takes seconds, more than 0 up to"},
+            {"speed 10001", 1, "'10001': 'speed' takes a factor of 0.001 to 10000"},
     };
     for (const auto& bad : cases) {
         setScenario(bad.text);
@@ -47,7 +53,8 @@ TEST_F(SimulatorTest, NamesABadSetting) {
             {"SCENARIO", "/nonexistent.scn", "/nonexistent.scn: No such file or directory"},
             {"SCENARIO", "/tmp", "/tmp: Is a directory"},
             {"SCENARIO", scenario, scenario + ": waits for 'stage', but AR_SIMULATOR_CONTROL"},
-            {"SPEED", "fast", "AR_SIMULATOR_SPEED: 'fast' is not a factor"},
+            {"SPEED", "fast", "AR_SIMULATOR_SPEED: 'fast' is not a factor of 0.001 to 10000"},
+            {"SPEED", "1e-4", "AR_SIMULATOR_SPEED: '1e-4' is not a factor of 0.001 to 10000"},
             {"LOOP", "yes", "AR_SIMULATOR_LOOP: 'yes' is neither 0 nor 1"},
             {"CONTROL", "/dev/null", "AR_SIMULATOR_CONTROL: /dev/null: not a FIFO"},
             {"TRACE", "/nonexistent/t", "AR_SIMULATOR_TRACE: /nonexistent/t: No such file"},
@@ -59,6 +66,22 @@ TEST_F(SimulatorTest, NamesABadSetting) {
         ASSERT_EQ(-EINVAL, open()) << bad.variable;
         EXPECT_THAT(errors.back(), StartsWith("AR_simulator " + bad.reason));
         set(bad.variable, "");
+    }
+}
+
+TEST_F(SimulatorTest, RefusesALoopThatNobodyCouldPlay) {
+    for (const auto& [text, speed, reason] : std::vector<std::array<std::string, 3>>{
+                 {"loop 0.000000001\n0 activity still 1", "", "1 in 1e-09 s, speed 1"},
+                 {"loop\n0 activity still 1 times=10000", "100", "10000 in 1 s, speed 100"}}) {
+        setScenario(text);
+        set("SPEED", speed);
+        ASSERT_EQ(-EINVAL, open()) << text;
+        EXPECT_THAT(errors.back(), StartsWith("AR_simulator " + scenario + ": a loop of " +
+                                              "more than 100000 records a second: " + reason));
+        set("LOOP", "0");
+        EXPECT_EQ(0, open()) << "once is well";
+        ASSERT_EQ(0, close());
+        set("LOOP", "");
     }
 }
 

@@ -136,6 +136,22 @@ TEST_F(SimulatorTest, LoopsAndRunsFaster) {
     }
 }
 
+TEST_F(SimulatorTest, AnswersWhileItIsBehind) {
+    // A million records at once, of which nobody wants one: seconds of work, some milliseconds at a
+    // time.
+    std::string text = "wait go\n";
+    for (int i = 0; i < 99; ++i) text += "0 activity still 1 times=10000\n";
+    setScenario(text + "0 activity walking 1\n");
+    start();
+    activity->enable_activity_event(1, 1, 0);
+    say("go");
+    ar_context_event* events = nullptr;
+    int count = 0;
+    while ((count = activity->get_current_activity(&events)) == 0) std::this_thread::yield();
+    EXPECT_EQ(1, count) << "the last record is far away";
+    EXPECT_EQ(1u, next().events[0].activity);
+}
+
 TEST_F(SimulatorTest, WaitsForItsNames) {
     setScenario(
             "loop\nwait one\n0.01 activity still 1 extra=1\nwait two\n"

@@ -2,9 +2,14 @@
 
 #include <math.h>
 
+#include <algorithm>
+
 #include <utils/Timers.h>
 
 namespace ar_simulator {
+
+// 146 years.
+static constexpr int64_t kClockEndNs = INT64_C(1) << 62;
 
 void Clock::start(double speed) {
     mEpochNs = systemTime(SYSTEM_TIME_MONOTONIC);
@@ -13,14 +18,17 @@ void Clock::start(double speed) {
 
 int64_t Clock::nowNs() const {
     const auto sinceNs = static_cast<double>(systemTime(SYSTEM_TIME_MONOTONIC) - mEpochNs);
-    return mEpochNs + static_cast<int64_t>(sinceNs * mSpeed);
+    const int64_t leftNs = kClockEndNs - mEpochNs;
+    return mEpochNs + static_cast<int64_t>(std::min(sinceNs * mSpeed, static_cast<double>(leftNs)));
 }
 
 int64_t Clock::untilNs(int64_t timeNs) const {
+    const int64_t nowTimeNs = nowNs();
+    if (timeNs <= nowTimeNs) return 0;
+    if (timeNs > kClockEndNs) return INT64_MAX;
     // Rounded up: waking early only means to wait again.
-    const double leftNs = ceil(static_cast<double>(timeNs - nowNs()) / mSpeed);
-    if (leftNs >= 9e18) return INT64_MAX;
-    return leftNs > 0 ? static_cast<int64_t>(leftNs) : 0;
+    const double leftNs = ceil(static_cast<double>(timeNs - nowTimeNs) / mSpeed);
+    return leftNs < 9e18 ? static_cast<int64_t>(leftNs) : INT64_MAX;
 }
 
 void Player::start(const Scenario* scenario, int64_t nowNs) {

@@ -10,12 +10,13 @@
 
 namespace ar_simulator {
 
-// The module's clock: CLOCK_MONOTONIC at start, running speed times as fast from there.
+// The module's clock: CLOCK_MONOTONIC at start, running speed times as fast from there, up to an
+// end where it stands still: that leaves room for any offset or distance to be added.
 class Clock {
   public:
     void start(double speed);
     int64_t nowNs() const;
-    // Monotonic time left until timeNs of this clock, at least 0.
+    // Monotonic time left until timeNs of this clock, at least 0; INT64_MAX: it never comes.
     int64_t untilNs(int64_t timeNs) const;
 
   private:

@@ -57,6 +57,11 @@ std::vector<std::string> split(const std::string& text, const char* separators) 
     return words;
 }
 
+// The start of a reason: what a directive was given, if anything.
+std::string given(const std::vector<std::string>& words) {
+    return words.size() < 2 ? "" : "'" + words[1] + "': ";
+}
+
 void setName(ar_context_event* event, const std::string& name) {
     memcpy(event->name, name.c_str(), name.size() + 1);
 }
@@ -79,6 +84,7 @@ class Reader {
     std::string readRecord(const Words& words);
     std::string readWhat(const std::string& word, Step* step);
     std::string readOption(const std::string& word, Step* step);
+    std::string checkRepetitions(const Step& step);
     void sortSection();
 
     Scenario& mScenario;
@@ -127,8 +133,8 @@ std::string Reader::readList(const Words& words, std::vector<std::string>* list)
 }
 
 std::string Reader::readSpeed(const Words& words) {
-    if (words.size() != 2 || !parseFactor(words[1].c_str(), &mScenario.speed)) {
-        return "'speed' takes a factor of more than 0 up to 1000000";
+    if (words.size() != 2 || !parseSpeed(words[1].c_str(), &mScenario.speed)) {
+        return given(words) + "'speed' takes a factor of 0.001 to 10000";
     }
     return "";
 }
@@ -138,7 +144,7 @@ std::string Reader::readLoop(const Words& words) {
     if (words.size() == 1) return "";
     if (words.size() > 2 || !parseSeconds(words[1], &mScenario.periodNs) ||
         mScenario.periodNs <= 0) {
-        return "'loop' takes seconds, more than 0 up to 1000000";
+        return given(words) + "'loop' takes seconds, more than 0 up to 1000000";
     }
     return "";
 }
@@ -195,6 +201,8 @@ std::string Reader::readRecord(const Words& words) {
         if (!reason.empty()) return reason;
     }
     if (mScenario.steps.size() + mTimes > kMaxSteps) return "more than 1000000 records";
+    reason = checkRepetitions(step);
+    if (!reason.empty()) return reason;
     mLastOffsetNs = step.offsetNs;
     for (uint64_t i = 0; i < mTimes; ++i) {
         mScenario.steps.push_back(step);
@@ -251,6 +259,19 @@ std::string Reader::readOption(const std::string& word, Step* step) {
     return "";
 }
 
+// No record is later than a line could say.
+std::string Reader::checkRepetitions(const Step& step) {
+    const double lastNs = static_cast<double>(step.offsetNs) +
+                          static_cast<double>(mTimes - 1) * static_cast<double>(mEveryNs);
+    if (lastNs <= kMaxSeconds * kNsPerSecond) return "";
+    char reason[160];
+    snprintf(reason, sizeof(reason),
+             "times=%llu every=%.15g: the last repetition is at %.15g seconds, at most 1000000",
+             static_cast<unsigned long long>(mTimes), static_cast<double>(mEveryNs) / kNsPerSecond,
+             lastNs / kNsPerSecond);
+    return reason;
+}
+
 // Repetitions reach past the lines that follow theirs.
 void Reader::sortSection() {
     std::stable_sort(mScenario.steps.begin() + static_cast<ptrdiff_t>(mSectionStart),
@@ -278,8 +299,8 @@ Scenario Scenario::builtIn() {
     return scenario;
 }
 
-bool parseFactor(const char* text, double* factor) {
-    return parseDouble(text, factor) && *factor > 0 && *factor <= 1e6;
+bool parseSpeed(const char* text, double* factor) {
+    return parseDouble(text, factor) && *factor >= kMinSpeed && *factor <= kMaxSpeed;
 }
 
 bool readScenario(const char* path, Scenario* scenario, std::string* error) {

@@ -37,7 +37,13 @@ struct Scenario {
 // Returns false with "path:line: reason", or "path: reason", in *error.
 bool readScenario(const char* path, Scenario* scenario, std::string* error);
 
-// Whole text to number. Factors are more than 0 up to a million.
-bool parseFactor(const char* text, double* factor);
+// Whole text to number. The slowest takes a quarter of an hour for a second; at the fastest the
+// module's clock lasts for five days.
+constexpr double kMinSpeed = 0.001;
+constexpr double kMaxSpeed = 10000;
+bool parseSpeed(const char* text, double* factor);
+
+// What a loop may ask for, in records a second of CLOCK_MONOTONIC.
+constexpr double kMaxLoopRate = 100000;
 
 }  // namespace ar_simulator

@@ -19,6 +19,11 @@
 namespace ar_simulator {
 namespace {
 
+// Work that is done at a time, and the pause in which whoever waits for the mutex gets it.
+constexpr int kRecordsAtATime = 4096;
+constexpr int kReadsAtATime = 16;
+constexpr int64_t kPauseNs = 100000;
+
 const char* nonEmptyEnv(const char* name) {
     const char* value = getenv(name);
     return value != nullptr && *value != '\0' ? value : nullptr;
@@ -80,9 +85,8 @@ bool Simulator::configure() {
         return false;
     }
     if (const char* speed = nonEmptyEnv("AR_SIMULATOR_SPEED")) {
-        if (!parseFactor(speed, &mScenario.speed)) {
-            SIM_LOG(ERROR, "AR_SIMULATOR_SPEED: '%s' is not a factor of more than 0 up to 1000000",
-                    speed);
+        if (!parseSpeed(speed, &mScenario.speed)) {
+            SIM_LOG(ERROR, "AR_SIMULATOR_SPEED: '%s' is not a factor of 0.001 to 10000", speed);
             return false;
         }
     }
@@ -92,6 +96,14 @@ bool Simulator::configure() {
             return false;
         }
         mScenario.loops = *loop == '1';
+    }
+    const auto records = static_cast<double>(mScenario.steps.size());
+    const double roundSeconds = static_cast<double>(mScenario.periodNs) / kNsPerSecond;
+    if (mScenario.loops && records * mScenario.speed > kMaxLoopRate * roundSeconds) {
+        SIM_LOG(ERROR,
+                "%s: a loop of more than 100000 records a second: %zu in %.15g s, speed %.15g",
+                path, mScenario.steps.size(), roundSeconds, mScenario.speed);
+        return false;
     }
 
     int result = 0;
@@ -220,7 +232,7 @@ int Simulator::current(Side side, ar_context_event** events) {
     android::Mutex::Autolock lock(mMutex);
     TraceLine line(native);
     if (events == nullptr) return finish(native, line, -EINVAL);
-    if (mState == State::kOpen) play(mClock.nowNs());
+    playNow();
     std::copy(mCurrent[side].begin(), mCurrent[side].end(), snapshots[side]);
     *events = snapshots[side];
     return finish(native, line, static_cast<int>(mCurrent[side].size()));
@@ -233,8 +245,7 @@ int Simulator::checkPair(Side side, uint32_t what, uint32_t eventType) {
 
 void Simulator::addPair(Side side, const PairKey& key, int64_t latencyNs, bool extended) {
     if (mState != State::kOpen) return;
-    // What was due before this call is judged by what was enabled then.
-    play(mClock.nowNs());
+    playNow();
     Pair& pair = mPairs[side][key];
     pair.latencyNs = latencyNs;
     pair.extended = pair.extended || extended;
@@ -243,7 +254,6 @@ void Simulator::addPair(Side side, const PairKey& key, int64_t latencyNs, bool e
 
 void Simulator::dropPair(Side side, const PairKey& key) {
     if (mState != State::kOpen) return;
-    play(mClock.nowNs());
     for (Kind kind : {Kind::kPlain, Kind::kExtended, Kind::kEnvironment}) {
         if (sideOf(kind) == side) mBuffers[static_cast<int>(kind)].drop(key);
     }
@@ -273,7 +283,10 @@ int Simulator::disable(Side side, uint32_t what, uint32_t eventType) {
     TraceLine line(native);
     line.number(nounOf(side), what).number("event_type", eventType);
     const int result = checkPair(side, what, eventType);
-    if (result == 0) dropPair(side, {what, eventType});
+    if (result == 0) {
+        playNow();
+        dropPair(side, {what, eventType});
+    }
     return finish(native, line, result);
 }
 
@@ -305,6 +318,7 @@ int Simulator::exitEnvironment(uint32_t environment, const other_params* params)
     line.number("environment", environment).params(params);
     const int result = params == nullptr ? -EINVAL : checkPair(kEnvironment, environment, 0);
     if (result == 0) {
+        playNow();
         mInitialised.erase(environment);
         const PairTable pairs = mPairs[kEnvironment];
         for (const auto& pair : pairs) {
@@ -332,7 +346,7 @@ void Simulator::run() {
         if (sendDue(nowNs)) continue;
 
         pollfd fds[] = {{mWakeFd.get(), POLLIN, 0}, {mControlFd.get(), POLLIN, 0}};
-        const int64_t leftNs = sleepNs();
+        const int64_t leftNs = std::max(sleepNs(), kPauseNs);
         timespec timeout = {static_cast<time_t>(leftNs / kNsPerSecond),
                             static_cast<long>(leftNs % kNsPerSecond)};
         mMutex.unlock();
@@ -349,7 +363,8 @@ void Simulator::readControl() {
     char text[256];
     ssize_t length = 0;
     const int fd = mControlFd.get();
-    while (fd >= 0 && (length = ::read(fd, text, sizeof(text))) > 0) {
+    for (int i = 0; i < kReadsAtATime && fd >= 0; ++i) {
+        if ((length = ::read(fd, text, sizeof(text))) <= 0) break;
         mControlText.append(text, static_cast<size_t>(length));
     }
     size_t end = 0;
@@ -363,11 +378,14 @@ void Simulator::readControl() {
     }
 }
 
-// Plays what is due; stops at a full buffer, which must be sent first.
+// Plays what is due; stops at a full buffer, which must be sent first, and when it is enough for
+// now.
 void Simulator::play(int64_t nowNs) {
     Kind kind = Kind::kPlain;
     ar_context_event event = {};
-    while (std::none_of(mBuffers, mBuffers + kRecordKinds,
+    int left = kRecordsAtATime;
+    while (left-- > 0 &&
+           std::none_of(mBuffers, mBuffers + kRecordKinds,
                         [](const HoldBuffer& buffer) { return buffer.isFull(); }) &&
            mPlayer.next(nowNs, &kind, &event)) {
         const Side side = sideOf(kind);
@@ -387,7 +405,12 @@ void Simulator::play(int64_t nowNs) {
     }
 }
 
-// Hands over one batch, without the lock; false when nothing is due.
+// What was due before a call is judged by what was enabled then.
+void Simulator::playNow() {
+    if (mState == State::kOpen) play(mClock.nowNs());
+}
+
+// Hands over one batch, without the lock; false when nothing is due or nobody hears it.
 bool Simulator::sendDue(int64_t nowNs) {
     Kind kind = Kind::kPlain;
     int64_t firstNs = INT64_MAX;
@@ -408,7 +431,7 @@ bool Simulator::sendDue(int64_t nowNs) {
     const environment_callbacks* environmentCallbacks = mEnvironmentCallbacks;
     const bool heard = kind == Kind::kEnvironment ? environmentCallbacks != nullptr
                                                   : activityCallbacks != nullptr;
-    if (!heard) return true;
+    if (!heard) return false;
     if (mTrace.isOpen()) {
         static const char* const natives[] = {"activity_changed", "activity_extend_changed",
                                               "environment_changed"};

@@ -70,6 +70,7 @@ class Simulator {
     void run();
     void readControl() REQUIRES(mMutex);
     void play(int64_t nowNs) REQUIRES(mMutex);
+    void playNow() REQUIRES(mMutex);
     bool sendDue(int64_t nowNs) REQUIRES(mMutex);
     int64_t sleepNs() const REQUIRES(mMutex);
 
