@@ -1,4 +1,6 @@
 // Processes that are killed: each table of the service loses exactly their entries.
+#include <set>
+
 #include "ProcessTest.h"
 
 using DyingProcesses = ProcessTest;
@@ -37,6 +39,33 @@ TEST_F(DyingProcesses, ProcessInEveryTableLeavesEachAndTheOthersAreServedOn) {
     newer->waitForEvents("onActivityChangedV1_1", 1);
     older->waitForEvents("onActivityChanged", 2);
     EXPECT_EQ(11, newer->events("onActivityChangedV1_1")[0].at("extra"));
+}
+
+TEST_F(DyingProcesses, AreCleanedUpOnSeveralThreadsAtOnce) {
+    // A delivery holds the lock that cleaning up needs, here while its second client is stopped.
+    const auto reached = ready("watch walking:1@1s"), stopped = ready("watch walking:1@1s");
+    std::vector<std::unique_ptr<Client>> dying;
+    for (int i = 0; i < 6; ++i) dying.push_back(ready("watch walking:1@1s"));
+    const auto require = [this](const std::function<bool()>& condition, const char* what) {
+        support::require(condition, what, [this] { return stage().service().describe(); });
+    };
+    stopped->process().signal(SIGSTOP);
+    stage().release("go");
+    require([&] { return stage().countInLog("able to onActivityChangedV1_1") == 1; }, "one call");
+    for (const auto& client : dying) killHard(client->process());
+
+    std::set<std::string> threads;
+    const auto allWait = [&] {
+        for (const auto& line : stage().service().err().lines()) {
+            static const std::regex kNotice("AR_impl +I +\\S+ +\\S+ +\\d+ +(\\d+) serviceDied.*");
+            std::smatch parts;
+            if (std::regex_match(line.text, parts, kNotice)) threads.insert(parts[1]);
+        }
+        return threads.size() == 4;
+    };
+    require(allWait, "the whole pool");
+    stopped->process().signal(SIGCONT);
+    require([&] { return stage().countInLog("V1_1 Match, remainder cb[2]") == 1; }, "two left");
 }
 
 TEST_F(DyingProcesses, RequestsOfAVersion10ClientOutliveIt) {
