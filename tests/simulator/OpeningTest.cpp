@@ -70,19 +70,13 @@ TEST_F(SimulatorTest, NamesABadSetting) {
 }
 
 TEST_F(SimulatorTest, RefusesALoopThatNobodyCouldPlay) {
-    for (const auto& [text, speed, reason] : std::vector<std::array<std::string, 3>>{
-                 {"loop 0.000000001\n0 activity still 1", "", "1 in 1e-09 s, speed 1"},
-                 {"loop\n0 activity still 1 times=10000", "100", "10000 in 1 s, speed 100"}}) {
-        setScenario(text);
-        set("SPEED", speed);
-        ASSERT_EQ(-EINVAL, open()) << text;
-        EXPECT_THAT(errors.back(), StartsWith("AR_simulator " + scenario + ": a loop of " +
-                                              "more than 100000 records a second: " + reason));
-        set("LOOP", "0");
-        EXPECT_EQ(0, open()) << "once is well";
-        ASSERT_EQ(0, close());
-        set("LOOP", "");
-    }
+    setScenario("loop 0.000000001\n0 activity still 1");
+    set("SPEED", "100");
+    ASSERT_EQ(-EINVAL, open());
+    EXPECT_EQ(errors.back(), "AR_simulator " + scenario + ": a loop of more than 100000 records " +
+                                     "a second: 1 in 1e-09 s, speed 100");
+    set("LOOP", "0");
+    EXPECT_EQ(0, open()) << "once is well";
 }
 
 TEST_F(SimulatorTest, RefusesWhatItDoesNotKnowAndASecondOpening) {
