@@ -2,14 +2,11 @@
 
 #include "ThreadState.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <deque>
-#include <system_error>
-#include <thread>
 
 #include <hidl/HidlTransportSupport.h>
 #include <hwbinder/ProcessState.h>
@@ -17,6 +14,7 @@
 #include <utils/Mutex.h>
 
 #include "Node.h"
+#include "Thread.h"
 
 namespace android { namespace hardware {
 
@@ -75,16 +73,10 @@ class Pool {
 
   private:
     void addRunner() REQUIRES(mMutex) {
-        try {
-            std::thread([this] { run(); }).detach();
-            ++mRunners;
-        } catch (const std::system_error& error) {
-            // Those that run do it, or the next task tries again.
-            ALOGE("Cannot add a thread to %zu of the pool: %s", mRunners, error.what());
-        }
+        // Without one, those that run do it, or the next task tries again.
+        if (host::startThread("hidl-pool", [this] { run(); })) ++mRunners;
     }
     void run() {
-        pthread_setname_np(pthread_self(), "hidl-pool");
         while (std::function<void()> task = next()) {
             host::PoolSlot slot;
             task();
