@@ -16,6 +16,7 @@
 
 #include <log/log.h>
 
+#include "CallServers.h"
 #include "Registry.h"
 #include "Thread.h"
 #include "ThreadState.h"
@@ -24,8 +25,9 @@ namespace android { namespace hardware { namespace host {
 
 namespace {
 
-// Connections that may be silent at a time; the one with the lowest descriptor goes first.
-constexpr size_t kMaxStrangers = 128;
+// What the control thread waits for beside connections, which go by their serial numbers: never by
+// descriptors, since an event may be told of one that has been closed and made anew meanwhile.
+enum Source : uint64_t { kListener, kRemovals, kTimer };
 
 Message hello(Role role, const Token& token) {
     Message message = Message::of(MessageType::kHello);
@@ -33,6 +35,11 @@ Message hello(Role role, const Token& token) {
     message.header.token[0] = token[0];
     message.header.token[1] = token[1];
     return message;
+}
+
+void add(int epoll, int fd, uint32_t events, uint64_t source) {
+    epoll_event event = {events, {.u64 = source}};
+    epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event);
 }
 
 }  // namespace
@@ -53,14 +60,9 @@ bool Node::start() {
         ALOGE("Cannot talk to other processes: %s", strerror(errno));
         return false;
     }
-    epoll_event event = {EPOLLIN, {.fd = mTimer.get()}};
-    epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, mTimer.get(), &event);
+    add(mEpoll.get(), mTimer.get(), EPOLLIN, kTimer);
     mStarted = mJanitor.start() && startThread("hidl-control", [this] { run(); });
     return mStarted;
-}
-
-size_t Node::poolSize() {
-    return startedPoolSize();
 }
 
 void Node::setRegistryObject(const sp<IBinder>& object) {
@@ -82,13 +84,12 @@ std::string Node::listen() {
     mSocketName = name;
 
     Mutex::Autolock lock(mMutex);
+    mDescriptors.start();  // before the control thread uses it
     mListener = std::move(fd);
     mRemovals.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     Registry::self().watchRemovals(mRemovals.get());
-    for (int watched : {mListener.get(), mRemovals.get()}) {
-        epoll_event event = {EPOLLIN, {.fd = watched}};
-        epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, watched, &event);
-    }
+    add(mEpoll.get(), mListener.get(), EPOLLIN, kListener);
+    add(mEpoll.get(), mRemovals.get(), EPOLLIN, kRemovals);
     // What was removed before it was watched.
     retrySoon();
     return name;
@@ -116,29 +117,40 @@ SessionPtr Node::dial(const std::string& socketName) {
         if (session != nullptr) mDialled[socketName] = session;
         mDialChanged.notify_all();
     }
-    if (session != nullptr) session->offerServing(poolSize());
+    if (session != nullptr) {
+        session->offerServing();
+        session->awaitServing();
+    }
     return session;
 }
 
 SessionPtr Node::greetAt(const std::string& socketName) {
+    using Clock = std::chrono::steady_clock;
+    using std::chrono::milliseconds;
     Token token;
     if (getrandom(token.data(), sizeof(token), 0) != sizeof(token)) return nullptr;
-    const auto begin = std::chrono::steady_clock::now();
-    ConnectionPtr control = Registry::self().connect(socketName, kPeerLimit);
-    if (control == nullptr) return nullptr;
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            begin + kPeerLimit - std::chrono::steady_clock::now());
-    control->limitReceive(std::max(left, std::chrono::milliseconds(1)));
-    Message answer;
-    if (!control->send(hello(Role::kControl, token)) ||
-        control->receive(&answer) != Received::kMessage ||
-        answer.header.type != MessageType::kHello) {
-        return nullptr;
+    const auto end = Clock::now() + kPeerLimit;
+    ConnectionPtr control;
+    for (milliseconds pause(10);; pause *= 2) {
+        const auto left = std::chrono::duration_cast<milliseconds>(end - Clock::now());
+        if (left.count() <= 0) return nullptr;
+        control = Registry::self().connect(socketName, left);
+        if (control == nullptr) return nullptr;
+        control->limitReceive(left);
+        Message answer;
+        const bool answered = control->send(hello(Role::kControl, token)) &&
+                              control->receiveInTime(&answer) == Received::kMessage;
+        if (answered && answer.header.type == MessageType::kHello) break;
+        if (answered && answer.header.status != WOULD_BLOCK) {
+            ALOGE("pid %d takes no further process", control->peer());
+            return nullptr;
+        }
+        // It was closed as one that says nothing, when many came at once; or the process is going.
+        std::this_thread::sleep_for(std::min(pause, left));
     }
-    control->limitReceive({});
     const pid_t peer = control->peer();
     auto session = std::make_shared<Session>(
-            token, std::move(control), [socketName, token, peer](Role role) -> ConnectionPtr {
+            token, control, [socketName, token, peer](Role role) -> ConnectionPtr {
                 ConnectionPtr connection = Registry::self().connect(socketName, kPeerLimit);
                 if (connection == nullptr || connection->peer() != peer ||
                     !connection->send(hello(role, token))) {
@@ -146,17 +158,21 @@ SessionPtr Node::greetAt(const std::string& socketName) {
                 }
                 return connection;
             });
-    addSession(session);
+    addSession(session, control);
     return session;
 }
 
-void Node::offerServing() {
+std::vector<SessionPtr> Node::sessions() {
     std::vector<SessionPtr> sessions;
-    {
-        Mutex::Autolock lock(mMutex);
-        for (const auto& entry : mSessions) sessions.push_back(entry.second);
-    }
-    for (const SessionPtr& session : sessions) session->offerServing(poolSize());
+    Mutex::Autolock lock(mMutex);
+    for (const auto& entry : mSessions) sessions.push_back(entry.second);
+    return sessions;
+}
+
+void Node::offerServing() {
+    const std::vector<SessionPtr> all = sessions();
+    for (const SessionPtr& session : all) session->offerServing();
+    for (const SessionPtr& session : all) session->awaitServing();
 }
 
 void Node::retrySoon() {
@@ -170,14 +186,7 @@ void Node::retry() {
     if (read(mTimer.get(), &count, sizeof(count)) < 0) return;
     mRetrying = false;
     keepRegistered();
-    std::vector<SessionPtr> sessions;
-    {
-        Mutex::Autolock lock(mMutex);
-        for (const auto& entry : mSessions) sessions.push_back(entry.second);
-    }
-    for (const SessionPtr& session : sessions) {
-        if (!session->retry()) endSession(session);
-    }
+    for (const SessionPtr& session : sessions()) session->offerServing();
 }
 
 void Node::keepRegistered() {
@@ -198,39 +207,46 @@ void Node::keepRegistered() {
     // Whoever still found the old one is let in.
     while (accept()) {
     }
-    epoll_event event = {EPOLLIN, {.fd = listener.get()}};
-    epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, listener.get(), &event);
+    add(mEpoll.get(), listener.get(), EPOLLIN, kListener);
     Mutex::Autolock lock(mMutex);
     mListener = std::move(listener);
 }
 
-void Node::watch(int fd, uint32_t events) {
-    epoll_event event = {events, {.fd = fd}};
-    epoll_ctl(mEpoll.get(), EPOLL_CTL_MOD, fd, &event);
+void Node::watch(const Connection& control, uint32_t events) {
+    epoll_event event = {events, {.u64 = control.serial()}};
+    epoll_ctl(mEpoll.get(), EPOLL_CTL_MOD, control.fd(), &event);
 }
 
-void Node::addSession(const SessionPtr& session) {
-    const int fd = session->control()->fd();
+void Node::addSession(const SessionPtr& session, const ConnectionPtr& control) {
     Mutex::Autolock lock(mMutex);
-    mSessions[fd] = session;
-    epoll_event event = {Session::kQuietEvents, {.fd = fd}};
-    epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, fd, &event);
+    mSessions[session->serial()] = session;
+    mSessionsByToken[{session->token(), session->peer()}] = session;
+    add(mEpoll.get(), control->fd(), Session::kQuietEvents, session->serial());
 }
 
 void Node::endSession(const SessionPtr& session) {
-    const int fd = session->control()->fd();
-    epoll_ctl(mEpoll.get(), EPOLL_CTL_DEL, fd, nullptr);
     session->end();
     Mutex::Autolock lock(mMutex);
-    mSessions.erase(fd);
+    mSessions.erase(session->serial());
+    mSessionsByToken.erase({session->token(), session->peer()});
 }
 
 SessionPtr Node::sessionOf(const Token& token, pid_t peer) {
     Mutex::Autolock lock(mMutex);
-    for (const auto& entry : mSessions) {
-        if (entry.second->token() == token && entry.second->peer() == peer) return entry.second;
+    auto it = mSessionsByToken.find({token, peer});
+    return it == mSessionsByToken.end() ? nullptr : it->second;
+}
+
+bool Node::haveRoomForCalls() {
+    {
+        Mutex::Autolock lock(mMutex);
+        if (mDescriptors.haveRoomBeside(mSessions.size())) return true;
     }
-    return nullptr;
+    const std::vector<SessionPtr> all = sessions();
+    const auto owed = std::count_if(all.begin(), all.end(), [](const SessionPtr& session) {
+        return !session->dialled() && !session->canCall();
+    });
+    return mDescriptors.haveRoomBeside(static_cast<size_t>(owed));
 }
 
 void Node::run() {
@@ -238,30 +254,25 @@ void Node::run() {
         epoll_event events[16];
         const int count = epoll_wait(mEpoll.get(), events, 16, -1);
         for (int i = 0; i < count; ++i) {
-            const int fd = events[i].data.fd;
-            SessionPtr session;
-            bool listener;
-            bool removals;
-            {
-                Mutex::Autolock lock(mMutex);
-                listener = fd == mListener.get();
-                removals = fd == mRemovals.get();
-                auto it = mSessions.find(fd);
-                if (it != mSessions.end()) session = it->second;
-            }
-            auto stranger = mStrangers.find(fd);
-            if (listener) {
+            const uint64_t source = events[i].data.u64;
+            if (source == kListener) {
                 accept();
-            } else if (removals) {
+            } else if (source == kRemovals) {
                 keepRegistered();
-            } else if (fd == mTimer.get()) {
+            } else if (source == kTimer) {
                 retry();
-            } else if (stranger != mStrangers.end()) {
-                ConnectionPtr connection = stranger->second;
-                if (!greet(connection)) continue;
-                mStrangers.erase(fd);
-            } else if (session != nullptr && !session->onControlEvents(events[i].events)) {
-                endSession(session);
+            } else if (auto it = mStrangers.find(source); it != mStrangers.end()) {
+                if (greet(it->second)) mStrangers.erase(source);
+            } else {
+                SessionPtr session;
+                {
+                    Mutex::Autolock lock(mMutex);
+                    auto known = mSessions.find(source);
+                    if (known != mSessions.end()) session = known->second;
+                }
+                if (session != nullptr && !session->onControlEvents(events[i].events)) {
+                    endSession(session);
+                }
             }
         }
     }
@@ -273,26 +284,43 @@ bool Node::accept() {
         Mutex::Autolock lock(mMutex);
         listener = mListener.get();
     }
-    base::unique_fd fd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+    bool full;
+    base::unique_fd fd = mDescriptors.accept(listener, &full);
     if (fd.get() < 0) {
-        if (errno != EMFILE && errno != ENFILE) return false;
-        // Out of descriptors: whoever waits longest in silence makes room, or nobody gets in.
-        ALOGE("Cannot accept a connection: %s", strerror(errno));
-        if (!mStrangers.empty()) mStrangers.erase(mStrangers.begin());
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        // Not even to refuse it: the system has none left.
+        if (full) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        mDescriptors.restock();
         return false;
     }
     ConnectionPtr connection = Connection::withPeer(std::move(fd));
     if (connection == nullptr) return true;
-    if (mStrangers.size() >= kMaxStrangers) {
-        ALOGE("Closing a connection to pid %d that says nothing",
-              mStrangers.begin()->second->peer());
-        mStrangers.erase(mStrangers.begin());
+    if (full) {
+        CallServers::self().makeRoom();
+        refuseFull(connection, NO_MEMORY);
+        connection.reset();
+        mDescriptors.restock();
+        return true;
     }
-    mStrangers[connection->fd()] = connection;
-    epoll_event event = {EPOLLIN, {.fd = connection->fd()}};
-    epoll_ctl(mEpoll.get(), EPOLL_CTL_ADD, connection->fd(), &event);
+    if (mStrangers.size() >= mDescriptors.maxStrangers()) {
+        const ConnectionPtr oldest = mStrangers.begin()->second;
+        mStrangers.erase(mStrangers.begin());
+        // It may have spoken by now.
+        if (!greet(oldest)) {
+            ALOGE_IF(mFullLog.allows(), "Closing a connection to pid %d that says nothing",
+                     oldest->peer());
+            oldest->retire(false, WOULD_BLOCK);
+        }
+    }
+    if (greet(connection)) return true;
+    mStrangers[connection->serial()] = connection;
+    add(mEpoll.get(), connection->fd(), EPOLLIN, connection->serial());
     return true;
+}
+
+void Node::refuseFull(const ConnectionPtr& connection, status_t status) {
+    ALOGE_IF(mFullLog.allows(), "No descriptor left for a connection to pid %d",
+             connection->peer());
+    connection->retire(true, status);
 }
 
 bool Node::greet(const ConnectionPtr& connection) {
@@ -306,29 +334,53 @@ bool Node::greet(const ConnectionPtr& connection) {
             return true;
     }
     epoll_ctl(mEpoll.get(), EPOLL_CTL_DEL, connection->fd(), nullptr);
-    const Token token = {message.header.token[0], message.header.token[1]};
-    const pid_t peer = connection->peer();
-    SessionPtr session = sessionOf(token, peer);
     const Role role = static_cast<Role>(message.header.code);
-    bool valid = message.header.type == MessageType::kHello;
-    if (valid && role == Role::kControl && session == nullptr) {
-        // Known before it is answered: from then on the other side makes further connections.
-        addSession(std::make_shared<Session>(token, connection, nullptr));
-        valid = connection->trySend(message) == Received::kMessage;
-    } else if (valid && role == Role::kCall && session != nullptr) {
-        valid = session->acceptServing(connection);
-    } else if (valid && role == Role::kServe && session != nullptr) {
-        valid = session->addServing(connection);
-    } else {
-        valid = false;
-    }
-    if (!valid) {
+    if (message.header.type != MessageType::kHello || !admit(connection, role, message)) {
         // Who was killed meanwhile has no session any more, and is not to blame.
         ALOGE_IF(!connection->hungUp(),
-                 "Closing a connection to pid %d: it does not say validly what it is for", peer);
+                 "Closing a connection to pid %d: it does not say validly what it is for",
+                 connection->peer());
         connection->shutdown();
     }
     return true;
+}
+
+bool Node::admit(const ConnectionPtr& connection, Role role, const Message& hello) {
+    const Token token = {hello.header.token[0], hello.header.token[1]};
+    const SessionPtr session = sessionOf(token, connection->peer());
+    if (role == Role::kControl) return session == nullptr && admitSession(connection, hello);
+    if (session == nullptr || session->dialled()) return false;
+    if (role != Role::kCall && role != Role::kServe) return false;
+    const bool calls = role == Role::kCall;
+    // Each process can be called in any case.
+    const bool owed = !calls && !session->canCall();
+    if (!owed && !haveRoomForCalls()) {
+        CallServers::self().makeRoom();
+        refuseFull(connection, WOULD_BLOCK);
+    } else if (!(calls ? session->acceptServing(connection) : session->addServing(connection))) {
+        if (calls) CallServers::self().makeRoom();
+        connection->retire(true, WOULD_BLOCK);
+    }
+    return true;
+}
+
+bool Node::admitSession(const ConnectionPtr& control, const Message& hello) {
+    size_t sessions;
+    {
+        Mutex::Autolock lock(mMutex);
+        sessions = mSessions.size();
+    }
+    if (!mDescriptors.haveRoomForSession(sessions)) {
+        refuseFull(control, NO_MEMORY);
+        return true;
+    }
+    // Known before it is answered: from then on the other side makes further connections.
+    const Token token = {hello.header.token[0], hello.header.token[1]};
+    const auto session = std::make_shared<Session>(token, control, nullptr);
+    addSession(session, control);
+    if (control->trySend(hello) == Received::kMessage) return true;
+    endSession(session);
+    return false;
 }
 
 }}}  // namespace android::hardware::host

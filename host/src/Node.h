@@ -12,7 +12,9 @@
 #include <utils/Errors.h>
 #include <utils/Mutex.h>
 
+#include "Descriptors.h"
 #include "Session.h"
+#include "Thread.h"
 #include "Wire.h"
 #include "Worker.h"
 
@@ -34,9 +36,9 @@ class Node {
     // listens, or it has not answered within kPeerLimit; others can be dialled meanwhile.
     SessionPtr dial(const std::string& socketName) EXCLUDES(mDialMutex, mMutex);
 
-    // Lets every process that was dialled call back, with as many threads as the pool now has.
+    // Lets every process that was dialled call back, as the pool now allows. When it returns, each
+    // of them can, unless it is stopped.
     void offerServing();
-    size_t poolSize();
 
     // Where destructors of the application run.
     Worker& janitor() { return mJanitor; }
@@ -46,7 +48,7 @@ class Node {
     void retrySoon();
 
     // Changes what the control thread waits for on this control connection.
-    void watch(int fd, uint32_t events);
+    void watch(const Connection& control, uint32_t events);
 
   private:
     Node();
@@ -60,12 +62,19 @@ class Node {
     void retry();
     void keepRegistered() EXCLUDES(mMutex);
     // False when nobody is waiting.
-    bool accept();
+    bool accept() EXCLUDES(mMutex);
     // First message of a connection. False when it has not come yet.
     bool greet(const ConnectionPtr& connection);
-    void addSession(const SessionPtr& session) EXCLUDES(mMutex);
+    // Takes a connection for what it says it is for. False when it is not valid.
+    bool admit(const ConnectionPtr& connection, Role role, const Message& hello);
+    bool admitSession(const ConnectionPtr& control, const Message& hello);
+    void refuseFull(const ConnectionPtr& connection, status_t status);
+    void addSession(const SessionPtr& session, const ConnectionPtr& control) EXCLUDES(mMutex);
     void endSession(const SessionPtr& session) EXCLUDES(mMutex);
     SessionPtr sessionOf(const Token& token, pid_t peer) EXCLUDES(mMutex);
+    std::vector<SessionPtr> sessions() EXCLUDES(mMutex);
+    // Whether there is a descriptor for a connection that is not owed to anybody.
+    bool haveRoomForCalls() EXCLUDES(mMutex);
 
     Worker mJanitor{"hidl-janitor"};
     std::atomic<bool> mRetrying{false};
@@ -86,14 +95,17 @@ class Node {
     base::unique_fd mListener GUARDED_BY(mMutex);
     base::unique_fd mRemovals GUARDED_BY(mMutex);  // inotify on the registry
     sp<IBinder> mRegistryObject GUARDED_BY(mMutex);
-    std::map<int, SessionPtr> mSessions GUARDED_BY(mMutex);  // by control descriptor
+    std::map<uint64_t, SessionPtr> mSessions GUARDED_BY(mMutex);  // by control connection
+    std::map<std::pair<Token, pid_t>, SessionPtr> mSessionsByToken GUARDED_BY(mMutex);
 
     // Set before anything else happens, never changed.
     base::unique_fd mEpoll;
     base::unique_fd mTimer;
 
-    // Of the control thread alone: connections that have not said what they are.
-    std::map<int, ConnectionPtr> mStrangers;
+    // Of the control thread alone. Strangers have not said what they are; the oldest is the first.
+    Descriptors mDescriptors;
+    std::map<uint64_t, ConnectionPtr> mStrangers;
+    LogLimit mFullLog;
 };
 
 }}}  // namespace android::hardware::host

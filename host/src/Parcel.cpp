@@ -29,8 +29,7 @@ size_t roundUp(size_t size) {
 }  // namespace
 
 status_t Parcel::append(const void* bytes, size_t length) {
-    const auto* first = static_cast<const uint8_t*>(bytes);
-    mData.insert(mData.end(), first, first + length);
+    mData.append(bytes, length);
     return OK;
 }
 
@@ -42,7 +41,8 @@ status_t Parcel::extract(void* bytes, size_t length) const {
 }
 
 void Parcel::align() {
-    mData.resize(roundUp(mData.size()));
+    const size_t gap = roundUp(mData.size()) - mData.size();
+    if (gap > 0) memset(mData.extend(gap), 0, gap);
 }
 
 bool Parcel::alignForReading() const {
@@ -125,6 +125,7 @@ status_t Parcel::writeEmbeddedBuffer(const void* bytes, size_t length, size_t* h
                sizeof(uint64_t));
     }
     const BufferHeader header = {length, parentHandle, parentOffset};
+    mData.reserve(mData.size() + sizeof(header) + length);
     append(&header, sizeof(header));
     if (length > 0) append(bytes, length);
     return OK;
@@ -178,7 +179,7 @@ status_t Parcel::readNullableNativeHandleNoDup(const native_handle_t** handle) c
     return OK;
 }
 
-void Parcel::setReceived(std::vector<uint8_t> bytes, std::vector<sp<IBinder>> objects) {
+void Parcel::setReceived(Bytes bytes, std::vector<sp<IBinder>> objects) {
     mData = std::move(bytes);
     mObjects = std::move(objects);
     mPosition = 0;

@@ -18,12 +18,19 @@ namespace android { namespace hardware { namespace host {
 
 namespace {
 
-// Payload of oneway calls that may wait for an object of this process; then they are left in the
+// Room of oneway calls that may wait for an object of this process; then they are left in the
 // socket, which fills.
-constexpr size_t kMaxQueuedOneways = 1024 * 1024;
+constexpr size_t kMaxOnewayRoom = 1024 * 1024;
 
-// Payload of oneway calls that may wait for room in the control socket; then calls fail.
-constexpr size_t kMaxOutbox = 512 * 1024;
+// Room of oneway calls that may wait for the control socket; then calls fail.
+constexpr size_t kMaxOutboxRoom = 512 * 1024;
+
+// A process that leaves replies of more than this room unread for kPeerLimit is at fault. One that
+// is merely stopped has hardly more than one that does not fit its socket.
+constexpr size_t kMaxUnreadRoom = 4 * 1024 * 1024;
+
+// A reply that waits has filled its socket.
+constexpr size_t kSocketRoom = 256 * 1024;
 
 // Messages taken from one control connection before others get their turn.
 constexpr int kControlBurst = 64;
@@ -57,27 +64,67 @@ ConnectionPtr connectionInUse(const Session* session) {
 
 }  // namespace
 
-Session::Session(Token token, ConnectionPtr control, Dialer dialer)
-    : mToken(token), mControl(std::move(control)), mDialer(std::move(dialer)) {}
+// How long a call waits for a connection. The clock starts when there is none at hand.
+class Session::Patience {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    // Whether to try to make a connection now; once it has failed, after a pause.
+    bool tries() {
+        const auto now = Clock::now();
+        if (now < mNextTry || now >= deadline()) return false;
+        mNextTry = now + mPause;
+        mPause = std::min(2 * mPause, std::chrono::milliseconds(320));
+        return true;
+    }
+    // False when there is none left; else waits for a change, at most until it is time to try.
+    bool wait(std::condition_variable_any& freed, Mutex& mutex) {
+        const auto now = Clock::now();
+        if (now >= deadline()) return false;
+        const auto until = mNextTry > now ? std::min(mNextTry, deadline()) : deadline();
+        freed.wait_until(mutex, until);
+        return true;
+    }
+
+  private:
+    Clock::time_point deadline() {
+        if (mDeadline == Clock::time_point()) mDeadline = Clock::now() + kPeerLimit;
+        return mDeadline;
+    }
+
+    Clock::time_point mDeadline;
+    Clock::time_point mNextTry;
+    std::chrono::milliseconds mPause{10};
+};
 
 // The outgoing connection of one call.
 class Session::Loan {
   public:
     // limit: for each answer, 0 for none. Who waits for our answer there is not stopped, so then
     // there is none.
-    Loan(Session* session, std::chrono::milliseconds limit)
+    Loan(Session* session, std::chrono::milliseconds limit, Patience* patience)
         : mSession(session), mConnection(connectionInUse(session)) {
         if (mConnection != nullptr) return;
-        mConnection = session->borrow();
+        mConnection = session->borrow(patience);
         mBorrowed = mConnection != nullptr;
         mLimited = mBorrowed && limit.count() > 0;
         if (mLimited) mConnection->limitReceive(limit);
     }
     ~Loan() {
-        if (mLimited) mConnection->limitReceive({});
-        if (mBorrowed) mSession->giveBack(std::move(mConnection), mBroken);
+        if (mLimited && !mBroken) mConnection->limitReceive({});
+        if (mBorrowed && mBroken) mSession->drop();
+        if (mBorrowed && !mBroken) mSession->giveBack(std::move(mConnection));
     }
-    const ConnectionPtr& get() const { return mConnection; }
+    Loan(const Loan&) = delete;
+    Loan& operator=(const Loan&) = delete;
+
+    Connection* get() const { return mConnection.get(); }
+    const ConnectionPtr& connection() const { return mConnection; }
+    // False: a call goes back on the connection that has brought one.
+    bool borrowed() const { return mBorrowed; }
+    Received receive(Message* message) {
+        return mLimited ? mConnection->receiveInTime(message) : mConnection->receive(message);
+    }
     status_t broken(status_t status) {
         mBroken = true;
         mConnection->shutdown();
@@ -92,33 +139,75 @@ class Session::Loan {
     bool mBroken = false;
 };
 
+Session::Session(Token token, ConnectionPtr control, Dialer dialer)
+    : mToken(token),
+      mPeer(control->peer()),
+      mSerial(control->serial()),
+      mDialer(std::move(dialer)),
+      mControl(std::move(control)) {}
+
 bool Session::ended() {
     Mutex::Autolock lock(mMutex);
     return mEnded;
 }
 
-ConnectionPtr Session::borrow() {
-    {
-        Mutex::Autolock lock(mMutex);
-        // Without a pool the other process would never answer: as on a device, the caller waits.
-        while (!mEnded && mIdle.empty() && mDialer == nullptr) mChanged.wait(mMutex);
+ConnectionPtr Session::control() {
+    Mutex::Autolock lock(mMutex);
+    return mControl;
+}
+
+ConnectionPtr Session::borrow(Patience* patience) {
+    for (;;) {
+        bool dial = false;
+        ConnectionPtr connection = takeIdle(patience, &dial);
+        if (!dial) return connection;
+        connection = mDialer(Role::kCall);
+        if (connection != nullptr && remember(connection)) return connection;
+        drop();
+    }
+}
+
+ConnectionPtr Session::takeIdle(Patience* patience, bool* dial) {
+    Mutex::Autolock lock(mMutex);
+    for (bool asked = false;;) {
         if (mEnded) return nullptr;
         if (!mIdle.empty()) {
             ConnectionPtr connection = std::move(mIdle.back());
             mIdle.pop_back();
             return connection;
         }
+        if (mDialer != nullptr && mCallable < kMaxCalls && patience->tries()) {
+            ++mCallable;
+            *dial = true;
+            return nullptr;
+        }
+        ++mLine;
+        bool goOn = true;
+        if (mDialer == nullptr && mCallable > 0) {
+            // As on a device: while the other process's threads are busy, the caller waits.
+            if (!asked) mWants = true;
+            if (!asked) sendWaiting();
+            asked = true;
+            mFreed.wait(mMutex);
+        } else {
+            goOn = patience->wait(mFreed, mMutex);
+        }
+        --mLine;
+        if (!goOn) return nullptr;
     }
-    ConnectionPtr connection = mDialer(Role::kCall);
-    if (connection != nullptr) remember(connection);
-    return connection;
 }
 
-void Session::giveBack(ConnectionPtr connection, bool broken) {
+void Session::giveBack(ConnectionPtr connection) {
     Mutex::Autolock lock(mMutex);
-    if (broken || mEnded) return;
+    if (mEnded) return;
     mIdle.push_back(std::move(connection));
-    mChanged.notify_one();
+    if (mLine > 0) mFreed.notify_one();
+}
+
+void Session::drop() {
+    Mutex::Autolock lock(mMutex);
+    --mCallable;
+    if (mLine > 0) mFreed.notify_one();
 }
 
 bool Session::remember(const ConnectionPtr& connection) {
@@ -126,69 +215,118 @@ bool Session::remember(const ConnectionPtr& connection) {
     mAll.erase(std::remove_if(mAll.begin(), mAll.end(),
                               [](const std::weak_ptr<Connection>& weak) { return weak.expired(); }),
                mAll.end());
+    if (mEnded || mAll.size() >= kMaxConnections) return false;
     mAll.push_back(connection);
-    if (mEnded) connection->shutdown();
-    return mAll.size() <= kMaxConnections;
-}
-
-bool Session::addServing(const ConnectionPtr& connection) {
-    if (!remember(connection)) return false;
-    giveBack(connection, false);
     return true;
 }
 
-void Session::offerServing(size_t count) {
+bool Session::addServing(const ConnectionPtr& connection) {
+    if (mDialer != nullptr || !remember(connection)) return false;
+    {
+        Mutex::Autolock lock(mMutex);
+        ++mCallable;
+    }
+    giveBack(connection);
+    return true;
+}
+
+bool Session::canCall() {
+    Mutex::Autolock lock(mMutex);
+    return mCallable > 0;
+}
+
+void Session::offerServing() {
+    const size_t pool = startedPoolSize();
     for (;;) {
         {
             Mutex::Autolock lock(mMutex);
-            if (mEnded || mDialer == nullptr || mServing >= count) return;
-            ++mServing;
+            if (mEnded || mDialer == nullptr || mOffered >= std::min(pool, 1 + mWanted)) return;
+            ++mOffered;
         }
         // The thread first: a connection on which nobody serves would hold up who calls on it.
         if (!startThread("hidl-pool", [self = shared_from_this()] { self->serveOffered(); })) {
             Mutex::Autolock lock(mMutex);
-            --mServing;
+            --mOffered;
             Node::self().retrySoon();
             return;
         }
     }
 }
 
+void Session::awaitServing() {
+    const auto deadline = Patience::Clock::now() + kPeerLimit;
+    Mutex::Autolock lock(mMutex);
+    while (!mEnded && mOffered > 0 && mServing == 0) {
+        if (mOffersChanged.wait_until(mMutex, deadline) == std::cv_status::timeout) return;
+    }
+}
+
 void Session::serveOffered() {
     ConnectionPtr connection = mDialer(Role::kServe);
-    if (connection != nullptr) {
-        remember(connection);
-        serve(connection);
+    if (connection != nullptr && remember(connection)) {
+        {
+            Mutex::Autolock lock(mMutex);
+            ++mServing;
+            mOffersChanged.notify_all();
+        }
+        Message message;
+        while (connection->receive(&message) == Received::kMessage &&
+               serveMessage(connection, &message) == OK) {
+        }
+        connection->shutdown();
+        Mutex::Autolock lock(mMutex);
+        --mServing;
     }
     Mutex::Autolock lock(mMutex);
-    --mServing;
-    if (!mEnded) Node::self().retrySoon();
+    --mOffered;
+    // The other side wants it again when it is missing; the first one must be there.
+    if (mWanted > 0) --mWanted;
+    if (mEnded) return;
+    mOffersChanged.notify_all();
+    if (mOffered == 0) Node::self().retrySoon();
 }
 
 bool Session::acceptServing(const ConnectionPtr& connection) {
-    if (!remember(connection)) return false;
-    if (!startThread("hidl-pool",
-                     [self = shared_from_this(), connection] { self->serve(connection); })) {
-        connection->trySend(Message::of(MessageType::kRefused));
-        connection->shutdown();
-    }
-    return true;
+    connection->limitReceive(kLinger);
+    connection->limitSend(kPeerLimit);
+    return remember(connection) && CallServers::self().serve(shared_from_this(), connection);
 }
 
-void Session::serve(const ConnectionPtr& connection) {
+void Session::serveCalls(ServedConnection* served) {
+    const ConnectionPtr& connection = served->connection();
     Message message;
-    while (connection->receive(&message) == Received::kMessage) {
-        if (message.header.type != MessageType::kCall) {
-            ALOGE("Closing a connection to pid %d: message %u where a call must be", peer(),
-                  static_cast<unsigned>(message.header.type));
-            break;
+    for (;;) {
+        const Received received = connection->receiveInTime(&message);
+        if (received == Received::kMessage && served->wake()) {
+            if (serveMessage(connection, &message) != OK) break;
+            served->rest();
+            continue;
         }
-        // What is served here can be found out while all threads are busy.
-        std::optional<PoolSlot> slot;
-        if (message.header.target != kRegistryObject) slot.emplace();
-        if (serveCall(connection, &message) != OK) break;
+        // Idle for long enough, or let go: who calls now makes another connection.
+        served->letGo();
+        connection->retire(received == Received::kMessage, WOULD_BLOCK);
+        return;
     }
     connection->shutdown();
+}
+
+status_t Session::serveMessage(const ConnectionPtr& connection, Message* message) {
+    if (message->header.type == MessageType::kRefused) return WOULD_BLOCK;
+    if (message->header.type != MessageType::kCall) {
+        ALOGE("Closing a connection to pid %d: message %u where a call must be", peer(),
+              static_cast<unsigned>(message->header.type));
+        return BAD_TYPE;
+    }
+    Parcel reply;
+    status_t status;
+    {
+        // What is served here can be found out while all threads are busy.
+        std::optional<PoolSlot> slot;
+        if (message->header.target != kRegistryObject) slot.emplace();
+        if (!execute(connection, message, &reply, &status)) return FAILED_TRANSACTION;
+        // Who does not read the reply holds up nobody else.
+    }
+    return answer(connection, reply, status) ? OK : DEAD_OBJECT;
 }
 
 status_t Session::call(uint64_t target, uint32_t code, const Parcel& data, Parcel* reply,
@@ -199,50 +337,68 @@ status_t Session::call(uint64_t target, uint32_t code, const Parcel& data, Parce
     status_t status = encode(data, &refs);
     if (status != OK) return status;
 
-    Loan loan(this, limit);
-    if (loan.get() == nullptr) {
-        undoEncode(refs);
-        return goneStatus();
-    }
-    const auto refused = [](const Message& message) {
-        return message.header.type == MessageType::kRefused;
-    };
-    if (!loan.get()->send(header, refs, data.bytes())) {
-        undoEncode(refs);
-        Message answer;
-        const Received received = loan.get()->tryReceive(&answer);
-        return loan.broken(received == Received::kMessage && refused(answer) ? FAILED_TRANSACTION
-                                                                             : DEAD_OBJECT);
-    }
-    ScopedFrame frame(this, loan.get());
+    Patience patience;
     for (;;) {
-        Message message;
-        switch (loan.get()->receive(&message)) {
+        Loan loan(this, limit, &patience);
+        if (loan.get() == nullptr) {
+            status = goneStatus();
+            break;
+        }
+        if (loan.get()->send(header, refs, data.bytes())) {
+            if (awaitReply(&loan, reply, &status)) return status;
+        } else {
+            status = loan.broken(DEAD_OBJECT);
+            if (!loan.borrowed()) break;
+        }
+        // It was not taken: another connection may do.
+    }
+    undoEncode(refs);
+    return status;
+}
+
+bool Session::awaitReply(Loan* loan, Parcel* reply, status_t* status) {
+    ScopedFrame frame(this, loan->connection());
+    Message message;
+    for (;;) {
+        switch (loan->receive(&message)) {
             case Received::kMessage:
                 break;
             case Received::kInvalid:
-                return loan.broken(FAILED_TRANSACTION);
+                *status = loan->broken(FAILED_TRANSACTION);
+                return true;
             case Received::kWouldBlock:
-                return loan.broken(TIMED_OUT);
+                *status = loan->broken(TIMED_OUT);
+                return true;
             case Received::kHangup:
-                return loan.broken(DEAD_OBJECT);
+                *status = loan->broken(DEAD_OBJECT);
+                return true;
         }
-        if (refused(message)) {
-            undoEncode(refs);
-            return loan.broken(FAILED_TRANSACTION);
+        const MessageType type = message.header.type;
+        if (type == MessageType::kRefused && loan->borrowed()) {
+            loan->broken(WOULD_BLOCK);
+            return false;
         }
-        if (message.header.type == MessageType::kCall) {
-            status = serveCall(loan.get(), &message);
-            if (status != OK) return loan.broken(status);
+        if (type == MessageType::kCall) {
+            Parcel answered;
+            if (!execute(loan->connection(), &message, &answered, status)) {
+                *status = loan->broken(FAILED_TRANSACTION);
+                return true;
+            }
+            if (!answer(loan->connection(), answered, *status)) {
+                *status = loan->broken(DEAD_OBJECT);
+                return true;
+            }
             continue;
         }
-        if (message.header.type != MessageType::kReply || !decode(&message, reply)) {
+        if (type != MessageType::kReply || !decode(&message, reply)) {
             // What it refers to is gone with the session.
             ALOGE_IF(!ended(), "Closing a connection to pid %d: no valid reply", peer());
-            return loan.broken(FAILED_TRANSACTION);
+            *status = loan->broken(FAILED_TRANSACTION);
+            return true;
         }
         if (message.header.target != 0) acknowledge(message.header.target);
-        return message.header.status;
+        *status = message.header.status;
+        return true;
     }
 }
 
@@ -251,7 +407,7 @@ status_t Session::callOneway(uint64_t target, uint32_t code, const Parcel& data)
     message.header.code = code;
     status_t status = encode(data, &message.objects);
     if (status != OK) return status;
-    message.data = data.bytes();
+    message.data.append(data.bytes().data(), data.bytes().size());
     if (message.payloadSize() > kMaxOnewaySize) {
         ALOGE("A oneway call of %zu bytes is over the %zu that fit", message.payloadSize(),
               kMaxOnewaySize);
@@ -263,11 +419,12 @@ status_t Session::callOneway(uint64_t target, uint32_t code, const Parcel& data)
         Mutex::Autolock lock(mMutex);
         if (mEnded) {
             status = DEAD_OBJECT;
-        } else if (mOutboxSize >= kMaxOutbox) {
+        } else if (mOutboxRoom >= kMaxOutboxRoom) {
             status = FAILED_TRANSACTION;
         } else {
-            // The outbox keeps the order: a release of what this call refers to comes behind it.
-            post(std::move(message));
+            mOutboxRoom += message.room();
+            mOutbox.push_back(std::move(message));
+            sendWaiting();
             return OK;
         }
     }
@@ -275,39 +432,58 @@ status_t Session::callOneway(uint64_t target, uint32_t code, const Parcel& data)
     return status;
 }
 
-status_t Session::serveCall(const ConnectionPtr& connection, Message* message) {
-    Parcel reply;
-    status_t status;
-    {
-        // The registry can be called, but is not an object that anybody could pass on.
-        const uint64_t id = message->header.target;
-        sp<IBinder> target = id == kRegistryObject ? Node::self().registryObject() : exported(id);
-        Parcel data;
-        if (target == nullptr || !decode(message, &data)) {
-            // Who was killed while its call waited has nothing any more, and is not to blame.
-            ALOGE_IF(!ended(),
-                     "Closing a connection to pid %d: a call to or with an object that it does not "
-                     "have",
-                     peer());
-            return FAILED_TRANSACTION;
-        }
-        ScopedFrame frame(this, connection);
-        ScopedCaller caller(peer());
-        status = target->transact(message->header.code, data, &reply, 0, [](Parcel&) {});
+bool Session::execute(const ConnectionPtr& connection, Message* message, Parcel* reply,
+                      status_t* status) {
+    // The registry can be called, but is not an object that anybody could pass on.
+    const uint64_t id = message->header.target;
+    sp<IBinder> target = id == kRegistryObject ? Node::self().registryObject() : exported(id);
+    Parcel data;
+    if (target == nullptr || !decode(message, &data)) {
+        // Who was killed while its call waited has nothing any more, and is not to blame.
+        ALOGE_IF(
+                !ended(),
+                "Closing a connection to pid %d: a call to or with an object that it does not have",
+                peer());
+        return false;
     }
+    ScopedFrame frame(this, connection);
+    ScopedCaller caller(peer());
+    *status = target->transact(message->header.code, data, reply, 0, [](Parcel&) {});
+    return true;
+}
+
+bool Session::answer(const ConnectionPtr& connection, const Parcel& reply, status_t status) {
     MessageHeader header = Message::of(MessageType::kReply).header;
     std::vector<ObjectRef> refs;
     if (status == OK) status = encode(reply, &refs);
+    if (status == OK) status = awaitAcknowledgement(reply, refs, &header.target);
     header.status = status;
-    bool sent;
+    const Bytes nothing;
+    const Bytes& bytes = status == OK ? reply.bytes() : nothing;
     if (status != OK) {
-        sent = connection->send(header, {}, {});
-    } else {
-        header.target = awaitAcknowledgement(reply, refs);
-        sent = connection->send(header, refs, reply.bytes());
-        if (!sent) undoEncode(refs);
+        undoEncode(refs);
+        refs.clear();
     }
-    return sent ? static_cast<status_t>(OK) : static_cast<status_t>(DEAD_OBJECT);
+    const size_t room = std::max(bytes.size(), kSocketRoom);
+    bool counted = false;
+    const std::function<bool()> goOn = [&] { return waitsForReader(room, &counted); };
+    const bool sent = connection->send(header, refs, bytes, &goOn);
+    if (!sent) undoEncode(refs);
+    if (counted) {
+        Mutex::Autolock lock(mMutex);
+        mUnreadRoom -= room;
+    }
+    return sent;
+}
+
+bool Session::waitsForReader(size_t room, bool* counted) {
+    Mutex::Autolock lock(mMutex);
+    if (!*counted) mUnreadRoom += room;
+    *counted = true;
+    if (mEnded || mUnreadRoom <= kMaxUnreadRoom) return !mEnded;
+    ALOGE("Ending the session with pid %d: it leaves its replies unread", peer());
+    mControl->shutdown();
+    return false;
 }
 
 sp<IBinder> Session::exported(uint64_t id) {
@@ -323,6 +499,7 @@ status_t Session::encode(const Parcel& parcel, std::vector<ObjectRef>* refs) {
               kMaxTransactionSize);
         return FAILED_TRANSACTION;
     }
+    if (parcel.objects().empty()) return OK;
     Mutex::Autolock lock(mMutex);
     for (const sp<IBinder>& binder : parcel.objects()) {
         const BpHwBinder* proxy = binder->remoteBinder();
@@ -330,6 +507,7 @@ status_t Session::encode(const Parcel& parcel, std::vector<ObjectRef>* refs) {
             ALOGE("An object of pid %d cannot be handed on to pid %d", proxy->session()->peer(),
                   peer());
             undoEncodeLocked(*refs);
+            refs->clear();
             return INVALID_OPERATION;
         }
         if (proxy != nullptr) {
@@ -348,6 +526,7 @@ status_t Session::encode(const Parcel& parcel, std::vector<ObjectRef>* refs) {
 }
 
 void Session::undoEncode(const std::vector<ObjectRef>& refs) {
+    if (refs.empty()) return;
     Mutex::Autolock lock(mMutex);
     undoEncodeLocked(refs);
 }
@@ -387,6 +566,7 @@ sp<IBinder> Session::proxyFor(uint64_t id) {
     auto it = mProxies.find(id);
     sp<BpHwBinder> proxy = it == mProxies.end() ? nullptr : it->second.promote();
     if (proxy == nullptr) {
+        if (mProxies.size() + mReleases.size() >= kMaxProxies) return nullptr;
         proxy = new BpHwBinder(shared_from_this(), id);
         mProxies[id] = proxy;
     }
@@ -399,53 +579,76 @@ void Session::proxyGone(BpHwBinder* proxy) {
     auto it = mProxies.find(proxy->id());
     // A successor may stand there already.
     if (it != mProxies.end() && it->second.unsafe_get() == proxy) mProxies.erase(it);
-    Message release = Message::of(MessageType::kRelease, proxy->id());
-    release.header.amount = proxy->received;
-    post(std::move(release));
+    if (mEnded) return;
+    mReleases[proxy->id()] += proxy->received;
+    sendWaiting();
 }
 
-uint64_t Session::awaitAcknowledgement(const Parcel& reply, const std::vector<ObjectRef>& refs) {
+status_t Session::awaitAcknowledgement(const Parcel& reply, const std::vector<ObjectRef>& refs,
+                                       uint64_t* ack) {
     // A reply may bring the receiver's own objects back. Our proxies of them must live until it has
     // taken the reply, or the release could overtake it and the object be gone.
     const bool refersBack = std::any_of(refs.begin(), refs.end(), [](const ObjectRef& ref) {
         return ref.owner == ObjectRef::kReceiver;
     });
-    if (!refersBack) return 0;
+    if (!refersBack) return OK;
     Mutex::Autolock lock(mMutex);
-    if (mEnded) return 0;
+    if (mEnded) return OK;
+    if (mUnacknowledged.size() >= kMaxUnacknowledged) return FAILED_TRANSACTION;
     mUnacknowledged[mNextAck] = reply.objects();
-    return mNextAck++;
+    *ack = mNextAck++;
+    return OK;
 }
 
 void Session::acknowledge(uint64_t ack) {
     Mutex::Autolock lock(mMutex);
-    post(Message::of(MessageType::kAck, ack));
-}
-
-void Session::post(Message message) {
     if (mEnded) return;
-    mOutboxSize += message.payloadSize();
-    mOutbox.push_back(std::move(message));
-    sendOutbox();
+    mAcks.push_back(ack);
+    sendWaiting();
 }
 
-void Session::sendOutbox() {
-    while (!mOutbox.empty() && mControl->trySend(mOutbox.front()) != Received::kWouldBlock) {
-        mOutboxSize -= mOutbox.front().payloadSize();
+void Session::sendWaiting() {
+    if (mEnded) return;
+    const auto send = [control = mControl.get()](const Message& message) {
+        return control->trySend(message) != Received::kWouldBlock;
+    };
+    bool room = true;
+    while (room && !mAcks.empty()) {
+        room = send(Message::of(MessageType::kAck, mAcks.back()));
+        if (room) mAcks.pop_back();
+    }
+    if (room && mWants) {
+        room = send(Message::of(MessageType::kWant));
+        mWants = !room;
+    }
+    while (room && !mOutbox.empty()) {
+        room = send(mOutbox.front());
+        if (!room) break;
+        mOutboxRoom -= mOutbox.front().room();
         mOutbox.pop_front();
     }
+    // A oneway call before them may be with what they release.
+    while (room && !mReleases.empty()) {
+        Message release = Message::of(MessageType::kRelease, mReleases.begin()->first);
+        release.header.amount = mReleases.begin()->second;
+        room = send(release);
+        if (room) mReleases.erase(mReleases.begin());
+    }
+    mWaiting = !room;
     updateEvents();
 }
 
 bool Session::onControlEvents(uint32_t events) {
+    const ConnectionPtr control = this->control();
+    if (control == nullptr) return false;
     if (events & EPOLLOUT) {
         Mutex::Autolock lock(mMutex);
-        sendOutbox();
+        sendWaiting();
     }
     if (!(events & EPOLLIN)) return !(events & (EPOLLHUP | EPOLLRDHUP | EPOLLERR));
     for (int i = 0; i < kControlBurst; ++i) {
         Message message;
-        switch (mControl->tryReceive(&message)) {
+        switch (control->tryReceive(&message)) {
             case Received::kWouldBlock:
                 return true;
             case Received::kMessage:
@@ -458,21 +661,8 @@ bool Session::onControlEvents(uint32_t events) {
                   static_cast<unsigned>(message.header.type));
             return false;
         }
-        if (mHeldOneway != nullptr) return true;
     }
     return true;
-}
-
-bool Session::retry() {
-    offerServing(Node::self().poolSize());
-    if (mHeldOneway == nullptr) return true;
-    const std::unique_ptr<Message> message = std::move(mHeldOneway);
-    {
-        Mutex::Autolock lock(mMutex);
-        mHolding = false;
-        updateEvents();
-    }
-    return onOneway(message.get());
 }
 
 bool Session::onControlMessage(Message* message) {
@@ -500,54 +690,70 @@ bool Session::onControlMessage(Message* message) {
         }
         case MessageType::kOneway:
             return onOneway(message);
+        case MessageType::kWant: {
+            {
+                Mutex::Autolock lock(mMutex);
+                // Not kept beyond what the pool could ever have.
+                mWanted = std::max(mWanted, std::min(mOffered, kMaxCalls));
+            }
+            offerServing();
+            return mDialer != nullptr;
+        }
         default:
             return false;
     }
 }
 
 bool Session::onOneway(Message* message) {
-    if (!mOneways.start()) {
-        mHeldOneway = std::make_unique<Message>(std::move(*message));
-        Mutex::Autolock lock(mMutex);
-        mHolding = true;
-        updateEvents();
-        Node::self().retrySoon();
-        return true;
-    }
-    const size_t size = message->payloadSize();
+    const size_t room = message->room();
+    const uint32_t code = message->header.code;
     sp<IBinder> target = exported(message->header.target);
     // Taken apart now: a release behind it may be for what it refers to.
     auto data = std::make_shared<Parcel>();
     if (target == nullptr || !decode(message, data.get())) return false;
-    {
-        Mutex::Autolock lock(mMutex);
-        mQueuedOneways += size;
-        updateEvents();
-    }
-    mOneways.post([self = shared_from_this(), target, data, size, code = message->header.code] {
-        {
-            PoolSlot slot;
-            ScopedCaller caller(0);
-            Parcel reply;
-            target->transact(code, *data, &reply, IBinder::FLAG_ONEWAY, [](Parcel&) {});
-        }
-        Mutex::Autolock lock(self->mMutex);
-        self->mQueuedOneways -= size;
-        self->updateEvents();
-    });
+    Mutex::Autolock lock(mMutex);
+    mOneways.push_back({std::move(target), std::move(data), code, room});
+    mOnewayRoom += room;
+    updateEvents();
+    if (mRunningOneway) return true;
+    mRunningOneway = true;
+    runOnPool([self = shared_from_this()] { self->runOneway(); });
     return true;
+}
+
+void Session::runOneway() {
+    size_t room;
+    {
+        Oneway call;
+        {
+            Mutex::Autolock lock(mMutex);
+            call = std::move(mOneways.front());
+            mOneways.pop_front();
+        }
+        room = call.room;
+        ScopedCaller caller(0);
+        Parcel reply;
+        call.target->transact(call.code, *call.data, &reply, IBinder::FLAG_ONEWAY, [](Parcel&) {});
+    }
+    Mutex::Autolock lock(mMutex);
+    mOnewayRoom -= room;
+    updateEvents();
+    mRunningOneway = !mOneways.empty();
+    // Behind what waits for the pool already.
+    if (mRunningOneway) runOnPool([self = shared_from_this()] { self->runOneway(); });
 }
 
 void Session::updateEvents() {
     uint32_t events = kQuietEvents;
-    if (mHolding || mQueuedOneways >= kMaxQueuedOneways) events &= ~EPOLLIN;
-    if (!mOutbox.empty()) events |= EPOLLOUT;
+    if (mOnewayRoom >= kMaxOnewayRoom) events &= ~EPOLLIN;
+    if (mWaiting) events |= EPOLLOUT;
     if (mEnded || events == mEvents) return;
     mEvents = events;
-    Node::self().watch(mControl->fd(), events);
+    Node::self().watch(*mControl, events);
 }
 
 void Session::end() {
+    ConnectionPtr control;
     std::vector<ConnectionPtr> connections;
     std::vector<sp<BpHwBinder>> proxies;
     decltype(mExported) exported;
@@ -556,15 +762,18 @@ void Session::end() {
         Mutex::Autolock lock(mMutex);
         if (mEnded) return;
         mEnded = true;
+        control.swap(mControl);
         for (const auto& weak : mAll) connections.push_back(weak.lock());
         for (const auto& entry : mProxies) proxies.push_back(entry.second.promote());
         exported.swap(mExported);
         unacknowledged.swap(mUnacknowledged);
         mExportedIds.clear();
         mIdle.clear();
-        mChanged.notify_all();
+        mOutbox.clear();
+        mFreed.notify_all();
+        mOffersChanged.notify_all();
     }
-    mControl->shutdown();
+    control->shutdown();
     for (const ConnectionPtr& connection : connections) {
         if (connection != nullptr) connection->shutdown();
     }
@@ -576,9 +785,8 @@ void Session::end() {
 }
 
 status_t Session::goneStatus() {
-    const bool hungUp = mControl->hungUp();
-    Mutex::Autolock lock(mMutex);
-    return mEnded || hungUp ? DEAD_OBJECT : FAILED_TRANSACTION;
+    const ConnectionPtr control = this->control();
+    return control == nullptr || control->hungUp() ? DEAD_OBJECT : FAILED_TRANSACTION;
 }
 
 }}}  // namespace android::hardware::host

@@ -1,11 +1,11 @@
 // Everything between this process and one other: the connections, which objects each side has from
 // the other, and what happens when the other side is gone.
 //
-// The process that looked the other one up dialled: it opens the control connection, one call
+// The process that looked the other one up dialled: it opens the control connection, a call
 // connection for each of its threads that is in a call at the same time, and serve connections on
-// which its pool waits for the other's calls. A call is written to a connection of which the caller
-// is the only user, and the same thread reads the reply from it; calls that come back meanwhile are
-// served right there.
+// which its pool waits for the other's calls: one, and one more whenever a call of the other side
+// finds none free. A call is written to a connection of which the caller is the only user, and the
+// same thread reads the reply from it; calls that come back meanwhile are served right there.
 #pragma once
 
 #include <stdint.h>
@@ -25,8 +25,8 @@
 #include <utils/Mutex.h>
 
 #include "BpHwBinder.h"
+#include "CallServers.h"
 #include "Wire.h"
-#include "Worker.h"
 
 namespace android { namespace hardware { namespace host {
 
@@ -45,39 +45,45 @@ class Session : public std::enable_shared_from_this<Session> {
 
     Session(Token token, ConnectionPtr control, Dialer dialer);
 
-    pid_t peer() const { return mControl->peer(); }
+    pid_t peer() const { return mPeer; }
     const Token& token() const { return mToken; }
-    const ConnectionPtr& control() const { return mControl; }
+    // Of the control connection.
+    uint64_t serial() const { return mSerial; }
+    bool dialled() const { return mDialer != nullptr; }
     bool ended() EXCLUDES(mMutex);
 
-    // FAILED_TRANSACTION when the call does not fit or cannot be sent; DEAD_OBJECT when the other
-    // process is gone; TIMED_OUT when there is no answer within `limit`, unless that is 0; else
-    // what the other side answered.
+    // FAILED_TRANSACTION when the call does not fit, or no connection for it can be had within
+    // kPeerLimit; DEAD_OBJECT when the other process is gone; TIMED_OUT when there is no answer
+    // within `limit`, unless that is 0; else what the other side answered.
     status_t call(uint64_t target, uint32_t code, const Parcel& data, Parcel* reply,
                   std::chrono::milliseconds limit = {});
     // As above, but comes back at once; FAILED_TRANSACTION also when the other side does not keep
     // up.
     status_t callOneway(uint64_t target, uint32_t code, const Parcel& data);
 
-    // Serves calls on a connection that the other side made, or refuses it when there can be no
-    // thread; false when it has too many.
-    bool acceptServing(const ConnectionPtr& connection);
-    // Takes a connection on which the other side serves; false when it has too many.
-    bool addServing(const ConnectionPtr& connection);
-    // Lets the other side call: starts as many threads with a serve connection each as are missing
-    // to `count`. Does not wait.
-    void offerServing(size_t count);
+    // Serves calls on a connection that the other side made. False when there can be no thread, or
+    // there are too many.
+    bool acceptServing(const ConnectionPtr& connection) EXCLUDES(mMutex);
+    // Takes a connection on which the other side serves. False when there are too many.
+    bool addServing(const ConnectionPtr& connection) EXCLUDES(mMutex);
+    // Whether there is a connection on which the other side serves.
+    bool canCall() EXCLUDES(mMutex);
+    // Lets the other side call as the pool allows: starts the threads, with a serve connection
+    // each, that are missing. Does not wait.
+    void offerServing() EXCLUDES(mMutex);
+    // Waits until the first of them has its connection, for kPeerLimit at most.
+    void awaitServing() EXCLUDES(mMutex);
+
+    // The body of a thread that serves what the other side calls.
+    void serveCalls(ServedConnection* served);
 
     // On the control thread: takes what has arrived and sends what found the socket full. False
     // when the session must end.
     bool onControlEvents(uint32_t events);
 
-    // On the control thread, a while after Node::retrySoon(): takes up what there was no thread
-    // for. False when the session must end.
-    bool retry() EXCLUDES(mMutex);
-
     // The other process is gone: fails every call, tells every linked recipient, drops every object
-    // that it had. Idempotent; the notices go out on threads of the pool.
+    // that it had, and every descriptor that no thread is using. Idempotent; the notices go out on
+    // threads of the pool.
     void end() EXCLUDES(mMutex);
 
     // The last reference to a proxy is going.
@@ -89,24 +95,51 @@ class Session : public std::enable_shared_from_this<Session> {
         sp<IBinder> binder;
         uint64_t sent = 0;  // how often; the other side gives back as many
     };
+    // A oneway call that waits for its turn.
+    struct Oneway {
+        sp<IBinder> target;
+        std::shared_ptr<Parcel> data;
+        uint32_t code;
+        size_t room;
+    };
     class Loan;
+    class Patience;
 
-    // Both kinds together; a process that opens more is at fault.
+    // Calls that this side makes at a time, nested ones aside. Further ones wait in line.
+    static constexpr size_t kMaxCalls = 128;
+    // Connections of both kinds; an honest process opens fewer.
     static constexpr size_t kMaxConnections = 256;
+    // Objects of the other side that this one holds.
+    static constexpr size_t kMaxProxies = 64 * 1024;
+    // Replies with objects of the other side that it has not acknowledged.
+    static constexpr size_t kMaxUnacknowledged = 1024;
 
-    ConnectionPtr borrow() EXCLUDES(mMutex);
-    void giveBack(ConnectionPtr connection, bool broken) EXCLUDES(mMutex);
+    // NULL when there is none within the caller's patience, or the session has ended.
+    ConnectionPtr borrow(Patience* patience) EXCLUDES(mMutex);
+    // One that nobody uses, or NULL: then `dial` says whether to make one.
+    ConnectionPtr takeIdle(Patience* patience, bool* dial) EXCLUDES(mMutex);
+    void giveBack(ConnectionPtr connection) EXCLUDES(mMutex);
+    // It is of no use any more.
+    void drop() EXCLUDES(mMutex);
     bool remember(const ConnectionPtr& connection) EXCLUDES(mMutex);
+    ConnectionPtr control() EXCLUDES(mMutex);
     // Why there was no connection for a call.
     status_t goneStatus() EXCLUDES(mMutex);
+    // The answer to a call that was sent. False when it was not taken, and may be sent elsewhere.
+    bool awaitReply(Loan* loan, Parcel* reply, status_t* status);
     // The body of a thread that serves on a connection which it dials.
     void serveOffered();
 
-    // Serves calls until the connection ends; the body of a pool thread.
-    void serve(const ConnectionPtr& connection);
-    // Serves one call that was read from this connection; unless it says OK, the connection must
-    // end.
-    status_t serveCall(const ConnectionPtr& connection, Message* message);
+    // Serves a call that has come; unless it says OK, the connection must end.
+    status_t serveMessage(const ConnectionPtr& connection, Message* message);
+    // Does what a call asks for. False when it is not valid.
+    bool execute(const ConnectionPtr& connection, Message* message, Parcel* reply,
+                 status_t* status);
+    // False when the reply cannot be sent.
+    bool answer(const ConnectionPtr& connection, const Parcel& reply, status_t status);
+    // A reply that takes this room has not been read for kPeerLimit: whether to go on waiting.
+    // counted: whether it stands in mUnreadRoom.
+    bool waitsForReader(size_t room, bool* counted) EXCLUDES(mMutex);
     // The object that the other side has under this number, or NULL.
     sp<IBinder> exported(uint64_t id) EXCLUDES(mMutex);
 
@@ -120,45 +153,59 @@ class Session : public std::enable_shared_from_this<Session> {
     bool decode(Message* message, Parcel* parcel);
     sp<IBinder> proxyFor(uint64_t id) EXCLUDES(mMutex);
 
-    uint64_t awaitAcknowledgement(const Parcel& reply, const std::vector<ObjectRef>& refs)
-            EXCLUDES(mMutex);
+    // ack: what the receiver of this reply must acknowledge. FAILED_TRANSACTION when it
+    // acknowledges nothing.
+    status_t awaitAcknowledgement(const Parcel& reply, const std::vector<ObjectRef>& refs,
+                                  uint64_t* ack) EXCLUDES(mMutex);
     void acknowledge(uint64_t ack) EXCLUDES(mMutex);
-    // Queues a message for the control connection and sends what has room.
-    void post(Message message) REQUIRES(mMutex);
-    void sendOutbox() REQUIRES(mMutex);
+    // Sends what waits for the control connection, as far as there is room.
+    void sendWaiting() REQUIRES(mMutex);
     void updateEvents() REQUIRES(mMutex);
     bool onControlMessage(Message* message);
     bool onOneway(Message* message);
+    void runOneway() EXCLUDES(mMutex);
 
     const Token mToken;
-    const ConnectionPtr mControl;
+    const pid_t mPeer;
+    const uint64_t mSerial;
     const Dialer mDialer;
-    Worker mOneways{"hidl-oneway"};
-
-    // Of the control thread alone: a oneway call for which there was no thread. What comes behind
-    // it is left in the socket.
-    std::unique_ptr<Message> mHeldOneway;
 
     // A leaf: nothing is called out while it is held, and no last reference dropped.
     Mutex mMutex;
-    std::condition_variable_any mChanged;
+    std::condition_variable_any mFreed;          // a connection for calls, or the place for one
+    std::condition_variable_any mOffersChanged;  // mServing or mOffered
     bool mEnded GUARDED_BY(mMutex) = false;
-    // Connections for outgoing calls that nobody uses now.
+    ConnectionPtr mControl GUARDED_BY(mMutex);  // NULL once it has ended
+    // Connections for outgoing calls: those that nobody uses now, and how many there are.
     std::vector<ConnectionPtr> mIdle GUARDED_BY(mMutex);
+    size_t mCallable GUARDED_BY(mMutex) = 0;
+    size_t mLine GUARDED_BY(mMutex) = 0;  // calls that wait for one
     std::vector<std::weak_ptr<Connection>> mAll GUARDED_BY(mMutex);
-    size_t mServing GUARDED_BY(mMutex) = 0;  // serve connections that this side has dialled
+    // Serve connections that this side has dialled: threads that were started, how many of them
+    // have their connection, and how often the other side wanted one more.
+    size_t mOffered GUARDED_BY(mMutex) = 0;
+    size_t mServing GUARDED_BY(mMutex) = 0;
+    size_t mWanted GUARDED_BY(mMutex) = 0;
     uint64_t mNextId GUARDED_BY(mMutex) = kRegistryObject + 1;
     std::map<uint64_t, Exported> mExported GUARDED_BY(mMutex);
     std::map<IBinder*, uint64_t> mExportedIds GUARDED_BY(mMutex);
     std::map<uint64_t, wp<BpHwBinder>> mProxies GUARDED_BY(mMutex);
-    // What the control socket had no room for, in order.
+    // What the control socket had no room for. Oneway calls in their order; the others are counts,
+    // so that they do not grow with a process that does not read.
     std::deque<Message> mOutbox GUARDED_BY(mMutex);
-    size_t mOutboxSize GUARDED_BY(mMutex) = 0;  // payload bytes
+    size_t mOutboxRoom GUARDED_BY(mMutex) = 0;
+    std::map<uint64_t, uint32_t> mReleases GUARDED_BY(mMutex);  // behind the oneway calls
+    std::vector<uint64_t> mAcks GUARDED_BY(mMutex);
+    bool mWants GUARDED_BY(mMutex) = false;
+    bool mWaiting GUARDED_BY(mMutex) = false;  // there is any of that
     // What replies referred to that the other side may not have taken yet.
     std::map<uint64_t, std::vector<sp<IBinder>>> mUnacknowledged GUARDED_BY(mMutex);
     uint64_t mNextAck GUARDED_BY(mMutex) = 1;
-    size_t mQueuedOneways GUARDED_BY(mMutex) = 0;  // bytes
-    bool mHolding GUARDED_BY(mMutex) = false;      // mHeldOneway is set
+    // Oneway calls that have come, and the room that they take with the one that is running.
+    std::deque<Oneway> mOneways GUARDED_BY(mMutex);
+    size_t mOnewayRoom GUARDED_BY(mMutex) = 0;
+    bool mRunningOneway GUARDED_BY(mMutex) = false;
+    size_t mUnreadRoom GUARDED_BY(mMutex) = 0;  // of replies that are not read
     uint32_t mEvents GUARDED_BY(mMutex) = kQuietEvents;
 };
 

@@ -55,13 +55,15 @@ class Pool {
 
     void enter() {
         Mutex::Autolock lock(mMutex);
+        ++mWaiting;
         while (!mStarted || mBusy >= mSize) mChanged.wait(mMutex);
+        --mWaiting;
         ++mBusy;
     }
     void leave() {
         Mutex::Autolock lock(mMutex);
         --mBusy;
-        mChanged.notify_one();
+        if (mWaiting > 0) mChanged.notify_one();
     }
 
     void post(std::function<void()> task) {
@@ -101,6 +103,7 @@ class Pool {
     std::condition_variable_any mChanged;
     size_t mSize GUARDED_BY(mMutex) = 1;
     size_t mBusy GUARDED_BY(mMutex) = 0;
+    size_t mWaiting GUARDED_BY(mMutex) = 0;
     bool mStarted GUARDED_BY(mMutex) = false;
 
     std::condition_variable_any mPosted;

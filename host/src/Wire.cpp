@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <iterator>
 
 #include <log/log.h>
 
@@ -18,22 +20,23 @@ namespace {
 
 constexpr uint32_t kMagic = 0x314c4448;  // "HDL1"
 
+// What nearly every message fits in.
+constexpr size_t kUsualSize = 8 * 1024;
+
 // One per thread that ever receives: a message is taken out of it before the next one arrives.
 uint8_t* packetBuffer() {
     thread_local std::unique_ptr<uint8_t[]> buffer(new uint8_t[kPacketSize]);
     return buffer.get();
 }
 
-// Where received bytes go.
-struct Target {
-    uint8_t* bytes;
-    size_t size;
-};
+// Of the references that a header announces.
+uint64_t refsSize(const MessageHeader& header) {
+    return uint64_t{header.objectCount} * sizeof(ObjectRef);
+}
 
 // A message as it lies on the wire: header, references, data.
 struct Parts {
-    Parts(const MessageHeader& start, const std::vector<ObjectRef>& objects,
-          const std::vector<uint8_t>& data)
+    Parts(const MessageHeader& start, const std::vector<ObjectRef>& objects, const Bytes& data)
         : header(start),
           iov{{&header, sizeof(header)},
               {const_cast<ObjectRef*>(objects.data()), objects.size() * sizeof(ObjectRef)},
@@ -49,6 +52,10 @@ struct Parts {
     MessageHeader header;
     iovec iov[kCount];
 };
+
+// 0 to 15 stand for what is no connection.
+std::atomic<uint64_t> gNextSerial{16};
+std::atomic<size_t> gCount{0};
 
 // As one packet.
 ssize_t sendPacket(int fd, iovec* parts, size_t count, int flags) {
@@ -83,8 +90,25 @@ ConnectionPtr Connection::withPeer(base::unique_fd fd) {
     return std::make_shared<Connection>(std::move(fd), peer.pid);
 }
 
+Connection::Connection(base::unique_fd fd, pid_t peer)
+    : mFd(std::move(fd)), mPeer(peer), mSerial(gNextSerial++) {
+    ++gCount;
+}
+
+Connection::~Connection() {
+    --gCount;
+}
+
+size_t Connection::count() {
+    return gCount;
+}
+
+void Connection::limitSend(std::chrono::milliseconds limit) {
+    limitSocket(mFd.get(), SO_SNDTIMEO, limit);
+}
+
 bool Connection::send(const MessageHeader& header, const std::vector<ObjectRef>& objects,
-                      const std::vector<uint8_t>& data) {
+                      const Bytes& data, const std::function<bool()>* goOn) {
     Parts parts(header, objects, data);
     size_t next = 0;
     while (next < Parts::kCount) {
@@ -102,7 +126,9 @@ bool Connection::send(const MessageHeader& header, const std::vector<ObjectRef>&
             if (part.iov_len == 0) ++next;
         }
         // An empty packet would look like a hang-up.
-        if (count > 0 && sendPacket(mFd.get(), packet, count, 0) < 0) return false;
+        while (count > 0 && sendPacket(mFd.get(), packet, count, 0) < 0) {
+            if (errno != EAGAIN || (goOn != nullptr && !(*goOn)())) return false;
+        }
     }
     return true;
 }
@@ -121,58 +147,84 @@ Received Connection::invalid(const char* why) {
     return Received::kInvalid;
 }
 
-Received Connection::receive(Message* message, bool wait) {
-    uint8_t* packet = packetBuffer();
+Received Connection::receive(Message* message, Wait wait) {
+    MessageHeader& header = message->header;
+    Bytes& data = message->data;
+    message->objects.clear();
+    data.truncate(0);
+    // Room is made for what has arrived, not for what the header says.
+    data.reserve(kUsualSize);
     size_t missing = 0;
-    Target targets[2] = {};
     for (bool first = true; first || missing > 0; first = false) {
+        if (!first) data.reserve(data.size() + std::min(missing, kPacketSize));
+        const size_t room = data.capacity() - data.size();
+        const size_t headerSize = first ? sizeof(header) : 0;
+        // What does not fit in its place is copied there.
+        iovec parts[] = {{&header, headerSize},
+                         {data.data() + data.size(), room},
+                         {packetBuffer(), kPacketSize}};
+        msghdr packet = {};
+        packet.msg_iov = parts;
+        packet.msg_iovlen = std::size(parts);
         ssize_t got;
         do {
-            got = recv(mFd.get(), packet, kPacketSize, MSG_TRUNC | (wait ? 0 : MSG_DONTWAIT));
+            got = recvmsg(mFd.get(), &packet, wait == Wait::kNever ? MSG_DONTWAIT : 0);
             // A reset is told once, before what can still be read.
-        } while (got < 0 && (errno == EINTR || errno == ECONNRESET));
+        } while (got < 0 && (errno == EINTR || errno == ECONNRESET ||
+                             (errno == EAGAIN && wait == Wait::kForever)));
         if (got < 0 && errno == EAGAIN) return Received::kWouldBlock;
         if (got <= 0) return Received::kHangup;
-        if (static_cast<size_t>(got) > kPacketSize) return invalid("a packet is too long");
 
-        const uint8_t* bytes = packet;
         size_t size = static_cast<size_t>(got);
+        if (size > kPacketSize) return invalid("a packet is too long");
         if (first) {
-            MessageHeader& header = message->header;
             if (size < sizeof(header)) return invalid("a message is shorter than its header");
-            memcpy(&header, bytes, sizeof(header));
-            bytes += sizeof(header);
             size -= sizeof(header);
             if (header.magic != kMagic) return invalid("a message does not start as one");
-            if (uint64_t{header.objectCount} * sizeof(ObjectRef) + header.dataSize >
-                kMaxTransactionSize) {
+            const uint64_t whole = refsSize(header) + header.dataSize;
+            if (whole > kMaxTransactionSize) {
                 return invalid("a message is over the largest transaction");
             }
-            message->objects.resize(header.objectCount);
-            message->data.resize(header.dataSize);
-            targets[0] = {reinterpret_cast<uint8_t*>(message->objects.data()),
-                          message->objects.size() * sizeof(ObjectRef)};
-            targets[1] = {message->data.data(), message->data.size()};
-            missing = targets[0].size + targets[1].size;
+            missing = static_cast<size_t>(whole);
         }
         if (size > missing) return invalid("a message is longer than it says");
         if (!first && size == 0) return invalid("an empty packet inside a message");
         missing -= size;
-        if (missing > 0 && !wait) return invalid("a message of several packets where one must do");
-        for (Target& target : targets) {
-            const size_t length = std::min(size, target.size);
-            if (length == 0) continue;
-            memcpy(target.bytes, bytes, length);
-            bytes += length;
-            size -= length;
-            target = {target.bytes + length, target.size - length};
+        if (missing > 0 && wait == Wait::kNever) {
+            return invalid("a message of several packets where one must do");
         }
+        data.extend(std::min(size, room));
+        if (size > room) data.append(packetBuffer(), size - room);
+    }
+    if (header.objectCount > 0) {
+        const size_t size = static_cast<size_t>(refsSize(header));
+        message->objects.resize(header.objectCount);
+        memcpy(message->objects.data(), data.data(), size);
+        memmove(data.data(), data.data() + size, data.size() - size);
+        data.truncate(data.size() - size);
     }
     return Received::kMessage;
 }
 
 void Connection::limitReceive(std::chrono::milliseconds limit) {
     limitSocket(mFd.get(), SO_RCVTIMEO, limit);
+}
+
+void Connection::stopReceiving() {
+    ::shutdown(mFd.get(), SHUT_RD);
+}
+
+void Connection::retire(bool taken, status_t status) {
+    // From here on nothing more can come in.
+    stopReceiving();
+    char byte;
+    while (recv(mFd.get(), &byte, sizeof(byte), MSG_DONTWAIT) > 0) taken = true;
+    if (taken) {
+        Message refused = Message::of(MessageType::kRefused);
+        refused.header.status = status;
+        trySend(refused);
+    }
+    shutdown();
 }
 
 void Connection::shutdown() {

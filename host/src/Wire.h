@@ -10,10 +10,13 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <vector>
 
 #include <android-base/unique_fd.h>
+#include <hwbinder/Bytes.h>
+#include <utils/Errors.h>
 
 namespace android { namespace hardware { namespace host {
 
@@ -22,8 +25,11 @@ namespace android { namespace hardware { namespace host {
 constexpr size_t kMaxTransactionSize = 1024 * 1024 - 2 * 4096;
 constexpr size_t kPacketSize = 60 * 1024;
 
+// Beside its payload, what a message that waits counts for: about the room that it takes.
+constexpr size_t kMessageRoom = 256;
+
 // Within so long another process must take a connection, answer a greeting, or say what it serves.
-// One that is stopped does not.
+// One that is stopped does not. A call that finds no connection waits in line for as long.
 constexpr std::chrono::milliseconds kPeerLimit{5000};
 
 enum class MessageType : uint32_t {
@@ -34,7 +40,11 @@ enum class MessageType : uint32_t {
     kRelease,  // the sender dropped its proxy of object `target`, which it had been sent `amount`
                // times
     kAck,      // the sender holds what kReply `target` referred to
-    kRefused,  // the only answer on a connection that cannot be served: nothing was taken from it
+    kRefused,  // the last message on a connection that is not served any more: what the receiver
+               // has sent since the last reply was not taken. On a control connection `status` says
+               // whether to try again at once (WOULD_BLOCK) or not (NO_MEMORY)
+    kWant,  // the sender waits for a connection to call on: the receiver serves on one more, if
+            // its pool allows
 };
 
 enum class Role : uint32_t {
@@ -50,7 +60,7 @@ struct MessageHeader {
     uint64_t token[2];  // kHello: the session
     uint32_t code;      // kCall, kOneway: transaction code. kHello: the Role
     uint32_t amount;    // kRelease
-    int32_t status;     // kReply: status_t of the transaction
+    int32_t status;     // kReply: status_t of the transaction; kRefused: see there
     uint32_t objectCount;
     uint32_t dataSize;
     uint32_t reserved;
@@ -66,50 +76,75 @@ struct ObjectRef {
 struct Message {
     MessageHeader header = {};
     std::vector<ObjectRef> objects;
-    std::vector<uint8_t> data;
+    Bytes data;
 
     static Message of(MessageType type, uint64_t target = 0);
     size_t payloadSize() const { return objects.size() * sizeof(ObjectRef) + data.size(); }
+    // What it counts for while it waits.
+    size_t room() const { return kMessageRoom + payloadSize(); }
 };
 
 enum class Received { kMessage, kHangup, kWouldBlock, kInvalid };
 
-// One thread sends and receives at a time; shutdown() may come from any.
+// One thread sends and receives at a time; shutdown() and stopReceiving() may come from any.
 class Connection {
   public:
-    Connection(base::unique_fd fd, pid_t peer) : mFd(std::move(fd)), mPeer(peer) {}
+    Connection(base::unique_fd fd, pid_t peer);
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    // How many there are in this process, each with a descriptor.
+    static size_t count();
+
     // For a connected socket, with the kernel's word on who is at the other end. NULL, errno EACCES
     // and a log line, when it is neither this user nor root.
     static std::shared_ptr<Connection> withPeer(base::unique_fd fd);
 
-    // Waits for as long as the other side does not read. False when it hung up.
-    bool send(const MessageHeader& header, const std::vector<ObjectRef>& objects,
-              const std::vector<uint8_t>& data);
+    // Waits for as long as the other side does not read; goOn is asked each time that it has not
+    // for what limitSend() says. False when it has hung up or takes nothing any more, so has not
+    // taken the message; or when goOn says so.
+    bool send(const MessageHeader& header, const std::vector<ObjectRef>& objects, const Bytes& data,
+              const std::function<bool()>* goOn = nullptr);
     bool send(const Message& message) {
         return send(message.header, message.objects, message.data);
     }
     // Never waits: kWouldBlock when the socket is full. For messages that fit one packet.
     Received trySend(const Message& message);
 
-    // From now on receive() waits so long at most, then says kWouldBlock. 0: as long as it takes.
+    void limitSend(std::chrono::milliseconds limit);
+    // How long receiveInTime() waits from now on. 0: as long as it takes.
     void limitReceive(std::chrono::milliseconds limit);
     // kInvalid has been logged, and the connection is shut down.
-    Received receive(Message* message) { return receive(message, true); }
+    Received receive(Message* message) { return receive(message, Wait::kForever); }
+    // kWouldBlock when the limit has passed.
+    Received receiveInTime(Message* message) { return receive(message, Wait::kLimited); }
     // Never waits: takes messages of one packet only.
-    Received tryReceive(Message* message) { return receive(message, false); }
+    Received tryReceive(Message* message) { return receive(message, Wait::kNever); }
 
+    // Wakes the thread that receives, with kHangup once it has what is there already; what the
+    // other side sends from now on fails there. It can still be sent to.
+    void stopReceiving();
+    // Ends a connection on which nothing is being served. Nothing is lost: the other side is told
+    // kRefused when it has sent something that nobody takes.
+    // taken: something has been received that was not served either.
+    void retire(bool taken, status_t status);
     void shutdown();
     // The other side is gone, whatever it may have left to read.
     bool hungUp() const;
     int fd() const { return mFd.get(); }
+    // Never used again in this process, other than the descriptor.
+    uint64_t serial() const { return mSerial; }
     pid_t peer() const { return mPeer; }
 
   private:
-    Received receive(Message* message, bool wait);
+    enum class Wait { kNever, kLimited, kForever };
+    Received receive(Message* message, Wait wait);
     Received invalid(const char* why);
 
     const base::unique_fd mFd;
     const pid_t mPeer;
+    const uint64_t mSerial;
 };
 
 // 0: as long as it takes. option: SO_SNDTIMEO, which connecting follows too, or SO_RCVTIMEO.

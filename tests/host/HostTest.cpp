@@ -32,6 +32,7 @@ using ::android::OK;
 using ::android::wp;
 using ::android::hardware::hidl_death_recipient;
 using ::android::hardware::hidl_string;
+using ::android::hardware::IBinder;
 using ::android::hardware::interfacesEqual;
 using ::android::hardware::IPCThreadState;
 using ::android::hardware::Parcel;
@@ -220,15 +221,18 @@ TEST_F(HostTest, OnewayCallsArriveInOrderFromNobody) {
 
 TEST_F(HostTest, OnewayCallsToAStoppedProcessFailWithoutItsDeath) {
     mService->signal(SIGSTOP);
-    bool failed = false;
-    for (int i = 0; i < 1000000 && !failed; ++i) {
-        auto result = mPeer->note(i);
-        failed = !result.isOk();
-        if (failed) {
-            EXPECT_FALSE(result.isDeadObject()) << result.description();
-        }
+    // Calls without content fill what there is to fill as well.
+    const auto binder = ::android::hardware::getOrCreateCachedBinder(mPeer.get());
+    constexpr uint32_t kNote = 13;
+    Parcel empty, reply;
+    int sent = 0;
+    while (sent < 100000 && binder->transact(kNote, empty, &reply, IBinder::FLAG_ONEWAY) == OK) {
+        ++sent;
     }
-    EXPECT_TRUE(failed);
+    EXPECT_LT(sent, 10000);
+    auto result = mPeer->note(1);
+    EXPECT_FALSE(result.isOk());
+    EXPECT_FALSE(result.isDeadObject()) << result.description();
     mService->signal(SIGCONT);
     EXPECT_TRUE(serves());
 }
@@ -324,11 +328,11 @@ TEST_F(HostTest, TakesTransactionsUpToItsLimitAndFailsLargerOnesAlone) {
     EXPECT_TRUE(serves());
 }
 
-TEST_F(HostTest, ServesManyThreadsAtATime) {
+TEST_F(HostTest, ServesMoreThreadsThanItHasConnectionsFor) {
     std::vector<std::future<bool>> results;
-    for (int t = 0; t < 8; ++t) {
+    for (int t = 0; t < 300; ++t) {
         results.push_back(std::async(std::launch::async, [this, t] {
-            for (int i = 0; i < 200; ++i) {
+            for (int i = 0; i < 10; ++i) {
                 sp<IListener> listener = new Listener;
                 if (mPeer->add(t, i) != t + i || mPeer->callBack(listener, i) != i + 1)
                     return false;
@@ -554,7 +558,7 @@ TEST_F(HostTest, RefusesConnectionsForWhichNoThreadCanBeMade) {
     size_t count = 0;
     for (auto& one : refused) count += one.get();
     EXPECT_GE(count, 8u);
-    ASSERT_TRUE(mPeer->note(5).isOk()) << "waits for a thread";
+    ASSERT_TRUE(mPeer->note(5).isOk());
     const auto seconds = (std::chrono::steady_clock::now() - begin) / 1s;
     ASSERT_EQ(0, prlimit64(mService->pid(), RLIMIT_AS, &ample, nullptr));
     EXPECT_TRUE(std::async(std::launch::async, [this] { return serves(); }).get());
@@ -563,6 +567,136 @@ TEST_F(HostTest, RefusesConnectionsForWhichNoThreadCanBeMade) {
     support::drainOutput();
     EXPECT_THAT(mService->err().lines().size(),
                 testing::AllOf(testing::Ge(1u), testing::Le(seconds + 2u)));
+}
+
+TEST_F(HostTest, RepliesThatNobodyReadHoldUpNobody) {
+    // The registry's answer puts the service's object under number 1.
+    BadClient control;
+    Header hello, call;
+    control.send(hello.with());
+    ASSERT_TRUE(control.receive());
+    hello.code = kCallRole;
+    call.type = kCall;
+    std::vector<std::unique_ptr<BadClient>> callers;
+    const auto dial = [&] {
+        callers.push_back(std::make_unique<BadClient>());
+        callers.back()->send(hello.with());
+        return callers.back().get();
+    };
+    const auto contentOf = [](const Parcel& parcel) {
+        return std::string(reinterpret_cast<const char*>(parcel.bytes().data()),
+                           parcel.bytes().size());
+    };
+    const auto send = [&](BadClient* caller, const Parcel& data) {
+        const std::string content = contentOf(data);
+        call.size = static_cast<uint32_t>(content.size());
+        const std::string whole = call.with(content);
+        for (size_t at = 0; at < whole.size(); at += 60 * 1024) {
+            caller->send(whole.substr(at, 60 * 1024));
+        }
+    };
+    Parcel get;
+    get.writeInterfaceToken("hidl-host-registry");
+    get.writeText(IPeer::descriptor, strlen(IPeer::descriptor));
+    get.writeText("default", 7);
+    call.code = 1;
+    BadClient* first = dial();
+    send(first, get);
+    ASSERT_TRUE(first->receive());
+
+    Parcel blob;
+    blob.writeInterfaceToken(IPeer::descriptor);
+    hidl_vec<uint8_t> bytes;
+    bytes.resize(1000 * 1000);
+    size_t handle, child;
+    blob.writeBuffer(&bytes, sizeof(bytes), &handle);
+    blob.writeEmbeddedBuffer(bytes.data(), bytes.size(), &child, handle,
+                             hidl_vec<uint8_t>::kOffsetOfBuffer);
+    call.target = 1;
+    call.code = 3;
+    for (int i = 0; i < 8; ++i) send(dial(), blob);
+    EXPECT_TRUE(serves());
+    EXPECT_TRUE(control.isClosed()) << "so much, left for so long, ends the session";
+    EXPECT_TRUE(waitUntil([&] {
+        return mService->err().text().find("it leaves its replies unread") != std::string::npos;
+    }));
+    EXPECT_TRUE(serves());
+}
+
+TEST_F(HostTest, TakesAsManyProcessesAsItHasDescriptorsFor) {
+    Process service({"sh", "-c", "ulimit -n 64; exec \"$0\" --serve few", gProgram}, {});
+    ASSERT_TRUE(waitUntil([&] { return !service.out().lines().empty(); }));
+    const auto socket =
+            pathOf(std::filesystem::read_symlink(pathOf("hidl.hosttest@1.0::IPeer,few")));
+    // Silent ones make room for those that speak.
+    std::vector<std::unique_ptr<BadClient>> silent;
+    for (int i = 0; i < 100; ++i) silent.push_back(std::make_unique<BadClient>(socket));
+
+    std::vector<std::unique_ptr<Process>> clients;
+    const auto start = [&](size_t count) {
+        for (size_t i = 0; i < count; ++i) {
+            clients.push_back(
+                    std::make_unique<Process>(std::vector<std::string>{gProgram, "--ask", "few"},
+                                              std::map<std::string, std::string>{}));
+        }
+        EXPECT_TRUE(waitUntil([&] {
+            return std::all_of(clients.begin(), clients.end(),
+                               [](auto& one) { return !one->out().lines().empty(); });
+        }));
+        // Those that were not taken have ended.
+        clients.erase(std::remove_if(
+                              clients.begin(), clients.end(),
+                              [](auto& one) { return one->out().lines().back().text != "served"; }),
+                      clients.end());
+        return clients.size();
+    };
+    const size_t taken = start(40);
+    EXPECT_THAT(taken, testing::AllOf(testing::Ge(15u), testing::Le(30u)));
+    // All at once, for they share the connections that are left.
+    for (int round = 2; round < 5; ++round) {
+        for (auto& client : clients) client->write("\n");
+        EXPECT_TRUE(waitUntil([&] {
+            return std::all_of(clients.begin(), clients.end(), [&](auto& one) {
+                return one->out().lines().size() == static_cast<size_t>(round);
+            });
+        }));
+    }
+    for (auto& client : clients) EXPECT_EQ("served", client->out().lines().back().text);
+    clients.resize(taken / 2);
+    EXPECT_TRUE(waitUntil([&] { return start(1) > taken / 2; }));
+    EXPECT_EQ(taken, start(taken - clients.size()));
+}
+
+TEST_F(HostTest, AnIdleClientCostsTwoDescriptorsAndNoThread) {
+    const auto count = [this](const char* what) {
+        size_t entries = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(
+                     "/proc/" + std::to_string(mService->pid()) + what)) {
+            entries += !entry.path().empty();
+        }
+        return entries;
+    };
+    // This process has called already: its connection goes, with the fifth thread.
+    EXPECT_TRUE(waitUntil([&] { return count("/task") == 4; }));
+    const size_t threads = count("/task");
+    const size_t descriptors = count("/fd");
+    std::vector<std::unique_ptr<Process>> clients;
+    for (int i = 0; i < 5; ++i) {
+        clients.push_back(
+                std::make_unique<Process>(std::vector<std::string>{gProgram, "--ask", "default"},
+                                          std::map<std::string, std::string>{}));
+    }
+    EXPECT_TRUE(waitUntil([&] {
+        return std::all_of(clients.begin(), clients.end(),
+                           [](auto& one) { return !one->out().lines().empty(); });
+    }));
+    EXPECT_TRUE(waitUntil([&] {
+        return count("/task") == threads && count("/fd") == descriptors + 2 * clients.size();
+    })) << count("/task")
+        << " threads, before " << threads << "; " << count("/fd") << " descriptors, before "
+        << descriptors;
+    clients.clear();
+    EXPECT_TRUE(waitUntil([&] { return count("/fd") == descriptors; }));
 }
 
 TEST_F(HostTest, ALogThatNobodyReadsStopsNobody) {
@@ -764,6 +898,18 @@ int main(int argc, char** argv) {
         puts("ready");
         fflush(stdout);
         pause();
+    }
+    if (argc == 3 && std::string(argv[1]) == "--ask") {
+        // Is called back once, and again for each line of input.
+        const auto peer = hosttest::IPeer::tryGetService(argv[2]);
+        ::android::sp<hosttest::Listener> listener = new hosttest::Listener;
+        do {
+            const bool served = peer != nullptr && peer->callBack(listener, 1).withDefault(0) == 2;
+            puts(served ? "served" : "refused");
+            fflush(stdout);
+            if (!served) return 1;
+        } while (getchar() == '\n');
+        return 0;
     }
     ::android::hardware::configureRpcThreadpool(2, false);
     testing::InitGoogleTest(&argc, argv);

@@ -14,6 +14,7 @@
 
 #include <cutils/native_handle.h>
 #include <hwbinder/Binder.h>
+#include <hwbinder/Bytes.h>
 #include <utils/Errors.h>
 #include <utils/StrongPointer.h>
 
@@ -60,10 +61,10 @@ class Parcel {
     status_t readNullableNativeHandleNoDup(const native_handle_t** handle) const;
 
     // For the transport.
-    const std::vector<uint8_t>& bytes() const { return mData; }
+    const Bytes& bytes() const { return mData; }
     const std::vector<sp<IBinder>>& objects() const { return mObjects; }
     // Replaces the content by what arrived and starts reading it.
-    void setReceived(std::vector<uint8_t> bytes, std::vector<sp<IBinder>> objects);
+    void setReceived(Bytes bytes, std::vector<sp<IBinder>> objects);
 
   private:
     template <typename T>
@@ -80,7 +81,7 @@ class Parcel {
     void align();
     bool alignForReading() const;
 
-    std::vector<uint8_t> mData;
+    Bytes mData;
     std::vector<sp<IBinder>> mObjects;
     mutable size_t mPosition = 0;
 };
