@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Node.h"
 #include "Session.h"
 #include "Thread.h"
 
@@ -35,19 +36,65 @@ CallServers& CallServers::self() {
     return *self;
 }
 
-bool CallServers::serve(const std::shared_ptr<Session>& session, const ConnectionPtr& connection) {
-    return startThread("hidl-pool", [this, session, connection] {
-        ServedConnection served(connection);
+bool CallServers::start() {
+    Mutex::Autolock lock(mMutex);
+    if (!mStarted) mStarted = startThread("hidl-pool", [this] { run({}, true); });
+    return mStarted;
+}
+
+void CallServers::serve(const std::shared_ptr<Session>& session, const ConnectionPtr& connection) {
+    const Waiting waiting = {session, connection, Clock::now()};
+    if (startThread("hidl-pool", [this, waiting] { run(waiting, false); })) return;
+    {
+        Mutex::Autolock lock(mMutex);
+        mLine.push_back(waiting);
+        mLineLength = mLine.size();
+        mCame.notify_one();
+    }
+    makeRoom();
+    Node::self().retrySoon();
+}
+
+void CallServers::run(Waiting first, bool stays) {
+    Waiting now = first.session != nullptr ? std::move(first) : next(stays);
+    for (; now.session != nullptr; now = next(stays)) {
+        ServedConnection served(now.connection);
         std::list<ServedConnection*>::iterator place;
         {
             Mutex::Autolock lock(mMutex);
             served.rest();
             place = mServed.insert(mServed.end(), &served);
         }
-        session->serveCalls(&served);
-        Mutex::Autolock lock(mMutex);
-        mServed.erase(place);
-    });
+        now.session->serveCalls(&served);
+        {
+            Mutex::Autolock lock(mMutex);
+            mServed.erase(place);
+        }
+        now = {};
+    }
+}
+
+CallServers::Waiting CallServers::next(bool stays) {
+    Mutex::Autolock lock(mMutex);
+    while (stays && mLine.empty()) mCame.wait(mMutex);
+    if (mLine.empty()) return {};
+    Waiting waiting = std::move(mLine.front());
+    mLine.pop_front();
+    mLineLength = mLine.size();
+    return waiting;
+}
+
+bool CallServers::refuseLate() {
+    std::deque<Waiting> late;
+    const auto limit = Clock::now() - kPeerLimit;
+    Mutex::Autolock lock(mMutex);
+    while (!mLine.empty() && mLine.front().since <= limit) {
+        mLine.front().connection->retire(true, WOULD_BLOCK);
+        late.push_back(std::move(mLine.front()));
+        mLine.pop_front();
+    }
+    mLineLength = mLine.size();
+    return !mLine.empty();
 }
 
 void CallServers::makeRoom() {

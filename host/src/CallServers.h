@@ -1,12 +1,15 @@
 // Threads that serve the connections on which other processes call: one for each that is in use.
 // A connection on which nobody calls any more is let go, with its thread; the caller makes another
-// when it needs one.
+// when it needs one. One thread is made at the start and stays: where there can be no others, it
+// serves one connection after the other.
 #pragma once
 
 #include <stdint.h>
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <list>
 #include <memory>
 
@@ -51,20 +54,44 @@ class CallServers {
     // Never destroyed: its threads outlive main.
     static CallServers& self();
 
-    // Serves this connection until it ends or is let go. False when there can be no thread.
-    bool serve(const std::shared_ptr<Session>& session, const ConnectionPtr& connection)
+    // Makes the thread that stays. False, logged, when there can be none.
+    bool start() EXCLUDES(mMutex);
+
+    // Serves this connection until it ends or is let go. Where there is no thread for it, it waits
+    // in line for one, for kPeerLimit at most; then it is refused.
+    void serve(const std::shared_ptr<Session>& session, const ConnectionPtr& connection)
             EXCLUDES(mMutex);
+    // Whether a connection waits for a thread, so that none may rest.
+    bool isShort() const { return mLineLength > 0; }
 
     // Lets go of the connection that has waited longest for a call: its thread and descriptor are
     // free in a moment. Nothing happens when all are in calls.
     void makeRoom() EXCLUDES(mMutex);
 
+    // Refuses what has waited in line for too long. False when nothing waits any more.
+    bool refuseLate() EXCLUDES(mMutex);
+
   private:
+    using Clock = std::chrono::steady_clock;
+    struct Waiting {
+        std::shared_ptr<Session> session;
+        ConnectionPtr connection;
+        Clock::time_point since;
+    };
+
     CallServers() = default;
+    // The body of a thread, which ends when nothing waits in line unless it is the one that stays.
+    void run(Waiting first, bool stays) EXCLUDES(mMutex);
+    // Without a session when there is none.
+    Waiting next(bool stays) EXCLUDES(mMutex);
 
     // A leaf.
     Mutex mMutex;
+    std::condition_variable_any mCame;
+    bool mStarted GUARDED_BY(mMutex) = false;
     std::list<ServedConnection*> mServed GUARDED_BY(mMutex);
+    std::deque<Waiting> mLine GUARDED_BY(mMutex);
+    std::atomic<size_t> mLineLength{0};
 };
 
 }}}  // namespace android::hardware::host

@@ -77,7 +77,7 @@ sp<IBinder> Node::registryObject() {
 
 std::string Node::listen() {
     Mutex::Autolock listenLock(mListenMutex);
-    if (!mSocketName.empty() || !start()) return mSocketName;
+    if (!mSocketName.empty() || !start() || !CallServers::self().start()) return mSocketName;
     std::string name;
     base::unique_fd fd = Registry::self().listen(&name);
     if (fd.get() < 0) return "";
@@ -186,6 +186,7 @@ void Node::retry() {
     if (read(mTimer.get(), &count, sizeof(count)) < 0) return;
     mRetrying = false;
     keepRegistered();
+    if (CallServers::self().refuseLate()) retrySoon();
     for (const SessionPtr& session : sessions()) session->offerServing();
 }
 
@@ -358,7 +359,6 @@ bool Node::admit(const ConnectionPtr& connection, Role role, const Message& hell
         CallServers::self().makeRoom();
         refuseFull(connection, WOULD_BLOCK);
     } else if (!(calls ? session->acceptServing(connection) : session->addServing(connection))) {
-        if (calls) CallServers::self().makeRoom();
         connection->retire(true, WOULD_BLOCK);
     }
     return true;

@@ -289,25 +289,27 @@ void Session::serveOffered() {
 bool Session::acceptServing(const ConnectionPtr& connection) {
     connection->limitReceive(kLinger);
     connection->limitSend(kPeerLimit);
-    return remember(connection) && CallServers::self().serve(shared_from_this(), connection);
+    if (!remember(connection)) return false;
+    CallServers::self().serve(shared_from_this(), connection);
+    return true;
 }
 
 void Session::serveCalls(ServedConnection* served) {
     const ConnectionPtr& connection = served->connection();
     Message message;
-    for (;;) {
+    for (bool first = true; first || !CallServers::self().isShort(); first = false) {
         const Received received = connection->receiveInTime(&message);
         if (received == Received::kMessage && served->wake()) {
-            if (serveMessage(connection, &message) != OK) break;
+            if (serveMessage(connection, &message) != OK) return connection->shutdown();
             served->rest();
             continue;
         }
         // Idle for long enough, or let go: who calls now makes another connection.
         served->letGo();
-        connection->retire(received == Received::kMessage, WOULD_BLOCK);
-        return;
+        return connection->retire(received == Received::kMessage, WOULD_BLOCK);
     }
-    connection->shutdown();
+    served->letGo();
+    connection->retire(false, WOULD_BLOCK);
 }
 
 status_t Session::serveMessage(const ConnectionPtr& connection, Message* message) {

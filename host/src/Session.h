@@ -61,8 +61,7 @@ class Session : public std::enable_shared_from_this<Session> {
     // up.
     status_t callOneway(uint64_t target, uint32_t code, const Parcel& data);
 
-    // Serves calls on a connection that the other side made. False when there can be no thread, or
-    // there are too many.
+    // Serves calls on a connection that the other side made. False when there are too many.
     bool acceptServing(const ConnectionPtr& connection) EXCLUDES(mMutex);
     // Takes a connection on which the other side serves. False when there are too many.
     bool addServing(const ConnectionPtr& connection) EXCLUDES(mMutex);

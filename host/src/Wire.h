@@ -43,8 +43,8 @@ enum class MessageType : uint32_t {
     kRefused,  // the last message on a connection that is not served any more: what the receiver
                // has sent since the last reply was not taken. On a control connection `status` says
                // whether to try again at once (WOULD_BLOCK) or not (NO_MEMORY)
-    kWant,  // the sender waits for a connection to call on: the receiver serves on one more, if
-            // its pool allows
+    kWant,     // the sender waits for a connection to call on: the receiver serves on one more, if
+               // its pool allows
 };
 
 enum class Role : uint32_t {
