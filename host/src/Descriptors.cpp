@@ -54,6 +54,10 @@ bool Descriptors::haveRoomBeside(size_t owed) const {
     return Connection::count() + owed <= mForConnections;
 }
 
+size_t Descriptors::maxOfOne() const {
+    return std::clamp<size_t>(mForConnections / 8, 4, 256);
+}
+
 size_t Descriptors::maxStrangers() const {
     return shared() / 2;
 }

@@ -221,7 +221,7 @@ void Node::watch(const Connection& control, uint32_t events) {
 void Node::addSession(const SessionPtr& session, const ConnectionPtr& control) {
     Mutex::Autolock lock(mMutex);
     mSessions[session->serial()] = session;
-    mSessionsByToken[{session->token(), session->peer()}] = session;
+    mSessionsByPeer[{session->peer(), session->token()}] = session;
     add(mEpoll.get(), control->fd(), Session::kQuietEvents, session->serial());
 }
 
@@ -229,13 +229,13 @@ void Node::endSession(const SessionPtr& session) {
     session->end();
     Mutex::Autolock lock(mMutex);
     mSessions.erase(session->serial());
-    mSessionsByToken.erase({session->token(), session->peer()});
+    mSessionsByPeer.erase({session->peer(), session->token()});
 }
 
 SessionPtr Node::sessionOf(const Token& token, pid_t peer) {
     Mutex::Autolock lock(mMutex);
-    auto it = mSessionsByToken.find({token, peer});
-    return it == mSessionsByToken.end() ? nullptr : it->second;
+    auto it = mSessionsByPeer.find({peer, token});
+    return it == mSessionsByPeer.end() ? nullptr : it->second;
 }
 
 bool Node::haveRoomForCalls() {
@@ -355,10 +355,12 @@ bool Node::admit(const ConnectionPtr& connection, Role role, const Message& hell
     const bool calls = role == Role::kCall;
     // Each process can be called in any case.
     const bool owed = !calls && !session->canCall();
+    const size_t limit = mDescriptors.maxOfOne();
     if (!owed && !haveRoomForCalls()) {
         CallServers::self().makeRoom();
         refuseFull(connection, WOULD_BLOCK);
-    } else if (!(calls ? session->acceptServing(connection) : session->addServing(connection))) {
+    } else if (!(calls ? session->acceptServing(connection, limit)
+                       : session->addServing(connection, limit))) {
         connection->retire(true, WOULD_BLOCK);
     }
     return true;
@@ -366,11 +368,16 @@ bool Node::admit(const ConnectionPtr& connection, Role role, const Message& hell
 
 bool Node::admitSession(const ConnectionPtr& control, const Message& hello) {
     size_t sessions;
+    size_t ofThisOne = 0;
     {
         Mutex::Autolock lock(mMutex);
         sessions = mSessions.size();
+        for (auto it = mSessionsByPeer.lower_bound({control->peer(), Token{}});
+             it != mSessionsByPeer.end() && it->first.first == control->peer(); ++it) {
+            ++ofThisOne;
+        }
     }
-    if (!mDescriptors.haveRoomForSession(sessions)) {
+    if (ofThisOne >= mDescriptors.maxOfOne() || !mDescriptors.haveRoomForSession(sessions)) {
         refuseFull(control, NO_MEMORY);
         return true;
     }

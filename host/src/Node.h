@@ -96,7 +96,7 @@ class Node {
     base::unique_fd mRemovals GUARDED_BY(mMutex);  // inotify on the registry
     sp<IBinder> mRegistryObject GUARDED_BY(mMutex);
     std::map<uint64_t, SessionPtr> mSessions GUARDED_BY(mMutex);  // by control connection
-    std::map<std::pair<Token, pid_t>, SessionPtr> mSessionsByToken GUARDED_BY(mMutex);
+    std::map<std::pair<pid_t, Token>, SessionPtr> mSessionsByPeer GUARDED_BY(mMutex);
 
     // Set before anything else happens, never changed.
     base::unique_fd mEpoll;

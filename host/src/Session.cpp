@@ -210,18 +210,18 @@ void Session::drop() {
     if (mLine > 0) mFreed.notify_one();
 }
 
-bool Session::remember(const ConnectionPtr& connection) {
+bool Session::remember(const ConnectionPtr& connection, size_t limit) {
     Mutex::Autolock lock(mMutex);
     mAll.erase(std::remove_if(mAll.begin(), mAll.end(),
                               [](const std::weak_ptr<Connection>& weak) { return weak.expired(); }),
                mAll.end());
-    if (mEnded || mAll.size() >= kMaxConnections) return false;
+    if (mEnded || mAll.size() >= limit) return false;
     mAll.push_back(connection);
     return true;
 }
 
-bool Session::addServing(const ConnectionPtr& connection) {
-    if (mDialer != nullptr || !remember(connection)) return false;
+bool Session::addServing(const ConnectionPtr& connection, size_t limit) {
+    if (!remember(connection, limit)) return false;
     {
         Mutex::Autolock lock(mMutex);
         ++mCallable;
@@ -286,10 +286,10 @@ void Session::serveOffered() {
     if (mOffered == 0) Node::self().retrySoon();
 }
 
-bool Session::acceptServing(const ConnectionPtr& connection) {
+bool Session::acceptServing(const ConnectionPtr& connection, size_t limit) {
     connection->limitReceive(kLinger);
     connection->limitSend(kPeerLimit);
-    if (!remember(connection)) return false;
+    if (!remember(connection, limit)) return false;
     CallServers::self().serve(shared_from_this(), connection);
     return true;
 }

@@ -61,10 +61,10 @@ class Session : public std::enable_shared_from_this<Session> {
     // up.
     status_t callOneway(uint64_t target, uint32_t code, const Parcel& data);
 
-    // Serves calls on a connection that the other side made. False when there are too many.
-    bool acceptServing(const ConnectionPtr& connection) EXCLUDES(mMutex);
-    // Takes a connection on which the other side serves. False when there are too many.
-    bool addServing(const ConnectionPtr& connection) EXCLUDES(mMutex);
+    // Serves calls on a connection that the other side made. False when it has `limit` already.
+    bool acceptServing(const ConnectionPtr& connection, size_t limit) EXCLUDES(mMutex);
+    // Takes a connection on which the other side serves. False when it has `limit` already.
+    bool addServing(const ConnectionPtr& connection, size_t limit) EXCLUDES(mMutex);
     // Whether there is a connection on which the other side serves.
     bool canCall() EXCLUDES(mMutex);
     // Lets the other side call as the pool allows: starts the threads, with a serve connection
@@ -106,8 +106,6 @@ class Session : public std::enable_shared_from_this<Session> {
 
     // Calls that this side makes at a time, nested ones aside. Further ones wait in line.
     static constexpr size_t kMaxCalls = 128;
-    // Connections of both kinds; an honest process opens fewer.
-    static constexpr size_t kMaxConnections = 256;
     // Objects of the other side that this one holds.
     static constexpr size_t kMaxProxies = 64 * 1024;
     // Replies with objects of the other side that it has not acknowledged.
@@ -120,7 +118,8 @@ class Session : public std::enable_shared_from_this<Session> {
     void giveBack(ConnectionPtr connection) EXCLUDES(mMutex);
     // It is of no use any more.
     void drop() EXCLUDES(mMutex);
-    bool remember(const ConnectionPtr& connection) EXCLUDES(mMutex);
+    // False when the session has ended, or has `limit` already.
+    bool remember(const ConnectionPtr& connection, size_t limit = SIZE_MAX) EXCLUDES(mMutex);
     ConnectionPtr control() EXCLUDES(mMutex);
     // Why there was no connection for a call.
     status_t goneStatus() EXCLUDES(mMutex);
