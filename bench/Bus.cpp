@@ -93,7 +93,8 @@ std::string startBroker(Clients& processes) {
         dup2(open("/dev/null", O_RDWR), STDIN_FILENO);
         dup2(STDERR_FILENO, STDOUT_FILENO);
         execlp("dbus-broker", "dbus-broker", "--controller", std::to_string(control[1]).c_str(),
-               "--machine-id", "0123456789abcdef0123456789abcdef", nullptr);
+               "--machine-id", "0123456789abcdef0123456789abcdef", "--max-bytes", "1000000000",
+               "--max-fds", "100000", "--max-objects", "100000", nullptr);
         fail("dbus-broker");
     }
     processes.add(pid);

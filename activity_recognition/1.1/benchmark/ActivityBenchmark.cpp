@@ -343,7 +343,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::vector<Figure> figures = {
-            {"Delivery", Delivery, {1, 10, 100, 1000}},
+            {"Delivery", Delivery, {1, 3, 10, 30, 100, 300, 1000}},
             {"DeliveryToOneOf", DeliveryToOneOf, {1, 1000}},
             {"DeliveryBehindChange", DeliveryBehindChange, {10, 10000}},
             {"EnableDisableShared", EnableDisableShared, {10, 10000}},
