@@ -16,7 +16,8 @@ from pathlib import Path
 
 TREE = Path(__file__).resolve().parents[2]
 DEFAULT = TREE / "activity_recognition/1.1/default"
-DEVICE = [DEFAULT, DEFAULT.parent / "vts/functional", TREE / "activity_recognition/native/simulator"]
+DEVICE = [DEFAULT, DEFAULT.parent / "benchmark", DEFAULT.parent / "vts/functional",
+          TREE / "activity_recognition/native/simulator"]
 PACKAGE = "vendor.zaltho.hardware.activity_recognition"
 SERVICE = f"{PACKAGE}@1.1-service"
 
@@ -43,7 +44,8 @@ PLATFORM_HEADERS = {
     r"android-base/unique_fd\.h": "libbase",
     r"log/log\.h|android/log\.h": "liblog",
     rf"{PACKAGE.replace('.', '/')}/(1\.[01])/\w+\.h": rf"{PACKAGE}@\1",
-    r"android/hidl/(base|manager)/1\.0/\w+\.h|gtest/gtest\.h|zaltho/activity_recognition_native\.h":
+    r"android/hidl/(base|manager)/1\.0/\w+\.h|(benchmark/benchmark|gtest/gtest)\.h|"
+    r"zaltho/activity_recognition_native\.h":
         None,
 }
 STANDARD_HEADERS = r"[a-z_0-9]+(\.h)?|sys/\w+\.h|linux/\w+\.h"
