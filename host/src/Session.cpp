@@ -37,30 +37,33 @@ constexpr int kControlBurst = 64;
 
 // Which connection this thread is using for which session: what comes back from there, and what it
 // calls there meanwhile, goes over the same one.
-struct Frame {
-    const Session* session;
-    ConnectionPtr connection;
-};
-
-std::vector<Frame>& frames() {
-    thread_local std::vector<Frame> stack;
-    return stack;
-}
-
 class ScopedFrame {
   public:
-    ScopedFrame(const Session* session, const ConnectionPtr& connection) {
-        frames().push_back({session, connection});
+    ScopedFrame(const Session* session, const ConnectionPtr& connection)
+        : mSession(session), mConnection(connection), mBelow(sTop) {
+        sTop = this;
     }
-    ~ScopedFrame() { frames().pop_back(); }
+    ~ScopedFrame() { sTop = mBelow; }
+    ScopedFrame(const ScopedFrame&) = delete;
+    ScopedFrame& operator=(const ScopedFrame&) = delete;
+
+    // NULL: none.
+    static ConnectionPtr connectionInUse(const Session* session) {
+        for (const ScopedFrame* frame = sTop; frame != nullptr; frame = frame->mBelow) {
+            if (frame->mSession == session) return frame->mConnection;
+        }
+        return nullptr;
+    }
+
+  private:
+    static thread_local const ScopedFrame* sTop;
+
+    const Session* const mSession;
+    const ConnectionPtr& mConnection;
+    const ScopedFrame* const mBelow;
 };
 
-ConnectionPtr connectionInUse(const Session* session) {
-    for (auto it = frames().rbegin(); it != frames().rend(); ++it) {
-        if (it->session == session) return it->connection;
-    }
-    return nullptr;
-}
+thread_local const ScopedFrame* ScopedFrame::sTop = nullptr;
 
 }  // namespace
 
@@ -103,7 +106,7 @@ class Session::Loan {
     // limit: for each answer, 0 for none. Who waits for our answer there is not stopped, so then
     // there is none.
     Loan(Session* session, std::chrono::milliseconds limit, Patience* patience)
-        : mSession(session), mConnection(connectionInUse(session)) {
+        : mSession(session), mConnection(ScopedFrame::connectionInUse(session)) {
         if (mConnection != nullptr) return;
         mConnection = session->borrow(patience);
         mBorrowed = mConnection != nullptr;
@@ -409,7 +412,7 @@ status_t Session::callOneway(uint64_t target, uint32_t code, const Parcel& data)
     message.header.code = code;
     status_t status = encode(data, &message.objects);
     if (status != OK) return status;
-    message.data.append(data.bytes().data(), data.bytes().size());
+    message.data = data.bytes().copy();
     if (message.payloadSize() > kMaxOnewaySize) {
         ALOGE("A oneway call of %zu bytes is over the %zu that fit", message.payloadSize(),
               kMaxOnewaySize);
@@ -712,6 +715,7 @@ bool Session::onOneway(Message* message) {
     sp<IBinder> target = exported(message->header.target);
     // Taken apart now: a release behind it may be for what it refers to.
     auto data = std::make_shared<Parcel>();
+    message->data = message->data.copy();
     if (target == nullptr || !decode(message, data.get())) return false;
     Mutex::Autolock lock(mMutex);
     mOneways.push_back({std::move(target), std::move(data), code, room});

@@ -20,15 +20,6 @@ namespace {
 
 constexpr uint32_t kMagic = 0x314c4448;  // "HDL1"
 
-// What nearly every message fits in.
-constexpr size_t kUsualSize = 8 * 1024;
-
-// One per thread that ever receives: a message is taken out of it before the next one arrives.
-uint8_t* packetBuffer() {
-    thread_local std::unique_ptr<uint8_t[]> buffer(new uint8_t[kPacketSize]);
-    return buffer.get();
-}
-
 // Of the references that a header announces.
 uint64_t refsSize(const MessageHeader& header) {
     return uint64_t{header.objectCount} * sizeof(ObjectRef);
@@ -59,12 +50,16 @@ std::atomic<size_t> gCount{0};
 
 // As one packet.
 ssize_t sendPacket(int fd, iovec* parts, size_t count, int flags) {
-    msghdr packet = {};
-    packet.msg_iov = parts;
-    packet.msg_iovlen = count;
     ssize_t sent;
     do {
-        sent = sendmsg(fd, &packet, MSG_NOSIGNAL | flags);
+        if (count == 1) {
+            sent = ::send(fd, parts->iov_base, parts->iov_len, MSG_NOSIGNAL | flags);
+        } else {
+            msghdr packet = {};
+            packet.msg_iov = parts;
+            packet.msg_iovlen = count;
+            sent = sendmsg(fd, &packet, MSG_NOSIGNAL | flags);
+        }
     } while (sent < 0 && errno == EINTR);
     return sent;
 }
@@ -109,6 +104,14 @@ void Connection::limitSend(std::chrono::milliseconds limit) {
 
 bool Connection::send(const MessageHeader& header, const std::vector<ObjectRef>& objects,
                       const Bytes& data, const std::function<bool()>* goOn) {
+    if (objects.empty() && data.size() > 0 && sizeof(header) + data.size() <= kPacketSize) {
+        // As it lies there, in one piece.
+        static_assert(sizeof(header) <= Bytes::kHeadroom, "the header has room");
+        const Parts parts(header, objects, data);
+        iovec whole = {memcpy(data.front() - sizeof(header), &parts.header, sizeof(header)),
+                       sizeof(header) + data.size()};
+        return sendWhole(&whole, 1, goOn);
+    }
     Parts parts(header, objects, data);
     size_t next = 0;
     while (next < Parts::kCount) {
@@ -126,9 +129,14 @@ bool Connection::send(const MessageHeader& header, const std::vector<ObjectRef>&
             if (part.iov_len == 0) ++next;
         }
         // An empty packet would look like a hang-up.
-        while (count > 0 && sendPacket(mFd.get(), packet, count, 0) < 0) {
-            if (errno != EAGAIN || (goOn != nullptr && !(*goOn)())) return false;
-        }
+        if (count > 0 && !sendWhole(packet, count, goOn)) return false;
+    }
+    return true;
+}
+
+bool Connection::sendWhole(iovec* parts, size_t count, const std::function<bool()>* goOn) {
+    while (sendPacket(mFd.get(), parts, count, 0) < 0) {
+        if (errno != EAGAIN || (goOn != nullptr && !(*goOn)())) return false;
     }
     return true;
 }
@@ -151,24 +159,18 @@ Received Connection::receive(Message* message, Wait wait) {
     MessageHeader& header = message->header;
     Bytes& data = message->data;
     message->objects.clear();
-    data.truncate(0);
-    // Room is made for what has arrived, not for what the header says.
-    data.reserve(kUsualSize);
+    data.setSize(0);
     size_t missing = 0;
     for (bool first = true; first || missing > 0; first = false) {
-        if (!first) data.reserve(data.size() + std::min(missing, kPacketSize));
-        const size_t room = data.capacity() - data.size();
-        const size_t headerSize = first ? sizeof(header) : 0;
-        // What does not fit in its place is copied there.
-        iovec parts[] = {{&header, headerSize},
-                         {data.data() + data.size(), room},
-                         {packetBuffer(), kPacketSize}};
-        msghdr packet = {};
-        packet.msg_iov = parts;
-        packet.msg_iovlen = std::size(parts);
+        // Room is made for what can arrive at once, not for what the header says. The first packet
+        // starts in the headroom, so that its content comes to lie where it stays.
+        const size_t most = first ? kPacketSize : std::min(missing, kPacketSize);
+        data.reserve(data.size() + most);
+        uint8_t* place = data.data() + data.size() - (first ? sizeof(header) : 0);
         ssize_t got;
         do {
-            got = recvmsg(mFd.get(), &packet, wait == Wait::kNever ? MSG_DONTWAIT : 0);
+            got = recv(mFd.get(), place, most,
+                       MSG_TRUNC | (wait == Wait::kNever ? MSG_DONTWAIT : 0));
             // A reset is told once, before what can still be read.
         } while (got < 0 && (errno == EINTR || errno == ECONNRESET ||
                              (errno == EAGAIN && wait == Wait::kForever)));
@@ -180,6 +182,7 @@ Received Connection::receive(Message* message, Wait wait) {
         if (first) {
             if (size < sizeof(header)) return invalid("a message is shorter than its header");
             size -= sizeof(header);
+            memcpy(&header, place, sizeof(header));
             if (header.magic != kMagic) return invalid("a message does not start as one");
             const uint64_t whole = refsSize(header) + header.dataSize;
             if (whole > kMaxTransactionSize) {
@@ -188,20 +191,18 @@ Received Connection::receive(Message* message, Wait wait) {
             missing = static_cast<size_t>(whole);
         }
         if (size > missing) return invalid("a message is longer than it says");
-        if (!first && size == 0) return invalid("an empty packet inside a message");
         missing -= size;
         if (missing > 0 && wait == Wait::kNever) {
             return invalid("a message of several packets where one must do");
         }
-        data.extend(std::min(size, room));
-        if (size > room) data.append(packetBuffer(), size - room);
+        data.setSize(data.size() + size);
     }
     if (header.objectCount > 0) {
         const size_t size = static_cast<size_t>(refsSize(header));
         message->objects.resize(header.objectCount);
         memcpy(message->objects.data(), data.data(), size);
         memmove(data.data(), data.data() + size, data.size() - size);
-        data.truncate(data.size() - size);
+        data.setSize(data.size() - size);
     }
     return Received::kMessage;
 }

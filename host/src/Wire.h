@@ -8,6 +8,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 
 #include <chrono>
 #include <functional>
@@ -139,6 +140,7 @@ class Connection {
 
   private:
     enum class Wait { kNever, kLimited, kForever };
+    bool sendWhole(iovec* parts, size_t count, const std::function<bool()>* goOn);
     Received receive(Message* message, Wait wait);
     Received invalid(const char* why);
 

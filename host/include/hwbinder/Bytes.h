@@ -1,19 +1,21 @@
-// Bytes of a parcel or message: grows at its end, and leaves what is about to be overwritten as it
-// is. A thread keeps the room of the last one that went, for its next.
+// Bytes of a parcel or message: grows at its end, leaves what is about to be overwritten as it is,
+// and has room in front for a message's header. A thread keeps the room of the last ones that went,
+// for its next.
 #pragma once
 
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 
-#include <algorithm>
-#include <memory>
 #include <utility>
 
 namespace android { namespace hardware {
 
 class Bytes {
   public:
+    // In front of data(); keeps data() aligned for anything.
+    static constexpr size_t kHeadroom = 64;
+
     Bytes() = default;
     Bytes(Bytes&& other) noexcept { swap(other); }
     Bytes& operator=(Bytes&& other) noexcept {
@@ -21,59 +23,45 @@ class Bytes {
         return *this;
     }
     ~Bytes() {
-        if (mCapacity > 0 && mCapacity <= kMaxSpare && mCapacity > spare().capacity) {
-            spare() = {std::move(mRoom), mCapacity};
-        }
+        if (mRoom != nullptr) release(mRoom, mCapacity);
     }
 
-    uint8_t* data() { return mRoom.get(); }
-    const uint8_t* data() const { return mRoom.get(); }
+    // NULL when nothing was reserved.
+    uint8_t* data() { return mRoom; }
+    const uint8_t* data() const { return mRoom; }
     size_t size() const { return mSize; }
     size_t capacity() const { return mCapacity; }
+    // The headroom's end, data(); not part of the content.
+    uint8_t* front() const { return mRoom; }
 
-    // What is behind the old content has no value yet.
+    // What is behind the content has no value yet.
     void reserve(size_t capacity) {
-        if (capacity <= mCapacity) return;
-        Room room = std::move(spare());
-        spare() = {};
-        if (room.capacity < capacity) {
-            room.capacity = std::max({capacity, 2 * mCapacity, kLeast});
-            room.bytes.reset(new uint8_t[room.capacity]);
-        }
-        if (mSize > 0) memcpy(room.bytes.get(), mRoom.get(), mSize);
-        mRoom = std::move(room.bytes);
-        mCapacity = room.capacity;
+        if (capacity > mCapacity) grow(capacity);
     }
     // The first of `count` bytes more, which have no value yet.
     uint8_t* extend(size_t count) {
         reserve(mSize + count);
         mSize += count;
-        return mRoom.get() + mSize - count;
+        return mRoom + mSize - count;
     }
     void append(const void* bytes, size_t count) {
         if (count > 0) memcpy(extend(count), bytes, count);
     }
-    void truncate(size_t size) { mSize = size; }
+    // size: at most the capacity.
+    void setSize(size_t size) { mSize = size; }
+    // With no more room than its content needs: for what is kept.
+    Bytes copy() const;
 
   private:
-    struct Room {
-        std::unique_ptr<uint8_t[]> bytes;
-        size_t capacity = 0;
-    };
-    static constexpr size_t kLeast = 256;
-    static constexpr size_t kMaxSpare = 64 * 1024;
-
-    static Room& spare() {
-        thread_local Room room;
-        return room;
-    }
+    void grow(size_t capacity);
+    static void release(uint8_t* room, size_t capacity);
     void swap(Bytes& other) {
         std::swap(mRoom, other.mRoom);
         std::swap(mSize, other.mSize);
         std::swap(mCapacity, other.mCapacity);
     }
 
-    std::unique_ptr<uint8_t[]> mRoom;
+    uint8_t* mRoom = nullptr;  // behind the headroom
     size_t mSize = 0;
     size_t mCapacity = 0;
 };
