@@ -15,14 +15,14 @@ std::atomic<uint64_t> gRests{0};
 }  // namespace
 
 void ServedConnection::rest() {
-    mRestingSince = ++gRests;
-    mState = kResting;
+    mRestingSince.store(gRests.fetch_add(1, std::memory_order_relaxed), std::memory_order_relaxed);
+    mState.store(kResting, std::memory_order_release);
 }
 
 bool ServedConnection::wake() {
     State resting = kResting;
     if (!mState.compare_exchange_strong(resting, kInCall)) return false;
-    mRestingSince = UINT64_MAX;
+    mRestingSince.store(UINT64_MAX, std::memory_order_relaxed);
     return true;
 }
 
