@@ -20,7 +20,7 @@ struct Pair {
 };
 
 void exchange(int fd, const void* data, size_t size, void* answer, size_t answerSize) {
-    check(send(fd, data, size, 0) == ssize_t(size), "send");
+    check(send(fd, data, size, MSG_NOSIGNAL) == ssize_t(size), "send");
     check(recv(fd, answer, answerSize, 0) == ssize_t(answerSize), "recv");
 }
 
@@ -52,7 +52,7 @@ void raw(int count) {
             ssize_t size;
             while ((size = recv(pair.fds[1], buffer, sizeof(buffer), 0)) > 0) {
                 consume(reinterpret_cast<const Record*>(buffer), size / sizeof(Record));
-                check(send(pair.fds[1], "", 1, 0) == 1, "send");
+                check(send(pair.fds[1], "", 1, MSG_NOSIGNAL) == 1, "send");
             }
             _exit(EXIT_SUCCESS);
         }
@@ -97,7 +97,7 @@ void ping() {
     const pid_t pid = Clients::fork(pair.fds[1]);
     if (pid == 0) {
         while (recv(pair.fds[1], message, sizeof(message), 0) > 0) {
-            check(send(pair.fds[1], answer, sizeof(answer), 0) > 0, "send");
+            check(send(pair.fds[1], answer, sizeof(answer), MSG_NOSIGNAL) > 0, "send");
         }
         _exit(EXIT_SUCCESS);
     }

@@ -145,6 +145,21 @@ def times(figures):
     return lines
 
 
+def times_by_size(groups, sizes):
+    """The same of deliveries, a column for each number of clients."""
+    columns = [groups[f"deliveries {size}"] for size in sizes]
+    lines = [("microseconds per client", *(f"N = {size:,}" for size in sizes))]
+    for way in columns[0]:
+        cells = [""] * len(sizes)
+        for at, column in enumerate(columns):
+            if way in column:
+                one = column[way]
+                p99 = f", p99 {one['p99']:.1f}" if one["samples"] >= 100 else ""
+                cells[at] = f"{one['median']:.2f} ({one['low']:.2f} to {one['high']:.2f}{p99})"
+        lines.append((way, *cells))
+    return lines
+
+
 def plain(lines):
     widths = [max(len(cell) for cell in column) for column in zip(*lines)]
     return "\n".join("  ".join(cell.ljust(width) for cell, width in zip(line, widths)).rstrip()
@@ -250,17 +265,18 @@ def record(result, rows):
     """Writes the page's figures, the chart and the budget from a whole run."""
     machine = result["machine"]
     kind = "virtual machine" if machine["virtual"] else "machine"
-    figures = {f"{name}, N = {group.split()[1]}" if group.startswith("deliveries ") else name:
-               summary for group, together in result["times"].items()
-               for name, summary in together.items()}
+    others = {name: summary for group, figures in result["times"].items()
+              if not group.startswith("deliveries ") for name, summary in figures.items()}
     text = "\n\n".join([
         f"A {kind} with {machine['processors']} {result['architecture']} processors, Linux "
         f"{machine['kernel']}, {result['compiler']}, {result['libc']}.",
-        markdown(table(rows)), "### Times", markdown(times(figures)),
+        markdown(table(rows)),
+        "### Times", "Medians, the lowest and the highest median of a round, and 99th percentiles.",
+        markdown(times_by_size(result["times"], (1, 10, 100, 1000))), markdown(times(others)),
         "### Instructions", markdown(growth(result["instructions"]))])
     page = PAGE.read_text()
-    page, places = re.subn(r"(<!-- figures -->\n).*(\n<!-- end of figures -->)",
-                           lambda place: f"{place[1]}\n{text}\n{place[2]}", page, flags=re.S)
+    page, places = re.subn(r"(<!-- figures -->\n).*(<!-- end of figures -->)",
+                           lambda place: f"{place[1]}\n{text}\n\n{place[2]}", page, flags=re.S)
     if places != 1:
         raise ValueError(f"{PAGE} has no place for figures")
     PAGE.write_text(page)

@@ -11,9 +11,8 @@
 
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 
-#include <memory>
+#include <utility>
 #include <vector>
 
 #include <hardware/hardware.h>
