@@ -14,6 +14,10 @@ std::atomic<uint64_t> gRests{0};
 
 }  // namespace
 
+ServedConnection::ServedConnection(ConnectionPtr connection) : mConnection(std::move(connection)) {
+    rest();
+}
+
 void ServedConnection::rest() {
     mRestingSince.store(gRests.fetch_add(1, std::memory_order_relaxed), std::memory_order_relaxed);
     mState.store(kResting, std::memory_order_release);
@@ -44,6 +48,7 @@ bool CallServers::start() {
 
 void CallServers::serve(const std::shared_ptr<Session>& session, const ConnectionPtr& connection) {
     const Waiting waiting = {session, connection, Clock::now()};
+    Node::self().retrySoon();
     if (startThread("hidl-pool", [this, waiting] { run(waiting, false); })) return;
     {
         Mutex::Autolock lock(mMutex);
@@ -52,7 +57,6 @@ void CallServers::serve(const std::shared_ptr<Session>& session, const Connectio
         mCame.notify_one();
     }
     makeRoom();
-    Node::self().retrySoon();
 }
 
 void CallServers::run(Waiting first, bool stays) {
@@ -62,7 +66,6 @@ void CallServers::run(Waiting first, bool stays) {
         std::list<ServedConnection*>::iterator place;
         {
             Mutex::Autolock lock(mMutex);
-            served.rest();
             place = mServed.insert(mServed.end(), &served);
         }
         now.session->serveCalls(&served);
@@ -84,17 +87,23 @@ CallServers::Waiting CallServers::next(bool stays) {
     return waiting;
 }
 
-bool CallServers::refuseLate() {
+bool CallServers::sweep() {
     std::deque<Waiting> late;
     const auto limit = Clock::now() - kPeerLimit;
     Mutex::Autolock lock(mMutex);
+    for (ServedConnection* served : mServed) {
+        if (served->restingSince() < mLastSweep && served->letGo()) {
+            served->connection()->stopReceiving();
+        }
+    }
+    mLastSweep = gRests;
     while (!mLine.empty() && mLine.front().since <= limit) {
         mLine.front().connection->retire(true, WOULD_BLOCK);
         late.push_back(std::move(mLine.front()));
         mLine.pop_front();
     }
     mLineLength = mLine.size();
-    return !mLine.empty();
+    return !mLine.empty() || !mServed.empty();
 }
 
 void CallServers::makeRoom() {

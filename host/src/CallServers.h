@@ -21,14 +21,11 @@ namespace android { namespace hardware { namespace host {
 
 class Session;
 
-// How long a thread waits for the next call on its connection.
-constexpr std::chrono::milliseconds kLinger{1000};
-
 // A connection that is served. Its thread is in a call, or waits for the next one: then, and only
 // then, the connection may be taken from it.
 class ServedConnection {
   public:
-    explicit ServedConnection(ConnectionPtr connection) : mConnection(std::move(connection)) {}
+    explicit ServedConnection(ConnectionPtr connection);
 
     const ConnectionPtr& connection() const { return mConnection; }
 
@@ -68,8 +65,9 @@ class CallServers {
     // free in a moment. Nothing happens when all are in calls.
     void makeRoom() EXCLUDES(mMutex);
 
-    // Refuses what has waited in line for too long. False when nothing waits any more.
-    bool refuseLate() EXCLUDES(mMutex);
+    // To be called once a second while it says so: lets go of connections that have waited for a
+    // call since it was called last, and refuses what has been in line for too long.
+    bool sweep() EXCLUDES(mMutex);
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -90,6 +88,7 @@ class CallServers {
     std::condition_variable_any mCame;
     bool mStarted GUARDED_BY(mMutex) = false;
     std::list<ServedConnection*> mServed GUARDED_BY(mMutex);
+    uint64_t mLastSweep GUARDED_BY(mMutex) = 0;  // as ServedConnection::restingSince()
     std::deque<Waiting> mLine GUARDED_BY(mMutex);
     std::atomic<size_t> mLineLength{0};
 };

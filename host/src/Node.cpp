@@ -186,7 +186,7 @@ void Node::retry() {
     if (read(mTimer.get(), &count, sizeof(count)) < 0) return;
     mRetrying = false;
     keepRegistered();
-    if (CallServers::self().refuseLate()) retrySoon();
+    if (CallServers::self().sweep()) retrySoon();
     for (const SessionPtr& session : sessions()) session->offerServing();
 }
 

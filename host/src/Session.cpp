@@ -290,7 +290,6 @@ void Session::serveOffered() {
 }
 
 bool Session::acceptServing(const ConnectionPtr& connection, size_t limit) {
-    connection->limitReceive(kLinger);
     connection->limitSend(kPeerLimit);
     if (!remember(connection, limit)) return false;
     CallServers::self().serve(shared_from_this(), connection);
@@ -301,13 +300,13 @@ void Session::serveCalls(ServedConnection* served) {
     const ConnectionPtr& connection = served->connection();
     Message message;
     for (bool first = true; first || !CallServers::self().isShort(); first = false) {
-        const Received received = connection->receiveInTime(&message);
+        const Received received = connection->receive(&message);
         if (received == Received::kMessage && served->wake()) {
             if (serveMessage(connection, &message) != OK) return connection->shutdown();
             served->rest();
             continue;
         }
-        // Idle for long enough, or let go: who calls now makes another connection.
+        // Ended, or let go: who calls now makes another connection.
         served->letGo();
         return connection->retire(received == Received::kMessage, WOULD_BLOCK);
     }

@@ -10,7 +10,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <iterator>
+#include <new>
 
 #include <log/log.h>
 
@@ -25,6 +25,12 @@ uint64_t refsSize(const MessageHeader& header) {
     return uint64_t{header.objectCount} * sizeof(ObjectRef);
 }
 
+void fillIn(MessageHeader* header, size_t objectCount, size_t dataSize) {
+    header->magic = kMagic;
+    header->objectCount = static_cast<uint32_t>(objectCount);
+    header->dataSize = static_cast<uint32_t>(dataSize);
+}
+
 // A message as it lies on the wire: header, references, data.
 struct Parts {
     Parts(const MessageHeader& start, const std::vector<ObjectRef>& objects, const Bytes& data)
@@ -32,9 +38,7 @@ struct Parts {
           iov{{&header, sizeof(header)},
               {const_cast<ObjectRef*>(objects.data()), objects.size() * sizeof(ObjectRef)},
               {const_cast<uint8_t*>(data.data()), data.size()}} {
-        header.magic = kMagic;
-        header.objectCount = static_cast<uint32_t>(objects.size());
-        header.dataSize = static_cast<uint32_t>(data.size());
+        fillIn(&header, objects.size(), data.size());
     }
     Parts(const Parts&) = delete;
     Parts& operator=(const Parts&) = delete;
@@ -107,9 +111,8 @@ bool Connection::send(const MessageHeader& header, const std::vector<ObjectRef>&
     if (objects.empty() && data.size() > 0 && sizeof(header) + data.size() <= kPacketSize) {
         // As it lies there, in one piece.
         static_assert(sizeof(header) <= Bytes::kHeadroom, "the header has room");
-        const Parts parts(header, objects, data);
-        iovec whole = {memcpy(data.front() - sizeof(header), &parts.header, sizeof(header)),
-                       sizeof(header) + data.size()};
+        iovec whole = {data.front() - sizeof(header), sizeof(header) + data.size()};
+        fillIn(new (whole.iov_base) MessageHeader(header), 0, data.size());
         return sendWhole(&whole, 1, goOn);
     }
     Parts parts(header, objects, data);
