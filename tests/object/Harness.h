@@ -50,7 +50,7 @@ struct ActivityInterfaceTestPeer {
     static auto& clientsV1_0() NO_THREAD_SAFETY_ANALYSIS { return I::mClientVectorV1_0; }
     static auto& requests() NO_THREAD_SAFETY_ANALYSIS { return I::mEventData; }
     static auto& barriers() NO_THREAD_SAFETY_ANALYSIS { return I::firstReport; }
-    static auto& lastEvents() NO_THREAD_SAFETY_ANALYSIS { return I::mLastActivityEvent; }
+    static auto& lastEvents() NO_THREAD_SAFETY_ANALYSIS { return I::mLastActivityEvent.mRecords; }
     static auto& reported() NO_THREAD_SAFETY_ANALYSIS { return I::packageNames; }
     static auto& natives(I& on) NO_THREAD_SAFETY_ANALYSIS { return on.mEnableToNativeData; }
     static auto& listMutex() { return I::mListMutex; }

@@ -62,11 +62,19 @@ using Env1 = Linked<EnvClient1>;
 template <typename C>
 using Pool = std::map<uint64_t, sp<C>>;  // by address, so that a seed means the same in every run
 
-template <typename Key>
-std::vector<ar_model::Entry> Entries(const ::android::KeyedVector<sp<Key>, unsigned long>& table) {
+template <typename C>
+std::vector<ar_model::Entry> Entries(const ClientTable<C>& table) {
     std::vector<ar_model::Entry> entries;
     for (size_t i = 0; i < table.size(); ++i) {
         entries.push_back({uint64_t(table.keyAt(i).get()), table.valueAt(i)});
+    }
+    return entries;
+}
+template <typename R>
+std::vector<ar_model::Entry> Entries(const std::set<std::pair<unsigned long, sp<R>>>& table) {
+    std::vector<ar_model::Entry> entries;
+    for (const auto& [pid, recipient] : table) {
+        ar_model::Side::enter(entries, {uint64_t(recipient.get()), pid});
     }
     return entries;
 }

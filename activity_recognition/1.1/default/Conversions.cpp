@@ -12,14 +12,6 @@ namespace {
 
 }  // namespace
 
-ActivityEvent RecordConversions::convertAEToAEV1_0(const activity_event& event) {
-    return MakeEventV1_0(event.event_type, event.activity, event.timestamp);
-}
-
-ActivityEventV1_1 RecordConversions::convertAEToAEV1_1(const activity_event& event) {
-    return MakeEventV1_1(event.event_type, event.activity, event.timestamp, event.extra);
-}
-
 ActivityEventExtend RecordConversions::convertACEToAEEV1_0(const ar_context_event& event) {
     ActivityEventExtend record;
     memset(static_cast<void*>(&record), 0, offsetof(ActivityEventExtend, name));

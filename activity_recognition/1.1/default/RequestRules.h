@@ -5,6 +5,8 @@
 #include <stdint.h>
 
 #include "Conversions.h"
+#include "EnableRequestTable.h"
+#include "LastEventTable.h"
 #include "RequestTables.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {

@@ -1,0 +1,108 @@
+// A batch of plain events between routing and report: which event goes to which processes, and each
+// process's share as client records.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "Conversions.h"
+#include "LastEventTable.h"
+
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
+
+// Every process that ever had a routed event, in order of appearance. Never pruned.
+class ReportList {
+  public:
+    size_t size() const { return mPids.size(); }
+    bool empty() const { return mPids.empty(); }
+    uint64_t operator[](size_t position) const { return mPids[position]; }
+    std::vector<uint64_t>::const_iterator begin() const { return mPids.begin(); }
+    std::vector<uint64_t>::const_iterator end() const { return mPids.end(); }
+
+    // The process's position, which is the last one if it is new.
+    uint32_t add(uint64_t pid) {
+        const auto added = mPositions.emplace(pid, static_cast<uint32_t>(mPids.size()));
+        if (added.second) mPids.push_back(pid);
+        return added.first->second;
+    }
+    void clear() {
+        mPids.clear();
+        mPositions.clear();
+    }
+
+  private:
+    std::vector<uint64_t> mPids;
+    std::unordered_map<uint64_t, uint32_t, KeyHash> mPositions;
+};
+
+// Whom the events of a pair go to, as walking its requests has found it. Holds as long as the
+// pair's requests stand; a batch keeps those that it began with. Belongs to delivery: used under
+// its lock only.
+struct DeliveryPlan {
+    std::vector<uint32_t> processes;  // positions in the report list, ascending, one a request
+    LastEventTable::Notes notes;
+
+    uint64_t batch = 0;  // the last batch with an event of this plan,
+    uint32_t run = 0;    // and which of its plans this is
+};
+
+// Processes whose requests are of the same pairs share one list. Everything is kept for the next
+// batch, so that a batch allocates only where it exceeds those before it; what one of many
+// different lists needed goes again. Not copied; locks nothing.
+class RoutedBatch {
+  public:
+    // One process's share in each version's form, in the order of the events.
+    struct Lists {
+        std::vector<ActivityEventV1_1> eventsV1_1;
+        std::vector<ActivityEvent> eventsV1_0;
+    };
+
+    // An event that goes to the processes of the plan. The native record is read until clear().
+    void add(const activity_event& event, const std::shared_ptr<DeliveryPlan>& plan);
+
+    // Groups what was added by process. Answers the positions of the processes that have a share
+    // or, with everybody, all of the report list; ascending. all: how many the report list has.
+    const std::vector<uint32_t>& group(size_t all, bool everybody);
+    bool hasShare(uint32_t position) const { return mShareOf[position] != kNothing; }
+    // Holds until it is asked for another position. Version 1.0 lists are made with everybody only.
+    const Lists& listsOf(uint32_t position);
+
+    void clear();
+
+  private:
+    // What a process gets: the events of a run on top of what another share has.
+    struct Share {
+        uint32_t under;
+        uint32_t run;
+        uint32_t users;
+        uint32_t grownFor;  // the run on top of which this one stands in grown
+        uint32_t grown;
+        uint32_t list;  // 0: none yet
+    };
+    struct Routed {
+        const activity_event* event;
+        uint32_t run;
+    };
+    enum : uint32_t { kNothing = 0 };  // the share of who gets nothing
+
+    void fill(const Share& share, Lists* lists);
+
+    std::vector<Routed> mEvents;
+    std::vector<std::shared_ptr<DeliveryPlan>> mRuns;  // the plans in order of appearance
+    std::vector<uint32_t> mLengths;                    // events of each run
+    std::vector<Share> mShares;
+    std::vector<uint32_t> mShareOf;  // by position; all kNothing between batches
+    std::vector<uint32_t> mPositions;
+    std::vector<uint32_t> mCopies;  // by run: how often the share has it; all 0 between fills
+    std::vector<Lists> mLists;      // the first is that of shares which one process has
+    uint32_t mUsedLists = 1;
+    uint64_t mNumber = 1;
+    bool mEverybody = false;
+};
+
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
