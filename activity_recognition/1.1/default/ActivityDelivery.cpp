@@ -54,14 +54,26 @@ void ActivityInterface::PackageNamePush(const activity_event* events, int32_t co
         if (event.event_type == 0) continue;
         // Taken per record, not per batch: clients' enables and disables get in between.
         Mutex::Autolock lock(eventMutex);
-        EnableRequestTable::Pair* const pair = mEventData.find(event.activity, event.event_type);
-        if (pair == nullptr || event.timestamp < KnownLastTime(ClientKey(pid), *pair)) continue;
+        Route& route = sRoutes.at(event.activity, event.event_type);
+        const uint64_t changes =
+                mEventData.changes() + firstReport.changes();  // neither ever falls
+        if (!route.holds(event.activity, event.event_type, ClientKey(pid), changes)) {
+            route = FindRoute({event.activity, event.event_type}, ClientKey(pid), changes);
+        }
+        EnableRequestTable::Pair* const pair = route.pair;
+        if (pair == nullptr || event.timestamp < route.barrier) continue;
         // An event for the same requests as one before repeats what walking them did.
         if (pair->plan == nullptr || !mLastActivityEvent.noteAgain(pair->plan->notes)) {
             WalkRequests(*pair, event, pid);
         }
         batch.add(event, pair->plan);
     }
+    mLastActivityEvent.settle();
+}
+
+Route ActivityInterface::FindRoute(const PairKey& key, uint64_t pid, uint64_t changes) {
+    return {key.first, key.second,           pid,
+            changes,   mEventData.find(key), GetLastTime(pid, key.first, key.second)};
 }
 
 void ActivityInterface::WalkRequests(EnableRequestTable::Pair& pair, const activity_event& event,
@@ -95,14 +107,6 @@ void ActivityInterface::OneDataPush(int32_t activity, const activity_event& even
 int64_t ActivityInterface::GetLastTime(uint64_t pid, uint32_t activity, uint32_t event) {
     const FirstReport* const barrier = firstReport.first({pid, {activity, event}});
     return barrier == nullptr ? 0 : barrier->timestamp;
-}
-
-int64_t ActivityInterface::KnownLastTime(uint64_t pid, EnableRequestTable::Pair& pair) {
-    auto& known = pair.barrier;
-    if (known.pid != pid || known.changes != firstReport.changes()) {
-        known = {pid, firstReport.changes(), GetLastTime(pid, pair.key.first, pair.key.second)};
-    }
-    return known.timestamp;
 }
 
 bool ActivityInterface::CheckRepeatedEvent(uint64_t pid, uint32_t activity, uint32_t event,

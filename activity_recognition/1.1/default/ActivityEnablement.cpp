@@ -144,6 +144,7 @@ Return<int32_t> ActivityInterface::disableActivityEvent(uint32_t activity, uint3
         Mutex::Autolock lock(eventMutex);
         if (!mEventData.erase(pid, activity, event)) return kFailure;
         RemoveFirst(pid, activity, event);
+        mLastActivityEvent.announceErase(activity);
     }
     RemoveLastActivityEvent(pid, activity, event, mLastActivityEvent);
     return DisableOtherActivityEvent(activity, event) == 0 ? kSuccess : kFailure;

@@ -40,6 +40,7 @@ ClientTable<V1_0::IActivityChangedCallback> ActivityInterface::mClientVectorV1_0
 LastEventTable ActivityInterface::mLastActivityEvent;
 EnableRequestTable ActivityInterface::mEventData;
 FirstReportTable ActivityInterface::firstReport;
+RouteMemory ActivityInterface::sRoutes;
 ReportList ActivityInterface::packageNames;
 RoutedBatch ActivityInterface::sBatch;
 bool ActivityInterface::sInterfaceExists = false;

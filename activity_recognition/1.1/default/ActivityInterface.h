@@ -103,6 +103,9 @@ class ActivityInterface : public V1_1::IActivityInterface,
     // Routes plain events to the requests they match. pid: the delivering thread's caller.
     static void PackageNamePush(const activity_event* events, int32_t count, int32_t pid,
                                 RoutedBatch& batch) REQUIRES(mListMutex) EXCLUDES(eventMutex);
+    // What the pair's events meet. Not inlined, as few events need it.
+    static Route FindRoute(const PairKey& key, uint64_t pid, uint64_t changes)
+            __attribute__((noinline)) REQUIRES(eventMutex);
     // Walks the pair's requests with an event that no barrier holds back, and plans the events that
     // follow while the requests stand.
     static void WalkRequests(EnableRequestTable::Pair& pair, const activity_event& event,
@@ -114,9 +117,6 @@ class ActivityInterface : public V1_1::IActivityInterface,
     // The barrier, or 0.
     static int64_t GetLastTime(uint64_t pid, uint32_t activity, uint32_t event)
             REQUIRES(eventMutex);
-    // The same, looked up again only when a barrier has changed.
-    static int64_t KnownLastTime(uint64_t pid, EnableRequestTable::Pair& pair) REQUIRES(eventMutex);
-
     // Records event as the type routed last to the client for the activity; a record that stands
     // keeps its timestamp. Always true: repeats are not held back.
     static bool CheckRepeatedEvent(uint64_t pid, uint32_t activity, uint32_t event,
@@ -148,6 +148,7 @@ class ActivityInterface : public V1_1::IActivityInterface,
     static LastEventTable mLastActivityEvent;
     static EnableRequestTable mEventData GUARDED_BY(eventMutex);
     static FirstReportTable firstReport GUARDED_BY(eventMutex);
+    static RouteMemory sRoutes GUARDED_BY(eventMutex);
     // Every process that ever had a routed event: version 1.0 clients get a list for each, also the
     // dead ones.
     static ReportList packageNames GUARDED_BY(mListMutex);

@@ -12,6 +12,18 @@ namespace {
 
 }  // namespace
 
+ActivityEvent RecordConversions::convertAEToAEV1_0(const activity_event& event) {
+    ActivityEvent record;
+    ConvertWhole(event, &record);
+    return record;
+}
+
+ActivityEventV1_1 RecordConversions::convertAEToAEV1_1(const activity_event& event) {
+    ActivityEventV1_1 record;
+    ConvertWhole(event, &record);
+    return record;
+}
+
 ActivityEventExtend RecordConversions::convertACEToAEEV1_0(const ar_context_event& event) {
     ActivityEventExtend record;
     memset(static_cast<void*>(&record), 0, offsetof(ActivityEventExtend, name));

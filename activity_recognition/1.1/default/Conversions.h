@@ -63,37 +63,27 @@ AR_RECORD_AT(ActivityEventExtendV1_1, name, 56);
 #undef AR_RECORD_AT
 #undef AR_RECORD_SIZE
 
-// Plain client records, padding zero.
-inline ActivityEvent MakeEventV1_0(uint32_t eventType, uint32_t activity, int64_t timestamp) {
-    ActivityEvent record;
-    memset(&record, 0, sizeof(record));
-    record.eventType = eventType;
-    record.activity = activity;
-    record.timestamp = timestamp;
-    return record;
+// Plain records from the module, padding zero.
+inline void ConvertWhole(const activity_event& event, ActivityEvent* record) {
+    memset(record, 0, sizeof(*record));
+    record->eventType = event.event_type;
+    record->activity = event.activity;
+    record->timestamp = event.timestamp;
 }
-
-inline ActivityEventV1_1 MakeEventV1_1(uint32_t eventType, uint32_t activity, int64_t timestamp,
-                                       uint32_t extra) {
-    ActivityEventV1_1 record;
-    memset(&record, 0, sizeof(record));
-    record.eventType = eventType;
-    record.activity = activity;
-    record.timestamp = timestamp;
-    record.extra = extra;
-    return record;
+inline void ConvertWhole(const activity_event& event, ActivityEventV1_1* record) {
+    memset(record, 0, sizeof(*record));
+    record->eventType = event.event_type;
+    record->activity = event.activity;
+    record->timestamp = event.timestamp;
+    record->extra = event.extra;
 }
 
 // From the module to clients. The base of ActivityInterface, which has them as members; nobody
 // makes one. Each starts from a zero-filled record. The version 1.0 form of an extended record has
 // no extra, and value in its place: clients of that version are built on this layout.
 struct RecordConversions {
-    static ActivityEvent convertAEToAEV1_0(const activity_event& event) {
-        return MakeEventV1_0(event.event_type, event.activity, event.timestamp);
-    }
-    static ActivityEventV1_1 convertAEToAEV1_1(const activity_event& event) {
-        return MakeEventV1_1(event.event_type, event.activity, event.timestamp, event.extra);
-    }
+    static ActivityEvent convertAEToAEV1_0(const activity_event& event);
+    static ActivityEventV1_1 convertAEToAEV1_1(const activity_event& event);
     static ActivityEventExtend convertACEToAEEV1_0(const ar_context_event& event);
     static ActivityEventExtendV1_1 convertACEToAEEV1_1(const ar_context_event& event);
 };

@@ -46,10 +46,7 @@ void EnableRequestTable::erase(Standing* standing) {
     if (--latency->second == 0) pair.latencies.erase(latency);
     if (IsPlain(*standing)) --pair.plain;
     if (RequestRules::IsRequestWake(*standing)) pair.noWakes.erase(standing->inNoWakes);
-    if (pair.requests.empty()) {
-        if (recentOf(key) == &pair) recentOf(key) = nullptr;
-        mPairs.erase(key);
-    }
+    if (pair.requests.empty()) mPairs.erase(key);
     mRecords.erase(ClientPairOf()(*standing),
                    [standing](const Standing& other) { return &other == standing; });
 }
@@ -68,6 +65,11 @@ void EnableRequestTable::eraseClient(uint64_t pid) {
 
 void EnableRequestTable::clear() {
     while (!mClients.empty()) eraseClient(mClients.begin()->first);
+}
+
+EnableRequestTable::Pair* EnableRequestTable::find(const PairKey& key) {
+    const auto found = mPairs.find(key);
+    return found == mPairs.end() ? nullptr : &found->second;
 }
 
 EnableRequestTable::Merge EnableRequestTable::merge(uint32_t activity, uint32_t event) const {

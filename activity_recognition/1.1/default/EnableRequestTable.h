@@ -33,13 +33,7 @@ class EnableRequestTable {
         size_t plain = 0;                     // requests whose first parameter is 0.0
         Requests noWakes;                     // those of the no-wake pattern, in the table's order
 
-        // Delivery's own, see there. Any change of the pair's requests drops the plan.
-        std::shared_ptr<DeliveryPlan> plan;
-        struct {
-            uint64_t pid = 0;
-            uint64_t changes = ~0ull;  // of the barriers, when it was looked up
-            int64_t timestamp = 0;
-        } barrier;
+        std::shared_ptr<DeliveryPlan> plan;  // delivery's own; any change of requests drops it
     };
 
     // What a re-enable of the pair needs.
@@ -71,12 +65,9 @@ class EnableRequestTable {
     }
     Merge merge(uint32_t activity, uint32_t event) const;
     // NULL when nobody wants the pair.
-    Pair* find(uint32_t activity, uint32_t event) {
-        Pair*& recent = recentOf({activity, event});
-        if (recent != nullptr && recent->key == PairKey{activity, event}) return recent;
-        const auto found = mPairs.find({activity, event});
-        return found == mPairs.end() ? nullptr : recent = &found->second;
-    }
+    Pair* find(const PairKey& key);
+    // Grows with every change: what was found holds as long as this stands.
+    uint64_t changes() const { return mRecords.changes(); }
 
   private:
     struct Standing;
@@ -88,14 +79,9 @@ class EnableRequestTable {
     };
 
     void erase(Standing* standing);
-    // Where a pair is looked for first, as long as it stands: a batch asks for few.
-    Pair*& recentOf(const PairKey& key) { return mRecent[(key.first * 2 + key.second) % kRecent]; }
-
-    static constexpr size_t kRecent = 64;
     IndexedTable<Standing, ClientPairOf> mRecords;
     std::unordered_map<PairKey, Pair, KeyHash> mPairs;
     std::unordered_map<uint64_t, Standings, KeyHash> mClients;
-    Pair* mRecent[kRecent] = {};
 };
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -12,15 +12,11 @@ constexpr size_t kKeptLists = 16;
 
 }  // namespace
 
-void RoutedBatch::add(const activity_event& event, const std::shared_ptr<DeliveryPlan>& plan) {
-    if (plan->batch != mNumber) {
-        plan->batch = mNumber;
-        plan->run = static_cast<uint32_t>(mRuns.size());
-        mRuns.push_back(plan);
-        mLengths.push_back(0);
-    }
-    mEvents.push_back({&event, plan->run});
-    ++mLengths[plan->run];
+void RoutedBatch::startRun(const std::shared_ptr<DeliveryPlan>& plan) {
+    plan->batch = mNumber;
+    plan->run = static_cast<uint32_t>(mRuns.size());
+    mRuns.push_back(plan);
+    mLengths.push_back(0);
 }
 
 const std::vector<uint32_t>& RoutedBatch::group(size_t all, bool everybody) {
@@ -67,19 +63,21 @@ void RoutedBatch::fill(const Share& share, Lists* lists) {
         ++mCopies[part->run];
         length += mLengths[part->run];
     }
-    lists->eventsV1_1.resize(length);
-    lists->eventsV1_0.resize(mEverybody ? length : 0);
-    size_t at = 0;
+    fill(length, &lists->eventsV1_1);
+    if (mEverybody) fill(length, &lists->eventsV1_0);
+    std::fill(mCopies.begin(), mCopies.end(), 0);
+}
+
+template <typename Record>
+void RoutedBatch::fill(size_t length, std::vector<Record>* list) const {
+    list->resize(length);
+    Record* to = list->data();
     for (const Routed& routed : mEvents) {
         // Two requests of a process for the pair bring it the event twice.
-        for (uint32_t copies = mCopies[routed.run]; copies > 0; --copies, ++at) {
-            const auto& event = *routed.event;
-            AssignWhole(RecordConversions::convertAEToAEV1_1(event), &lists->eventsV1_1[at]);
-            if (!mEverybody) continue;
-            AssignWhole(RecordConversions::convertAEToAEV1_0(event), &lists->eventsV1_0[at]);
+        for (uint32_t copies = mCopies[routed.run]; copies > 0; --copies) {
+            ConvertWhole(*routed.event, to++);
         }
     }
-    std::fill(mCopies.begin(), mCopies.end(), 0);
 }
 
 void RoutedBatch::clear() {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Conversions.h"
+#include "EnableRequestTable.h"
 #include "LastEventTable.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
@@ -51,6 +52,33 @@ struct DeliveryPlan {
     uint32_t run = 0;    // and which of its plans this is
 };
 
+// Where a pair's events go as long as no request and no barrier changes.
+struct Route {
+    uint32_t activity = 0;
+    uint32_t event = 0;
+    uint64_t pid = 0;                          // whose barrier it is
+    uint64_t changes = ~0ull;                  // of requests and barriers, when they were looked up
+    EnableRequestTable::Pair* pair = nullptr;  // NULL when nobody wants it
+    int64_t barrier = 0;
+
+    bool holds(uint32_t ofActivity, uint32_t ofEvent, uint64_t ofPid, uint64_t now) const {
+        return changes == now && activity == ofActivity && event == ofEvent && pid == ofPid;
+    }
+};
+
+// The routes that were looked up last.
+class RouteMemory {
+  public:
+    // Of this pair, if it is remembered.
+    Route& at(uint32_t activity, uint32_t event) {
+        return mRoutes[(activity * 2 + event) % kRoutes];
+    }
+
+  private:
+    static constexpr size_t kRoutes = 64;
+    Route mRoutes[kRoutes];
+};
+
 // Processes whose requests are of the same pairs share one list. Everything is kept for the next
 // batch, so that a batch allocates only where it exceeds those before it; what one of many
 // different lists needed goes again. Not copied; locks nothing.
@@ -63,7 +91,11 @@ class RoutedBatch {
     };
 
     // An event that goes to the processes of the plan. The native record is read until clear().
-    void add(const activity_event& event, const std::shared_ptr<DeliveryPlan>& plan);
+    void add(const activity_event& event, const std::shared_ptr<DeliveryPlan>& plan) {
+        if (plan->batch != mNumber) startRun(plan);
+        mEvents.emplace_back(&event, plan->run);
+        ++mLengths[plan->run];
+    }
 
     // Groups what was added by process. Answers the positions of the processes that have a share
     // or, with everybody, all of the report list; ascending. all: how many the report list has.
@@ -85,12 +117,16 @@ class RoutedBatch {
         uint32_t list;  // 0: none yet
     };
     struct Routed {
+        Routed(const activity_event* event, uint32_t run) : event(event), run(run) {}
         const activity_event* event;
         uint32_t run;
     };
     enum : uint32_t { kNothing = 0 };  // the share of who gets nothing
 
+    void startRun(const std::shared_ptr<DeliveryPlan>& plan);
     void fill(const Share& share, Lists* lists);
+    template <typename Record>
+    void fill(size_t length, std::vector<Record>* list) const;
 
     std::vector<Routed> mEvents;
     std::vector<std::shared_ptr<DeliveryPlan>> mRuns;  // the plans in order of appearance
