@@ -109,6 +109,7 @@ class ModelTest : public ObjectTest, public ar_model::World {
         const auto result = module.results.find(slot);
         return result == module.results.end() ? 0 : result->second;
     }
+    void betweenRecords() override { between(); }
     ar_model::Snapshot currentActivity() override {
         inside(false);
         ar_model::Snapshot answer;
@@ -315,6 +316,34 @@ class ModelTest : public ObjectTest, public ar_model::World {
         };
     }
 
+    // A batch with the calls of others between its records.
+    Step interruptedBatch() {
+        const int32_t pid = *anyCaller();
+        std::vector<ar_model::Event> events(1 + below(12));
+        std::vector<activity_event> plains;
+        const uint32_t activity = below(3);
+        for (auto& e : events) {
+            const uint32_t other = rarely(3) ? below(4) : activity;
+            e = {uint32_t(rarely(9) ? 0 : 1 + below(2)), other, anyTime(), uint32_t(below(99))};
+            plains.push_back({e.type, e.activity, e.timestamp, e.extra, {}});
+        }
+        std::vector<Step> calls(events.size());
+        for (Step& call : calls) call = rarely(3) ? clientCall(anyCaller()) : Step([] {});
+        return [=] {
+            size_t next = 0;
+            nested[0] = nullptr;  // a batch would wait for this one
+            between = [&] { calls[next++](); };
+            if (!onModel) {
+                Act::deliver(plains, pid, between);
+            } else {
+                model->changed(pid, events.data(), int(events.size()));
+                logged.erase(logged.begin());
+                logged.pop_back();
+            }
+            between = [] {};
+        };
+    }
+
     // States that the operations never make, put into both.
     void seedTables() {
         const uint64_t pid = int64_t(*anyCaller());
@@ -400,7 +429,8 @@ class ModelTest : public ObjectTest, public ar_model::World {
         const int kind = below(20);
         const Step step = kind < 4    ? anyEntering(caller)
                           : kind < 6  ? dying()
-                          : kind < 14 ? clientCall(caller)
+                          : kind < 12 ? clientCall(caller)
+                          : kind < 14 ? interruptedBatch()
                                       : batch(caller);
         // From inside its callback a client calls; from inside others the module reports, too.
         const Step fromClient = rarely(3) ? clientCall(anyCaller()) : nullptr;
@@ -442,7 +472,8 @@ class ModelTest : public ObjectTest, public ar_model::World {
     bool mixed = true;  // plain enables, too
     bool memory = true;
     uint64_t recipient = 0;  // that the next registration on the model makes
-    Step nested[2];          // from inside others, from inside a client; the first to come runs it
+    std::function<void()> between = [] {};
+    Step nested[2];  // from inside others, from inside a client; the first to come runs it
     Lines logged, calls, journal;
 };
 

@@ -68,7 +68,6 @@ void ActivityInterface::PackageNamePush(const activity_event* events, int32_t co
         }
         batch.add(event, pair->plan);
     }
-    mLastActivityEvent.settle();
 }
 
 Route ActivityInterface::FindRoute(const PairKey& key, uint64_t pid, uint64_t changes) {
@@ -116,6 +115,7 @@ bool ActivityInterface::CheckRepeatedEvent(uint64_t pid, uint32_t activity, uint
 }
 
 void ActivityInterface::ActivitiesReport(RoutedBatch& batch) {
+    mLastActivityEvent.settle();
     // Version 1.0 doesn't route: each of its clients gets every process's share, the empty ones
     // too. Without such a client nobody would get the empty ones.
     const bool hasV1_0 = !mClientVectorV1_0.isEmpty();
