@@ -64,6 +64,15 @@ struct ActivityInterfaceTestPeer {
         I::ActivitiesReport(I::sBatch);
         I::sBatch.clear();
     }
+    // What a re-enable of the pair needs, by walking all requests.
+    static auto merge(uint32_t activity, uint32_t event) NO_THREAD_SAFETY_ANALYSIS {
+        EnableRequestTable::Merge merge;
+        for (uint32_t i = 0; i <= requests().size(); ++i) {
+            merge.remains |= I::ValidEventActivity(i, activity, event, merge.allExtended,
+                                                   merge.noWakeParams);
+        }
+        return merge;
+    }
     static auto& natives(I& on) NO_THREAD_SAFETY_ANALYSIS { return on.mEnableToNativeData; }
     static auto& listMutex() { return I::mListMutex; }
     static auto& eventMutex() { return I::eventMutex; }

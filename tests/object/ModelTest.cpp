@@ -450,6 +450,12 @@ class ModelTest : public ObjectTest, public ar_model::World {
         ASSERT_EQ(module.take(), std::exchange(calls, {}));
         ASSERT_EQ(TakeJournal(), std::exchange(journal, {}));
         ASSERT_EQ(Texts(Act::requests()), Texts(model->requests));
+        for (uint32_t a = 0; a < 3; ++a) {
+            const auto kept = Act::requests().merge(a, 1), walked = Act::merge(a, 1);
+            ASSERT_EQ(kept.remains, walked.remains);
+            ASSERT_EQ(kept.allExtended, walked.allExtended);
+            ASSERT_EQ(memcmp(&kept.noWakeParams, &walked.noWakeParams, sizeof(other_params)), 0);
+        }
         ASSERT_EQ(Texts(Act::natives(*act)), Texts(model->natives));
         ASSERT_EQ(Texts(Act::barriers()), Texts(model->barriers));
         ASSERT_EQ(Texts(Act::lastEvents()), Texts(model->lastEvents));

@@ -55,8 +55,7 @@ void ActivityInterface::PackageNamePush(const activity_event* events, int32_t co
         // Taken per record, not per batch: clients' enables and disables get in between.
         Mutex::Autolock lock(eventMutex);
         Route& route = sRoutes.at(event.activity, event.event_type);
-        const uint64_t changes =
-                mEventData.changes() + firstReport.changes();  // neither ever falls
+        const uint64_t changes = mEventData.changes() + firstReport.changes();  // neither falls
         if (!route.holds(event.activity, event.event_type, ClientKey(pid), changes)) {
             route = FindRoute({event.activity, event.event_type}, ClientKey(pid), changes);
         }
@@ -115,7 +114,7 @@ bool ActivityInterface::CheckRepeatedEvent(uint64_t pid, uint32_t activity, uint
 }
 
 void ActivityInterface::ActivitiesReport(RoutedBatch& batch) {
-    mLastActivityEvent.settle();
+    mLastActivityEvent.settle();  // whoever looks at it next finds the batch in it
     // Version 1.0 doesn't route: each of its clients gets every process's share, the empty ones
     // too. Without such a client nobody would get the empty ones.
     const bool hasV1_0 = !mClientVectorV1_0.isEmpty();

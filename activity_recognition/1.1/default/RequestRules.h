@@ -1,5 +1,5 @@
 // The rules on requests: what is valid, how latencies are rounded and merged, how the tables are
-// searched and thinned. Functions of their arguments alone; none locks.
+// searched and thinned. Functions of their arguments alone; callers hold the tables' locks.
 #pragma once
 
 #include <stdint.h>

@@ -41,9 +41,9 @@ class ReportList {
     std::unordered_map<uint64_t, uint32_t, KeyHash> mPositions;
 };
 
-// Whom the events of a pair go to, as walking its requests has found it. Holds as long as the
-// pair's requests stand; a batch keeps those that it began with. Belongs to delivery: used under
-// its lock only.
+// Whom the events of a pair go to, as walking its requests has found it. Stands until a request of
+// the pair changes; a batch keeps the plans that its events began with. Used under delivery's lock
+// only.
 struct DeliveryPlan {
     std::vector<uint32_t> processes;  // positions in the report list, ascending, one a request
     LastEventTable::Notes notes;
@@ -79,9 +79,9 @@ class RouteMemory {
     Route mRoutes[kRoutes];
 };
 
-// Processes whose requests are of the same pairs share one list. Everything is kept for the next
-// batch, so that a batch allocates only where it exceeds those before it; what one of many
-// different lists needed goes again. Not copied; locks nothing.
+// Processes whose requests are of the same pairs share one list. Buffers stay for the next batch,
+// so that one allocates only where it exceeds those before it; of lists, those beyond a few stay
+// only while batches need them. Locks nothing.
 class RoutedBatch {
   public:
     // One process's share in each version's form, in the order of the events.
