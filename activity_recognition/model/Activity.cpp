@@ -273,6 +273,7 @@ void Activity::changed(Caller thread, const Event* events, int32_t count) {
                 route(thread, events[i], request, batch);
             }
         }
+        mWorld.betweenRecords();
     }
     report(batch);
     say('I', "ActChangedCb end, pid[%d]", thread.value_or(0));

@@ -50,8 +50,29 @@ struct ActivityInterfaceTestPeer {
     static auto& clientsV1_0() NO_THREAD_SAFETY_ANALYSIS { return I::mClientVectorV1_0; }
     static auto& requests() NO_THREAD_SAFETY_ANALYSIS { return I::mEventData; }
     static auto& barriers() NO_THREAD_SAFETY_ANALYSIS { return I::firstReport; }
-    static auto& lastEvents() NO_THREAD_SAFETY_ANALYSIS { return I::mLastActivityEvent; }
+    static auto& lastEvents() NO_THREAD_SAFETY_ANALYSIS { return I::mLastActivityEvent.mRecords; }
     static auto& reported() NO_THREAD_SAFETY_ANALYSIS { return I::packageNames; }
+    // What a batch does between its log lines, with between() after each record.
+    template <typename Between>
+    static void deliver(const std::vector<activity_event>& events, int32_t pid,
+                        const Between& between) NO_THREAD_SAFETY_ANALYSIS {
+        ::android::Mutex::Autolock lock(I::mListMutex);
+        for (const activity_event& event : events) {
+            I::PackageNamePush(&event, 1, pid, I::sBatch);
+            if (event.event_type != 0) between();
+        }
+        I::ActivitiesReport(I::sBatch);
+        I::sBatch.clear();
+    }
+    // What a re-enable of the pair needs, by walking all requests.
+    static auto merge(uint32_t activity, uint32_t event) NO_THREAD_SAFETY_ANALYSIS {
+        EnableRequestTable::Merge merge;
+        for (uint32_t i = 0; i <= requests().size(); ++i) {
+            merge.remains |= I::ValidEventActivity(i, activity, event, merge.allExtended,
+                                                   merge.noWakeParams);
+        }
+        return merge;
+    }
     static auto& natives(I& on) NO_THREAD_SAFETY_ANALYSIS { return on.mEnableToNativeData; }
     static auto& listMutex() { return I::mListMutex; }
     static auto& eventMutex() { return I::eventMutex; }

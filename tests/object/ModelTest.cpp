@@ -62,11 +62,19 @@ using Env1 = Linked<EnvClient1>;
 template <typename C>
 using Pool = std::map<uint64_t, sp<C>>;  // by address, so that a seed means the same in every run
 
-template <typename Key>
-std::vector<ar_model::Entry> Entries(const ::android::KeyedVector<sp<Key>, unsigned long>& table) {
+template <typename C>
+std::vector<ar_model::Entry> Entries(const ClientTable<C>& table) {
     std::vector<ar_model::Entry> entries;
     for (size_t i = 0; i < table.size(); ++i) {
         entries.push_back({uint64_t(table.keyAt(i).get()), table.valueAt(i)});
+    }
+    return entries;
+}
+template <typename R>
+std::vector<ar_model::Entry> Entries(const std::set<std::pair<unsigned long, sp<R>>>& table) {
+    std::vector<ar_model::Entry> entries;
+    for (const auto& [pid, recipient] : table) {
+        ar_model::Side::enter(entries, {uint64_t(recipient.get()), pid});
     }
     return entries;
 }
@@ -101,6 +109,7 @@ class ModelTest : public ObjectTest, public ar_model::World {
         const auto result = module.results.find(slot);
         return result == module.results.end() ? 0 : result->second;
     }
+    void betweenRecords() override { between(); }
     ar_model::Snapshot currentActivity() override {
         inside(false);
         ar_model::Snapshot answer;
@@ -307,6 +316,34 @@ class ModelTest : public ObjectTest, public ar_model::World {
         };
     }
 
+    // A batch with the calls of others between its records.
+    Step interruptedBatch() {
+        const int32_t pid = *anyCaller();
+        std::vector<ar_model::Event> events(1 + below(12));
+        std::vector<activity_event> plains;
+        const uint32_t activity = below(3);
+        for (auto& e : events) {
+            const uint32_t other = rarely(3) ? below(4) : activity;
+            e = {uint32_t(rarely(9) ? 0 : 1 + below(2)), other, anyTime(), uint32_t(below(99))};
+            plains.push_back({e.type, e.activity, e.timestamp, e.extra, {}});
+        }
+        std::vector<Step> calls(events.size());
+        for (Step& call : calls) call = rarely(3) ? clientCall(anyCaller()) : Step([] {});
+        return [=] {
+            size_t next = 0;
+            nested[0] = nullptr;  // a batch would wait for this one
+            between = [&] { calls[next++](); };
+            if (!onModel) {
+                Act::deliver(plains, pid, between);
+            } else {
+                model->changed(pid, events.data(), int(events.size()));
+                logged.erase(logged.begin());
+                logged.pop_back();
+            }
+            between = [] {};
+        };
+    }
+
     // States that the operations never make, put into both.
     void seedTables() {
         const uint64_t pid = int64_t(*anyCaller());
@@ -392,7 +429,8 @@ class ModelTest : public ObjectTest, public ar_model::World {
         const int kind = below(20);
         const Step step = kind < 4    ? anyEntering(caller)
                           : kind < 6  ? dying()
-                          : kind < 14 ? clientCall(caller)
+                          : kind < 12 ? clientCall(caller)
+                          : kind < 14 ? interruptedBatch()
                                       : batch(caller);
         // From inside its callback a client calls; from inside others the module reports, too.
         const Step fromClient = rarely(3) ? clientCall(anyCaller()) : nullptr;
@@ -412,6 +450,12 @@ class ModelTest : public ObjectTest, public ar_model::World {
         ASSERT_EQ(module.take(), std::exchange(calls, {}));
         ASSERT_EQ(TakeJournal(), std::exchange(journal, {}));
         ASSERT_EQ(Texts(Act::requests()), Texts(model->requests));
+        for (uint32_t a = 0; a < 3; ++a) {
+            const auto kept = Act::requests().merge(a, 1), walked = Act::merge(a, 1);
+            ASSERT_EQ(kept.remains, walked.remains);
+            ASSERT_EQ(kept.allExtended, walked.allExtended);
+            ASSERT_EQ(memcmp(&kept.noWakeParams, &walked.noWakeParams, sizeof(other_params)), 0);
+        }
         ASSERT_EQ(Texts(Act::natives(*act)), Texts(model->natives));
         ASSERT_EQ(Texts(Act::barriers()), Texts(model->barriers));
         ASSERT_EQ(Texts(Act::lastEvents()), Texts(model->lastEvents));
@@ -434,7 +478,8 @@ class ModelTest : public ObjectTest, public ar_model::World {
     bool mixed = true;  // plain enables, too
     bool memory = true;
     uint64_t recipient = 0;  // that the next registration on the model makes
-    Step nested[2];          // from inside others, from inside a client; the first to come runs it
+    std::function<void()> between = [] {};
+    Step nested[2];  // from inside others, from inside a client; the first to come runs it
     Lines logged, calls, journal;
 };
 

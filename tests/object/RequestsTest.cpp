@@ -65,11 +65,14 @@ TEST(Lookups, OfRequestsTakeTheFirstMatch) {
 }
 
 TEST(Lookups, OfNativeEnablesFallBackToTheFirst) {
-    std::vector<EnableToNativeData> table;
+    EnableToNativeTable table;
     EXPECT_EQ(I::FindEnableToNativeDataIndex(1, 1, table), -1);
     EXPECT_TRUE(I::FindEnableToNativeDataExist(1, 1, table));
     I::RemoveEnableToNativeData(1, 1, table);
-    table = {{5, 1, 1, 10, 0}, {6, 2, 1, 20, 1}, {7, 2, 1, 30, 0}, {8, 3, 2, 40, 0}};
+    for (const EnableToNativeData& record : std::vector<EnableToNativeData>{
+                 {5, 1, 1, 10, 0}, {6, 2, 1, 20, 1}, {7, 2, 1, 30, 0}, {8, 3, 2, 40, 0}}) {
+        table.push_back(record);
+    }
     EXPECT_EQ(I::FindEnableToNativeDataIndex(2, 1, table), 1);
     EXPECT_EQ(I::FindEnableToNativeDataIndex(9, 1, table), 0);
     EXPECT_FALSE(I::FindEnableToNativeDataExist(2, 1, table));

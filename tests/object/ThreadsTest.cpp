@@ -34,9 +34,11 @@ TEST_F(ThreadsTest, ClientsDeathsAndTheModuleAtOnce) {
                 ASSERT_TRUE(act->registerActivityCallback(new ActClient0("zero")).isOk());
                 ASSERT_TRUE(env->registerEnvironmentCallbackV1_1(environment).isOk());
                 ASSERT_EQ(int32_t(act->enableActivityEvent(i % 3, 1, 0)), 0);
+                ASSERT_EQ(int32_t(act->enableActivityEvent(i % 3, 2, 0)), 0);
                 ASSERT_EQ(int32_t(act->enableActivityEventExtend(i % 3, 1, 0, OtherParams())), 0);
                 // May fail: another's enable can stand between its steps.
                 ASSERT_TRUE(act->disableActivityEvent(i % 3, 1).isOk());
+                ASSERT_TRUE(act->disableActivityEvent(i % 3, 2).isOk());
                 ASSERT_TRUE(act->getCurrentActivity([](const auto&) {}).isOk());
                 act->HandleHidlDeath(pid, wp<IBase>(sp<IBase>(one)));
                 env->HandleHidlDeath(pid, wp<IBase>(sp<IBase>(environment)));
@@ -46,7 +48,10 @@ TEST_F(ThreadsTest, ClientsDeathsAndTheModuleAtOnce) {
     for (int i = 0; i < 2; ++i) {
         threads.emplace_back([this] {
             for (int round = 0; round < kRounds; ++round) {
-                plain({{1, 0, 5, 0, {}}, {1, 1, 5, 0, {}}, {1, 2, 5, 0, {}}});
+                std::vector<activity_event> events;
+                for (uint32_t i = 0; i < 48; ++i)
+                    events.push_back({1 + i % 2, i / 2 % 3, 5, 0, {}});
+                plain(events);
                 extended({Context(1, 1, 1)});
                 environment({Context(1, 1, 1)});
             }
@@ -57,6 +62,7 @@ TEST_F(ThreadsTest, ClientsDeathsAndTheModuleAtOnce) {
     EXPECT_EQ(Env::clientsV1_1().size(), 0u);
     EXPECT_EQ(Act::clientsV1_0().size(), 4u);  // each process's first one stayed
     EXPECT_EQ(Act::requests().size(), 0u);
+    EXPECT_EQ(Act::lastEvents().size(), 0u);  // went with the requests
 }
 
 TEST_F(ThreadsTest, ClientsAreCalledUnderOneLockAndTheModuleUnderNone) {

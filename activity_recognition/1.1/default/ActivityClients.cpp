@@ -84,7 +84,7 @@ void ActivityInterface::HandleHidlDeath(uint64_t cookie, const wp<IBase>& who) {
     if (dead >= 0) {
         const unsigned long pid = mClientVectorV1_1.valueAt(dead);
         Mutex::Autolock events(eventMutex);
-        mEventData.eraseIf([pid](const EnableRequestData& r) { return r.pid == pid; });
+        mEventData.eraseClient(pid);
     }
     RemoveDeadClient(who, mClientVectorV1_1, mClientVectorV1_0, kDeath);
 }

@@ -1,8 +1,7 @@
 #define LOG_TAG "AR_impl"
 
 #include <algorithm>
-#include <map>
-#include <utility>
+#include <memory>
 
 #include <log/log.h>
 
@@ -41,25 +40,53 @@ void ActivityInterface::ActChangedCb(const activity_event* events, int32_t count
         return;
     }
     const int32_t pid = CallingPidOrZero();
-    std::vector<EventResponseData> batch;
     Mutex::Autolock lock(mListMutex);
-    PackageNamePush(events, count, pid, batch);
-    ActivitiesReport(batch);
+    PackageNamePush(events, count, pid, sBatch);
+    ActivitiesReport(sBatch);
+    sBatch.clear();
     ALOGI("ActChangedCb end, pid[%d]", pid);
 }
 
 void ActivityInterface::PackageNamePush(const activity_event* events, int32_t count, int32_t pid,
-                                        std::vector<EventResponseData>& batch) {
+                                        RoutedBatch& batch) {
     for (int32_t i = 0; i < count; ++i) {
         const activity_event& event = events[i];
         if (event.event_type == 0) continue;
         // Taken per record, not per batch: clients' enables and disables get in between.
         Mutex::Autolock lock(eventMutex);
-        Mutex::Autolock last(sLastEventLock);
-        for (uint32_t at : mEventData.positionsOf({event.activity, event.event_type})) {
-            OneDataPush(event.activity, event, pid, mEventData[at], batch);
+        Route& route = sRoutes.at(event.activity, event.event_type);
+        const uint64_t changes = mEventData.changes() + firstReport.changes();  // neither falls
+        if (!route.holds(event.activity, event.event_type, ClientKey(pid), changes)) {
+            route = FindRoute({event.activity, event.event_type}, ClientKey(pid), changes);
         }
+        EnableRequestTable::Pair* const pair = route.pair;
+        if (pair == nullptr || event.timestamp < route.barrier) continue;
+        // An event for the same requests as one before repeats what walking them did.
+        if (pair->plan == nullptr || !mLastActivityEvent.noteAgain(pair->plan->notes)) {
+            WalkRequests(*pair, event, pid);
+        }
+        batch.add(event, pair->plan);
     }
+}
+
+Route ActivityInterface::FindRoute(const PairKey& key, uint64_t pid, uint64_t changes) {
+    return {key.first, key.second,           pid,
+            changes,   mEventData.find(key), GetLastTime(pid, key.first, key.second)};
+}
+
+void ActivityInterface::WalkRequests(EnableRequestTable::Pair& pair, const activity_event& event,
+                                     int32_t pid) {
+    const auto plan = std::make_shared<DeliveryPlan>();
+    plan->notes = mLastActivityEvent.startWalk(pair.key);
+    std::vector<EventResponseData> routed;
+    for (const EnableRequestData* request : pair.requests) {
+        OneDataPush(event.activity, event, pid, *request, routed);
+        plan->processes.push_back(packageNames.add(request->pid));
+        mLastActivityEvent.addTo(plan->notes, request->pid);
+        routed.clear();  // the plan stands for all of them
+    }
+    std::sort(plan->processes.begin(), plan->processes.end());
+    pair.plan = plan;
 }
 
 void ActivityInterface::OneDataPush(int32_t activity, const activity_event& event, int32_t pid,
@@ -72,63 +99,37 @@ void ActivityInterface::OneDataPush(int32_t activity, const activity_event& even
                        mLastActivityEvent);
     batch.push_back(
             {request.pid, request.activity, event.event_type, event.timestamp, {}, event.extra});
-    if (packageNames.firstOf(request.pid) < 0) packageNames.push_back(request.pid);
+    packageNames.add(request.pid);
 }
 
 int64_t ActivityInterface::GetLastTime(uint64_t pid, uint32_t activity, uint32_t event) {
-    const ssize_t index = firstReport.firstOf({pid, {activity, event}});
-    return index < 0 ? 0 : firstReport[index].timestamp;
+    const FirstReport* const barrier = firstReport.first({pid, {activity, event}});
+    return barrier == nullptr ? 0 : barrier->timestamp;
 }
 
 bool ActivityInterface::CheckRepeatedEvent(uint64_t pid, uint32_t activity, uint32_t event,
                                            uint64_t timestamp, LastEventTable& table) {
-    const ssize_t index = table.firstOf({pid, activity});
-    if (index >= 0) {
-        table[index].event = event;
-    } else {
-        table.push_back({pid, activity, event, static_cast<int64_t>(timestamp), {}, 0});
-    }
+    table.note(pid, activity, event, static_cast<int64_t>(timestamp));
     return true;
 }
 
-void ActivityInterface::ActivitiesReport(const std::vector<EventResponseData>& batch) {
-    if (packageNames.empty()) return;
-    // Each process's share of the batch, by the process's position in packageNames.
-    std::map<size_t, std::vector<const EventResponseData*>> shares;
-    for (const EventResponseData& routed : batch) {
-        const uint64_t pid = routed.pid;  // the record is packed: no reference to its fields
-        const ssize_t position = packageNames.firstOf(pid);
-        if (position >= 0) shares[position].push_back(&routed);
-    }
+void ActivityInterface::ActivitiesReport(RoutedBatch& batch) {
+    mLastActivityEvent.settle();  // whoever looks at it next finds the batch in it
     // Version 1.0 doesn't route: each of its clients gets every process's share, the empty ones
     // too. Without such a client nobody would get the empty ones.
     const bool hasV1_0 = !mClientVectorV1_0.isEmpty();
-    if (hasV1_0) {
-        for (size_t i = 0; i < packageNames.size(); ++i) shares[i];  // makes the empty ones
-    }
-
-    const ClientPositions clients = PositionsByPid(mClientVectorV1_1);
-    for (const auto& share : shares) {
-        std::vector<ActivityEventV1_1> eventsV1_1(share.second.size());
-        std::vector<ActivityEvent> eventsV1_0(hasV1_0 ? share.second.size() : 0);
-        for (size_t i = 0; i < share.second.size(); ++i) {
-            const ZqActivityRecognitionExtEvent event = ToExtEvent(*share.second[i]);
-            AssignWhole(ToEventV1_1(event), &eventsV1_1[i]);
-            if (hasV1_0) AssignWhole(ToEventV1_0(event), &eventsV1_0[i]);
-        }
-        if (!eventsV1_1.empty()) ReportV1_1(share.first, clients, eventsV1_1);
-        if (hasV1_0) ActChangedCbV1_0(eventsV1_0);
+    for (const uint32_t position : batch.group(packageNames.size(), /*everybody=*/hasV1_0)) {
+        if (batch.hasShare(position)) ReportV1_1(position, batch);
+        if (hasV1_0) ActChangedCbV1_0(batch.listsOf(position).eventsV1_0);
     }
 }
 
-void ActivityInterface::ReportV1_1(size_t position, const ClientPositions& clients,
-                                   const std::vector<ActivityEventV1_1>& events) {
-    const unsigned long pid = packageNames[position];
-    auto client = std::lower_bound(clients.begin(), clients.end(), std::make_pair(pid, size_t(0)));
-    for (; client != clients.end() && client->first == pid; ++client) {
-        const sp<V1_1::IActivityChangedCallback> callback = mClientVectorV1_1.keyAt(client->second);
-        if (callback == nullptr) continue;  // without a log line, unlike elsewhere
-        const Return<void> sent = callback->onActivityChangedV1_1(CopyForClient(events));
+void ActivityInterface::ReportV1_1(uint32_t position, RoutedBatch& batch) {
+    // Of an entry without a callback nothing is said, unlike elsewhere.
+    for (const sp<V1_1::IActivityChangedCallback> callback :
+         mClientVectorV1_1.callbacksOf(packageNames[position])) {
+        const Return<void> sent =
+                callback->onActivityChangedV1_1(CopyForClient(batch.listsOf(position).eventsV1_1));
         if (!sent.isOk()) {
             // Prints the process id at this position of the client table, usually another client's:
             // fixed, like the text. 0 when there is none.

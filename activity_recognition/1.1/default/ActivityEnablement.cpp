@@ -142,31 +142,21 @@ Return<int32_t> ActivityInterface::disableActivityEvent(uint32_t activity, uint3
     const uint64_t pid = ClientKey(CallingPidOrZero());
     {
         Mutex::Autolock lock(eventMutex);
-        const int32_t index = FindEnableRequestDataIndex(pid, activity, event, mEventData);
-        if (index < 0) return kFailure;
-        mEventData.erase(index);
+        if (!mEventData.erase(pid, activity, event)) return kFailure;
         RemoveFirst(pid, activity, event);
+        mLastActivityEvent.announceErase(activity);
     }
-    {
-        Mutex::Autolock lock(sLastEventLock);
-        RemoveLastActivityEvent(pid, activity, event, mLastActivityEvent);
-    }
+    RemoveLastActivityEvent(pid, activity, event, mLastActivityEvent);
     return DisableOtherActivityEvent(activity, event) == 0 ? kSuccess : kFailure;
 }
 
 int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t event) {
-    bool remains = false;
-    bool allExtended = true;
-    other_params noWakeParams = {};
-    int64_t merged;
+    EnableRequestTable::Merge merge;
     {
         Mutex::Autolock lock(eventMutex);
-        for (uint32_t i = 0; i < mEventData.size(); ++i) {
-            remains |= ValidEventActivity(i, activity, event, allExtended, noWakeParams);
-        }
-        merged = MinReportLatencyNsFunc(activity, event, mEventData);
+        merge = mEventData.merge(activity, event);
     }
-    if (!remains) {
+    if (!merge.remains) {
         {
             Mutex::Autolock lock(mNativeLock);
             RemoveEnableToNativeData(activity, event, mEnableToNativeData);
@@ -183,8 +173,9 @@ int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t
     if (mImpl == nullptr) return kFailure;
     // A request whose first parameter is 0.0 makes the re-enable a plain one. Of the others'
     // parameters only a no-wake request's are passed on, the last one's.
-    return allExtended ? mImpl->enable_activity_event_extend(activity, event, merged, &noWakeParams)
-                       : mImpl->enable_activity_event(activity, event, merged);
+    return merge.allExtended ? mImpl->enable_activity_event_extend(activity, event, merge.latencyNs,
+                                                                   &merge.noWakeParams)
+                             : mImpl->enable_activity_event(activity, event, merge.latencyNs);
 }
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -35,13 +35,14 @@ constexpr QueryTexts kCurrentV1_1 = {
 
 Mutex ActivityInterface::mListMutex;
 Mutex ActivityInterface::eventMutex;
-Mutex ActivityInterface::sLastEventLock;
 ClientTable<V1_1::IActivityChangedCallback> ActivityInterface::mClientVectorV1_1;
 ClientTable<V1_0::IActivityChangedCallback> ActivityInterface::mClientVectorV1_0;
 LastEventTable ActivityInterface::mLastActivityEvent;
 EnableRequestTable ActivityInterface::mEventData;
 FirstReportTable ActivityInterface::firstReport;
-ClientList ActivityInterface::packageNames;
+RouteMemory ActivityInterface::sRoutes;
+ReportList ActivityInterface::packageNames;
+RoutedBatch ActivityInterface::sBatch;
 bool ActivityInterface::sInterfaceExists = false;
 const activity_callbacks ActivityInterface::sActCb = {ActChangedCb, ActExtendChangedCb};
 

@@ -5,11 +5,11 @@
 //
 // Threads: clients' calls and death notices come on binder threads, native callbacks on the
 // module's. Locks are taken in the order mListMutex, eventMutex, then one of the leaf locks
-// (sLastEventLock, mNativeLock, the recipients'); under a leaf lock neither clients nor the module
-// are called and nothing else is locked. mListMutex is held across calls to clients, no lock across
-// a call into the module. So a client may enable, disable, flush and query from inside a callback,
-// but must not register there, and a module may call back from inside its own slots unless a
-// client's callback led there.
+// (mNativeLock, the last events', the recipients'); under a leaf lock neither clients nor the
+// module are called and nothing else is locked. mListMutex is held across calls to clients, no lock
+// across a call into the module. So a client may enable, disable, flush and query from inside a
+// callback, but must not register there, and a module may call back from inside its own slots
+// unless a client's callback led there.
 //
 // Log texts, levels and the numbers in them are fixed, misspellings included: tools match on them.
 #pragma once
@@ -24,8 +24,11 @@
 
 #include "ClientTable.h"
 #include "Conversions.h"
+#include "EnableRequestTable.h"
+#include "LastEventTable.h"
 #include "RequestRules.h"
 #include "RequestTables.h"
+#include "RoutedBatch.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
@@ -99,26 +102,30 @@ class ActivityInterface : public V1_1::IActivityInterface,
 
     // Routes plain events to the requests they match. pid: the delivering thread's caller.
     static void PackageNamePush(const activity_event* events, int32_t count, int32_t pid,
-                                std::vector<EventResponseData>& batch) REQUIRES(mListMutex)
-            EXCLUDES(eventMutex);
-    // The same for one event and one request.
+                                RoutedBatch& batch) REQUIRES(mListMutex) EXCLUDES(eventMutex);
+    // What the pair's events meet. Not inlined, as few events need it.
+    static Route FindRoute(const PairKey& key, uint64_t pid, uint64_t changes)
+            __attribute__((noinline)) REQUIRES(eventMutex);
+    // Walks the pair's requests with an event that no barrier holds back, and plans the events that
+    // follow while the requests stand.
+    static void WalkRequests(EnableRequestTable::Pair& pair, const activity_event& event,
+                             int32_t pid) REQUIRES(mListMutex, eventMutex);
+    // Routes one event to one request.
     static void OneDataPush(int32_t activity, const activity_event& event, int32_t pid,
                             const EnableRequestData& request, std::vector<EventResponseData>& batch)
-            REQUIRES(mListMutex, eventMutex, sLastEventLock);
+            REQUIRES(mListMutex, eventMutex);
     // The barrier, or 0.
     static int64_t GetLastTime(uint64_t pid, uint32_t activity, uint32_t event)
             REQUIRES(eventMutex);
-
     // Records event as the type routed last to the client for the activity; a record that stands
     // keeps its timestamp. Always true: repeats are not held back.
     static bool CheckRepeatedEvent(uint64_t pid, uint32_t activity, uint32_t event,
                                    uint64_t timestamp, LastEventTable& table);
 
     // Delivers a routed batch, process by process in the order of packageNames.
-    static void ActivitiesReport(const std::vector<EventResponseData>& batch) REQUIRES(mListMutex);
+    static void ActivitiesReport(RoutedBatch& batch) REQUIRES(mListMutex);
     // position: of the process in packageNames.
-    static void ReportV1_1(size_t position, const ClientPositions& clients,
-                           const std::vector<ActivityEventV1_1>& events) REQUIRES(mListMutex);
+    static void ReportV1_1(uint32_t position, RoutedBatch& batch) REQUIRES(mListMutex);
     static void ActChangedCbV1_0(const std::vector<ActivityEvent>& events) REQUIRES(mListMutex);
     static void ActExtendChangedCbV1_0(const std::vector<ActivityEventExtend>& events)
             REQUIRES(mListMutex);
@@ -136,15 +143,16 @@ class ActivityInterface : public V1_1::IActivityInterface,
     // order, which is that of construction at load.
     static Mutex mListMutex ACQUIRED_BEFORE(eventMutex);
     static Mutex eventMutex;
-    static Mutex sLastEventLock ACQUIRED_AFTER(eventMutex);  // leaf lock
     static ClientTable<V1_1::IActivityChangedCallback> mClientVectorV1_1 GUARDED_BY(mListMutex);
     static ClientTable<V1_0::IActivityChangedCallback> mClientVectorV1_0 GUARDED_BY(mListMutex);
-    static LastEventTable mLastActivityEvent GUARDED_BY(sLastEventLock);
+    static LastEventTable mLastActivityEvent;
     static EnableRequestTable mEventData GUARDED_BY(eventMutex);
     static FirstReportTable firstReport GUARDED_BY(eventMutex);
-    // Every process that ever had a routed event, in order of appearance. Never pruned: version 1.0
-    // clients get a list for each, also the dead ones.
-    static ClientList packageNames GUARDED_BY(mListMutex);
+    static RouteMemory sRoutes GUARDED_BY(eventMutex);
+    // Every process that ever had a routed event: version 1.0 clients get a list for each, also the
+    // dead ones.
+    static ReportList packageNames GUARDED_BY(mListMutex);
+    static RoutedBatch sBatch GUARDED_BY(mListMutex);  // the one being delivered
     // Unguarded: only the root object makes instances, one at a time.
     static bool sInterfaceExists;
     static const activity_callbacks sActCb;

@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <new>
+#include <set>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -58,9 +60,52 @@ inline uint64_t ClientKey(int32_t pid) {
     return static_cast<uint64_t>(static_cast<int64_t>(pid));
 }
 
-// Callback to the process id that registered it, ordered by the callbacks' addresses.
+// Callback to the process id that registered it, ordered by the callbacks' addresses; also finds a
+// process's callbacks without walking the others. One with a NULL callback is found by walking
+// only.
 template <typename Callback>
-using ClientTable = ::android::KeyedVector<sp<Callback>, unsigned long>;
+class ClientTable {
+  public:
+    using Callbacks = std::vector<Callback*>;
+
+    size_t size() const { return mClients.size(); }
+    bool isEmpty() const { return mClients.isEmpty(); }
+    const sp<Callback>& keyAt(size_t index) const { return mClients.keyAt(index); }
+    unsigned long valueAt(size_t index) const { return mClients.valueAt(index); }
+    // A callback that stands already becomes this process's.
+    void add(const sp<Callback>& callback, unsigned long pid) {
+        const ssize_t known = mClients.indexOfKey(callback);
+        if (known >= 0) removeItemsAt(known);
+        mClients.add(callback, pid);
+        if (callback == nullptr) return;
+        Callbacks& callbacks = mCallbacks[pid];
+        callbacks.insert(std::lower_bound(callbacks.begin(), callbacks.end(), callback.get()),
+                         callback.get());
+    }
+    void removeItemsAt(size_t index) {
+        const auto of = mCallbacks.find(valueAt(index));
+        if (keyAt(index) != nullptr) {
+            Callbacks& callbacks = of->second;
+            callbacks.erase(std::find(callbacks.begin(), callbacks.end(), keyAt(index).get()));
+            if (callbacks.empty()) mCallbacks.erase(of);
+        }
+        mClients.removeItemsAt(index);
+    }
+    void clear() {
+        mClients.clear();
+        mCallbacks.clear();
+    }
+    // In the table's order. Valid until the table changes.
+    const Callbacks& callbacksOf(unsigned long pid) const {
+        static const Callbacks kNone;
+        const auto of = mCallbacks.find(pid);
+        return of == mCallbacks.end() ? kNone : of->second;
+    }
+
+  private:
+    ::android::KeyedVector<sp<Callback>, unsigned long> mClients;
+    std::unordered_map<unsigned long, Callbacks> mCallbacks;
+};
 
 // Hands death notices to the object that linked it. It holds that object and is held by it, and
 // nobody breaks the circle: a working object lives as long as the process once a client has
@@ -106,7 +151,8 @@ class SharedRecipient {
     sp<Recipient> mRecipient GUARDED_BY(mLock);
 };
 
-// The recipients of registrations that have one each, with the process that registered.
+// The recipients of registrations that have one each, with the process that registered. A process's
+// first one is that of the lowest address.
 template <typename Owner>
 class RecipientTable {
   public:
@@ -114,33 +160,26 @@ class RecipientTable {
 
     void add(const sp<Recipient>& recipient, unsigned long pid) EXCLUDES(mLock) {
         Mutex::Autolock lock(mLock);
-        mRecipients.add(recipient, pid);
+        mRecipients.emplace(pid, recipient);
     }
     // The process's first one, or NULL.
     sp<Recipient> find(unsigned long pid) const EXCLUDES(mLock) {
         Mutex::Autolock lock(mLock);
-        const ssize_t index = indexOf(pid);
-        return index < 0 ? nullptr : mRecipients.keyAt(index);
+        const auto found = mRecipients.lower_bound({pid, nullptr});
+        return found == mRecipients.end() || found->first != pid ? nullptr : found->second;
     }
     // The process's first one, if any.
     void remove(unsigned long pid) EXCLUDES(mLock) {
         Mutex::Autolock lock(mLock);
-        const ssize_t index = indexOf(pid);
-        if (index >= 0) mRecipients.removeItemsAt(index);
+        const auto found = mRecipients.lower_bound({pid, nullptr});
+        if (found != mRecipients.end() && found->first == pid) mRecipients.erase(found);
     }
 
   private:
     friend struct ClientTableTestPeer;
 
-    ssize_t indexOf(unsigned long pid) const REQUIRES(mLock) {
-        for (size_t i = 0; i < mRecipients.size(); ++i) {
-            if (mRecipients.valueAt(i) == pid) return ssize_t(i);
-        }
-        return -1;
-    }
-
     mutable Mutex mLock;  // leaf lock
-    ::android::KeyedVector<sp<Recipient>, unsigned long> mRecipients GUARDED_BY(mLock);
+    std::set<std::pair<unsigned long, sp<Recipient>>> mRecipients GUARDED_BY(mLock);
 };
 
 // Position of the first client that is this callback or of this process, or -1.
@@ -280,18 +319,6 @@ void Broadcast(const ClientTable<Callback>& clients,
             __android_log_print(ANDROID_LOG_ERROR, texts.tag, texts.failed, texts.function, pid);
         }
     }
-}
-
-// Process ids with their positions in a client table, ascending: finds the clients of a process
-// without walking the others.
-using ClientPositions = std::vector<std::pair<unsigned long, size_t>>;
-
-template <typename Callback>
-ClientPositions PositionsByPid(const ClientTable<Callback>& clients) {
-    ClientPositions positions;
-    for (size_t i = 0; i < clients.size(); ++i) positions.emplace_back(clients.valueAt(i), i);
-    std::sort(positions.begin(), positions.end());
-    return positions;
 }
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -13,11 +13,15 @@ namespace {
 }  // namespace
 
 ActivityEvent RecordConversions::convertAEToAEV1_0(const activity_event& event) {
-    return MakeEventV1_0(event.event_type, event.activity, event.timestamp);
+    ActivityEvent record;
+    ConvertWhole(event, &record);
+    return record;
 }
 
 ActivityEventV1_1 RecordConversions::convertAEToAEV1_1(const activity_event& event) {
-    return MakeEventV1_1(event.event_type, event.activity, event.timestamp, event.extra);
+    ActivityEventV1_1 record;
+    ConvertWhole(event, &record);
+    return record;
 }
 
 ActivityEventExtend RecordConversions::convertACEToAEEV1_0(const ar_context_event& event) {

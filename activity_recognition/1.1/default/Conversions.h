@@ -7,6 +7,7 @@
 #include <stddef.h>
 #include <string.h>
 
+#include <type_traits>
 #include <vector>
 
 #include <hidl/HidlSupport.h>
@@ -62,25 +63,19 @@ AR_RECORD_AT(ActivityEventExtendV1_1, name, 56);
 #undef AR_RECORD_AT
 #undef AR_RECORD_SIZE
 
-// Plain client records, padding zero.
-inline ActivityEvent MakeEventV1_0(uint32_t eventType, uint32_t activity, int64_t timestamp) {
-    ActivityEvent record;
-    memset(&record, 0, sizeof(record));
-    record.eventType = eventType;
-    record.activity = activity;
-    record.timestamp = timestamp;
-    return record;
+// Plain records from the module, padding zero.
+inline void ConvertWhole(const activity_event& event, ActivityEvent* record) {
+    memset(record, 0, sizeof(*record));
+    record->eventType = event.event_type;
+    record->activity = event.activity;
+    record->timestamp = event.timestamp;
 }
-
-inline ActivityEventV1_1 MakeEventV1_1(uint32_t eventType, uint32_t activity, int64_t timestamp,
-                                       uint32_t extra) {
-    ActivityEventV1_1 record;
-    memset(&record, 0, sizeof(record));
-    record.eventType = eventType;
-    record.activity = activity;
-    record.timestamp = timestamp;
-    record.extra = extra;
-    return record;
+inline void ConvertWhole(const activity_event& event, ActivityEventV1_1* record) {
+    memset(record, 0, sizeof(*record));
+    record->eventType = event.event_type;
+    record->activity = event.activity;
+    record->timestamp = event.timestamp;
+    record->extra = event.extra;
 }
 
 // From the module to clients. The base of ActivityInterface, which has them as members; nobody
@@ -92,17 +87,6 @@ struct RecordConversions {
     static ActivityEventExtend convertACEToAEEV1_0(const ar_context_event& event);
     static ActivityEventExtendV1_1 convertACEToAEEV1_1(const ar_context_event& event);
 };
-
-// A routed event, from the batch to its client's form, and on to each version's record.
-inline ZqActivityRecognitionExtEvent ToExtEvent(const EventResponseData& routed) {
-    return {routed.activity, routed.event, routed.timestamp, {}, routed.extra};
-}
-inline ActivityEvent ToEventV1_0(const ZqActivityRecognitionExtEvent& event) {
-    return MakeEventV1_0(event.event, event.activity, event.timestamp);
-}
-inline ActivityEventV1_1 ToEventV1_1(const ZqActivityRecognitionExtEvent& event) {
-    return MakeEventV1_1(event.event, event.activity, event.timestamp, event.extra);
-}
 
 // Whether a client's parameters have room in the native form. A longer name is refused before any
 // native call.
@@ -140,12 +124,26 @@ std::vector<Record> ConvertAll(const Native* events, int count, Record (*convert
     return records;
 }
 
+template <typename Record>
+Record* NewCopy(const std::vector<Record>& records, std::true_type /*plain bytes*/) {
+    auto* const copy = new Record[records.size()];
+    memcpy(copy, records.data(), records.size() * sizeof(Record));
+    return copy;
+}
+template <typename Record>
+Record* NewCopy(const std::vector<Record>& records, std::false_type) {
+    auto* const copy = new Record[records.size()]();
+    for (size_t i = 0; i < records.size(); ++i) AssignWhole(records[i], &copy[i]);
+    return copy;
+}
+
 // A copy for one client.
 template <typename Record>
 ::android::hardware::hidl_vec<Record> CopyForClient(const std::vector<Record>& records) {
     ::android::hardware::hidl_vec<Record> copy;
-    copy.resize(records.size());
-    for (size_t i = 0; i < records.size(); ++i) AssignWhole(records[i], &copy[i]);
+    if (records.empty()) return copy;
+    copy.setToExternal(NewCopy(records, std::is_trivially_copyable<Record>()), records.size(),
+                       /*shouldOwn=*/true);
     return copy;
 }
 

@@ -3,9 +3,10 @@
 
 #include <stddef.h>
 #include <stdint.h>
-#include <sys/types.h>
 
 #include <algorithm>
+#include <iterator>
+#include <list>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -26,9 +27,8 @@ struct KeyHash {
     }
 };
 
-// A vector that also finds the records of a key without walking the others. It keeps insertion
-// order; a removal closes the gap. The index is built by the first look-up after a removal, so
-// requests between two deliveries pay for a vector only.
+// A list that also finds the records of a key. Adding, finding and removing cost the same however
+// many records stand in it. It keeps insertion order; a record keeps its address while it stands.
 //
 // KeyOf: a function object from a record to its key, a number or a pair of keys. What the key is
 // made of never changes while the record stands in the table. Locks nothing: its owner's lock
@@ -40,60 +40,59 @@ class IndexedTable {
 
     size_t size() const { return mRecords.size(); }
     bool empty() const { return mRecords.empty(); }
-    Record& operator[](size_t index) { return mRecords[index]; }
-    const Record& operator[](size_t index) const { return mRecords[index]; }
-    typename std::vector<Record>::const_iterator begin() const { return mRecords.begin(); }
-    typename std::vector<Record>::const_iterator end() const { return mRecords.end(); }
+    typename std::list<Record>::const_iterator begin() const { return mRecords.begin(); }
+    typename std::list<Record>::const_iterator end() const { return mRecords.end(); }
 
-    void push_back(const Record& record) {
-        if (mIndexed) mIndex[KeyOf()(record)].push_back(mRecords.size());
+    Record& push_back(const Record& record) {
         mRecords.push_back(record);
+        mIndex[KeyOf()(record)].push_back(std::prev(mRecords.end()));
+        ++mChanges;
+        return mRecords.back();
     }
 
-    void erase(size_t index) {
-        mRecords.erase(mRecords.begin() + index);
-        dropIndex();
+    // The key's first record, or NULL.
+    Record* first(const Key& key) {
+        const auto found = mIndex.find(key);
+        return found == mIndex.end() ? nullptr : &*found->second.front();
+    }
+    const Record* first(const Key& key) const {
+        return const_cast<IndexedTable*>(this)->first(key);
     }
 
-    // Removes every record that drop answers true for, keeping the order of the others.
-    template <typename Drop>
-    void eraseIf(const Drop& drop) {
-        mRecords.erase(std::remove_if(mRecords.begin(), mRecords.end(), drop), mRecords.end());
-        dropIndex();
+    // Removes the key's first record that is one for fits; false when there is none.
+    template <typename Fits>
+    bool erase(const Key& key, const Fits& fits) {
+        const auto found = mIndex.find(key);
+        if (found == mIndex.end()) return false;
+        auto& places = found->second;
+        const auto place =
+                std::find_if(places.begin(), places.end(), [&fits](Place at) { return fits(*at); });
+        if (place == places.end()) return false;
+        mRecords.erase(*place);
+        places.erase(place);
+        if (places.empty()) mIndex.erase(found);
+        ++mChanges;
+        return true;
+    }
+    bool erase(const Key& key) {
+        return erase(key, [](const Record&) { return true; });
     }
 
     void clear() {
         mRecords.clear();
-        dropIndex();
+        mIndex.clear();
+        ++mChanges;
     }
 
-    // Where the records of the key stand, ascending. Valid until the table changes.
-    const std::vector<uint32_t>& positionsOf(const Key& key) {
-        static const std::vector<uint32_t> kNone;
-        if (!mIndexed) makeIndex();
-        const auto found = mIndex.find(key);
-        return found == mIndex.end() ? kNone : found->second;
-    }
-
-    // Where the first record of the key stands, or -1.
-    ssize_t firstOf(const Key& key) {
-        const std::vector<uint32_t>& positions = positionsOf(key);
-        return positions.empty() ? -1 : static_cast<ssize_t>(positions.front());
-    }
+    // Grows with every change: what was looked up holds as long as this stands.
+    uint64_t changes() const { return mChanges; }
 
   private:
-    void makeIndex() {
-        for (size_t i = 0; i < mRecords.size(); ++i) mIndex[KeyOf()(mRecords[i])].push_back(i);
-        mIndexed = true;
-    }
-    void dropIndex() {
-        mIndex.clear();
-        mIndexed = false;
-    }
+    using Place = typename std::list<Record>::iterator;
 
-    std::vector<Record> mRecords;
-    std::unordered_map<Key, std::vector<uint32_t>, KeyHash> mIndex;
-    bool mIndexed = false;
+    std::list<Record> mRecords;
+    std::unordered_map<Key, std::vector<Place>, KeyHash> mIndex;
+    uint64_t mChanges = 0;
 };
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -1,37 +1,19 @@
 #include "RequestRules.h"
 
+#include <iterator>
+
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
 
 namespace {
 
-template <typename Record>
-bool IsOfPair(const Record& record, uint32_t activity, uint32_t event) {
-    return record.activity == activity && record.event == event;
-}
-
-// Walks: each of these calls changes the table, and a look-up by key would build the index for one
-// use.
-template <typename Table>
-int32_t IndexOf(const Table& table, uint64_t pid, uint32_t activity, uint32_t event) {
-    for (size_t i = 0; i < table.size(); ++i) {
-        if (table[i].pid == pid && IsOfPair(table[i], activity, event)) return int32_t(i);
-    }
-    return -1;
-}
-
-template <typename Table>
-void RemoveFirstOf(Table& table, uint64_t pid, uint32_t activity, uint32_t event) {
-    const int32_t index = IndexOf(table, pid, activity, event);
-    if (index >= 0) table.erase(index);
-}
-
-const EnableToNativeData* Find(const EnableToNativeTable& table, uint32_t activity,
-                               uint32_t event) {
-    for (const EnableToNativeData& record : table) {
-        if (IsOfPair(record, activity, event)) return &record;
-    }
-    return nullptr;
+// Of a record that stands in the table, or -1 for NULL.
+template <typename Table, typename Record>
+int32_t IndexOf(const Table& table, const Record* record) {
+    if (record == nullptr) return -1;
+    int32_t index = 0;
+    for (auto at = table.begin(); &*at != record; ++at) ++index;
+    return index;
 }
 
 bool IsNoWakePattern(const double* params) {
@@ -64,21 +46,15 @@ bool RequestRules::IsRequestWake(const EnableRequestData& request) {
 
 int64_t RequestRules::MinReportLatencyNsFunc(uint32_t activity, uint32_t event,
                                              const EnableRequestTable& table) {
-    int64_t latencyNs = 0;
-    bool wanted = false;
-    for (const EnableRequestData& request : table) {
-        if (!IsOfPair(request, activity, event)) continue;
-        if (!wanted || request.reportLatencyNs < latencyNs) latencyNs = request.reportLatencyNs;
-        wanted = true;
-    }
-    return latencyNs;
+    return table.merge(activity, event).latencyNs;
 }
 
 bool RequestRules::ValidEventActivity(uint32_t index, uint32_t activity, uint32_t event,
                                       bool& allExtended, other_params& noWakeParams,
                                       const EnableRequestTable& table) {
-    if (index >= table.size() || !IsOfPair(table[index], activity, event)) return false;
-    const EnableRequestData& request = table[index];
+    if (index >= table.size()) return false;
+    const EnableRequestData& request = *std::next(table.begin(), index);
+    if (PairOf()(request) != PairKey{activity, event}) return false;
     if (request.otherParams.params[0] == 0.0) {
         allExtended = false;
     } else if (IsRequestWake(request)) {
@@ -89,53 +65,52 @@ bool RequestRules::ValidEventActivity(uint32_t index, uint32_t activity, uint32_
 
 int32_t RequestRules::FindEnableRequestDataIndex(uint64_t pid, uint32_t activity, uint32_t event,
                                                  const EnableRequestTable& table) {
-    return IndexOf(table, pid, activity, event);
+    return IndexOf(table, table.first(pid, activity, event));
 }
 
 EnableRequestData RequestRules::FindEnableRequestData(uint64_t pid, uint32_t activity,
                                                       uint32_t event,
                                                       const EnableRequestTable& table) {
-    const int32_t index = IndexOf(table, pid, activity, event);
-    return index < 0 ? EnableRequestData{} : table[index];
+    const EnableRequestData* const found = table.first(pid, activity, event);
+    return found == nullptr ? EnableRequestData{} : *found;
 }
 
 int32_t RequestRules::FindEnableToNativeDataIndex(uint32_t activity, uint32_t event,
                                                   const EnableToNativeTable& table) {
     if (table.empty()) return -1;
-    const EnableToNativeData* found = Find(table, activity, event);
-    return found == nullptr ? 0 : static_cast<int32_t>(found - table.data());
+    const EnableToNativeData* const found = table.first({activity, event});
+    return found == nullptr ? 0 : IndexOf(table, found);
 }
 
 EnableToNativeData RequestRules::FindEnableToNativeData(uint32_t activity, uint32_t event,
                                                         const EnableToNativeTable& table) {
-    const EnableToNativeData* found = Find(table, activity, event);
+    const EnableToNativeData* const found = table.first({activity, event});
     return found == nullptr ? EnableToNativeData{} : *found;
 }
 
 bool RequestRules::FindEnableToNativeDataExist(uint32_t activity, uint32_t event,
                                                const EnableToNativeTable& table) {
-    return Find(table, activity, event) == nullptr;
+    return table.first({activity, event}) == nullptr;
 }
 
 void RequestRules::RemoveActivityEvent(uint64_t pid, uint32_t activity, uint32_t event,
                                        EnableRequestTable& table) {
-    RemoveFirstOf(table, pid, activity, event);
+    table.erase(pid, activity, event);
 }
 
 void RequestRules::RemoveEnableToNativeData(uint32_t activity, uint32_t event,
                                             EnableToNativeTable& table) {
-    const int32_t index = FindEnableToNativeDataIndex(activity, event, table);
-    if (index >= 0) table.erase(table.begin() + index);
+    if (!table.erase({activity, event}) && !table.empty()) table.erase(PairOf()(*table.begin()));
 }
 
 void RequestRules::RemoveFirst(uint64_t pid, uint32_t activity, uint32_t event,
                                FirstReportTable& table) {
-    RemoveFirstOf(table, pid, activity, event);
+    table.erase({pid, {activity, event}});
 }
 
 void RequestRules::RemoveLastActivityEvent(uint64_t pid, uint32_t activity, uint32_t event,
                                            LastEventTable& table) {
-    RemoveFirstOf(table, pid, activity, event);
+    table.erase(pid, activity, event);
 }
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

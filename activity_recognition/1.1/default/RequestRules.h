@@ -1,10 +1,12 @@
 // The rules on requests: what is valid, how latencies are rounded and merged, how the tables are
-// searched and thinned. Functions of their arguments alone; none locks.
+// searched and thinned. Functions of their arguments alone; callers hold the tables' locks.
 #pragma once
 
 #include <stdint.h>
 
 #include "Conversions.h"
+#include "EnableRequestTable.h"
+#include "LastEventTable.h"
 #include "RequestTables.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {

@@ -6,7 +6,6 @@
 #include <stdint.h>
 
 #include <utility>
-#include <vector>
 
 #include <zaltho/activity_recognition_native.h>
 
@@ -63,39 +62,29 @@ static_assert(offsetof(EventResponseData, extra) == 88, "EventResponseData chang
 
 #pragma pack(pop)
 
-// A routed event between the batch and the client records.
-struct ZqActivityRecognitionExtEvent {
-    uint32_t activity;
-    uint32_t event;
-    int64_t timestamp;
-    uint8_t reserved[64];  // zero
-    uint32_t extra;
-};
-static_assert(offsetof(ZqActivityRecognitionExtEvent, extra) == 80, "record changed");
-
 using PairKey = std::pair<uint32_t, uint32_t>;            // activity, event
 using ClientPairKey = std::pair<uint64_t, PairKey>;       // process id, pair
 using ClientActivityKey = std::pair<uint64_t, uint32_t>;  // process id, activity
 
 struct PairOf {
-    PairKey operator()(const EnableRequestData& r) const { return {r.activity, r.event}; }
+    template <typename Record>
+    PairKey operator()(const Record& r) const {
+        return {uint32_t{r.activity}, uint32_t{r.event}};  // it may be packed: no references
+    }
 };
 struct ClientPairOf {
-    ClientPairKey operator()(const FirstReport& r) const { return {r.pid, {r.activity, r.event}}; }
+    template <typename Record>
+    ClientPairKey operator()(const Record& r) const {
+        return {r.pid, PairOf()(r)};
+    }
 };
 struct ClientActivityOf {
     ClientActivityKey operator()(const EventResponseData& r) const {
-        return {uint64_t{r.pid}, r.activity};  // the record is packed: no reference to its fields
+        return {uint64_t{r.pid}, uint32_t{r.activity}};
     }
 };
-struct Itself {
-    uint64_t operator()(uint64_t pid) const { return pid; }
-};
 
-using EnableRequestTable = IndexedTable<EnableRequestData, PairOf>;
-using EnableToNativeTable = std::vector<EnableToNativeData>;
+using EnableToNativeTable = IndexedTable<EnableToNativeData, PairOf>;
 using FirstReportTable = IndexedTable<FirstReport, ClientPairOf>;
-using LastEventTable = IndexedTable<EventResponseData, ClientActivityOf>;
-using ClientList = IndexedTable<uint64_t, Itself>;
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

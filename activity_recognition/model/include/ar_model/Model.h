@@ -69,6 +69,8 @@ struct Who {
 class World {
   public:
     virtual ~World() = default;
+    // Between the records of a batch of plain events others' enables and disables get in.
+    virtual void betweenRecords() {}
     virtual int32_t call(const NativeCall& call) = 0;
     virtual Snapshot currentActivity() = 0;
     // The method of the client's callback interface. False: the transport failed.

@@ -1,0 +1,67 @@
+#include "LastEventTable.h"
+
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
+
+using ::android::Mutex;
+
+void LastEventTable::note(uint64_t pid, uint32_t activity, uint32_t event, int64_t timestamp) {
+    Mutex::Autolock lock(mLock);
+    settle(slotOf(activity));
+    EventResponseData* const record = mRecords.first({pid, activity});
+    if (record != nullptr) {
+        record->event = event;
+    } else {
+        mRecords.push_back({pid, activity, event, timestamp, {}, 0});
+    }
+}
+
+void LastEventTable::announceErase(uint32_t activity) {
+    Mutex::Autolock lock(mLock);
+    settle(slotOf(activity));
+    ++mErasing[slotOf(activity)];
+}
+
+void LastEventTable::erase(uint64_t pid, uint32_t activity, uint32_t event) {
+    Mutex::Autolock lock(mLock);
+    --mErasing[slotOf(activity)];
+    const auto fits = [event](const EventResponseData& record) { return record.event == event; };
+    if (mRecords.erase({pid, activity}, fits)) ++mRemovals[slotOf(activity)];
+}
+
+LastEventTable::Notes LastEventTable::startWalk(const PairKey& key) {
+    Mutex::Autolock lock(mLock);
+    return {key, {}, mRemovals[slotOf(key.first)]};
+}
+
+void LastEventTable::addTo(Notes& notes, uint64_t pid) {
+    Mutex::Autolock lock(mLock);
+    notes.records.push_back(mRecords.first({pid, notes.key.first}));
+}
+
+bool LastEventTable::defer(const Notes& notes) {
+    const size_t slot = slotOf(notes.key.first);
+    Mutex::Autolock lock(mLock);
+    if (mErasing[slot] != 0 || mRemovals[slot] != notes.removals) return false;
+    Deferred& deferred = mDeferred[slot];
+    if (deferred.older != nullptr) settle(slot);
+    deferred.older = deferred.newer;
+    deferred.newer = &notes;
+    mDeferring |= uint64_t{1} << slot;
+    return true;
+}
+
+void LastEventTable::settle(size_t slot) {
+    for (const Notes* notes : {mDeferred[slot].older, mDeferred[slot].newer}) {
+        if (notes == nullptr) continue;
+        for (EventResponseData* record : notes->records) record->event = notes->key.second;
+    }
+    mDeferred[slot] = {};
+}
+
+void LastEventTable::settle() {
+    Mutex::Autolock lock(mLock);
+    for (; mDeferring != 0; mDeferring &= mDeferring - 1) settle(__builtin_ctzll(mDeferring));
+}
+
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

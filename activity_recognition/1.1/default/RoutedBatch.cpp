@@ -1,0 +1,95 @@
+#include "RoutedBatch.h"
+
+#include <algorithm>
+#include <numeric>
+
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
+
+namespace {
+
+constexpr size_t kKeptLists = 16;  // 120 KB for full batches
+
+}  // namespace
+
+void RoutedBatch::startRun(const std::shared_ptr<DeliveryPlan>& plan) {
+    plan->batch = mNumber;
+    plan->run = static_cast<uint32_t>(mRuns.size());
+    mRuns.push_back(plan);
+    mLengths.push_back(0);
+}
+
+const std::vector<uint32_t>& RoutedBatch::group(size_t all, bool everybody) {
+    constexpr uint32_t kNoRun = ~0u;
+    mEverybody = everybody;
+    mShareOf.resize(all, kNothing);
+    mShares.assign(1, {kNothing, kNoRun, static_cast<uint32_t>(all), kNoRun, kNothing, 0});
+    for (uint32_t run = 0; run < mRuns.size(); ++run) {
+        for (const uint32_t position : mRuns[run]->processes) {
+            const uint32_t under = mShareOf[position];
+            if (under == kNothing) mPositions.push_back(position);
+            if (mShares[under].grownFor != run) {
+                mShares[under].grownFor = run;
+                mShares[under].grown = static_cast<uint32_t>(mShares.size());
+                mShares.push_back({under, run, 0, kNoRun, kNothing, 0});
+            }
+            --mShares[under].users;
+            mShareOf[position] = mShares[under].grown;
+            ++mShares[mShareOf[position]].users;
+        }
+    }
+    if (everybody) {
+        mPositions.resize(all);
+        std::iota(mPositions.begin(), mPositions.end(), 0);
+    } else if (!std::is_sorted(mPositions.begin(), mPositions.end())) {
+        std::sort(mPositions.begin(), mPositions.end());
+    }
+    return mPositions;
+}
+
+const RoutedBatch::Lists& RoutedBatch::listsOf(uint32_t position) {
+    Share& share = mShares[mShareOf[position]];
+    if (share.list != 0) return mLists[share.list];
+    if (share.users > 1) share.list = mUsedLists++;
+    if (mLists.size() < mUsedLists) mLists.resize(mUsedLists);
+    fill(share, &mLists[share.list]);
+    return mLists[share.list];
+}
+
+void RoutedBatch::fill(const Share& share, Lists* lists) {
+    mCopies.resize(mRuns.size(), 0);
+    size_t length = 0;
+    for (const Share* part = &share; part != &mShares[kNothing]; part = &mShares[part->under]) {
+        ++mCopies[part->run];
+        length += mLengths[part->run];
+    }
+    fill(length, &lists->eventsV1_1);
+    if (mEverybody) fill(length, &lists->eventsV1_0);
+    std::fill(mCopies.begin(), mCopies.end(), 0);
+}
+
+template <typename Record>
+void RoutedBatch::fill(size_t length, std::vector<Record>* list) const {
+    list->resize(length);
+    Record* to = list->data();
+    for (const Routed& routed : mEvents) {
+        // Two requests of a process for the pair bring it the event twice.
+        for (uint32_t copies = mCopies[routed.run]; copies > 0; --copies) {
+            ConvertWhole(*routed.event, to++);
+        }
+    }
+}
+
+void RoutedBatch::clear() {
+    for (const uint32_t position : mPositions) mShareOf[position] = kNothing;
+    mPositions.clear();
+    mEvents.clear();
+    mRuns.clear();
+    mLengths.clear();
+    // A batch that needed many lists doesn't keep them from then on.
+    mLists.resize(std::max<size_t>(std::min(mLists.size(), kKeptLists), mUsedLists));
+    mUsedLists = 1;
+    ++mNumber;
+}
+
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

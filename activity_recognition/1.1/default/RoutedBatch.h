@@ -1,0 +1,144 @@
+// A batch of plain events between routing and report: which event goes to which processes, and each
+// process's share as client records.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "Conversions.h"
+#include "EnableRequestTable.h"
+#include "LastEventTable.h"
+
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
+
+// Every process that ever had a routed event, in order of appearance. Never pruned.
+class ReportList {
+  public:
+    size_t size() const { return mPids.size(); }
+    bool empty() const { return mPids.empty(); }
+    uint64_t operator[](size_t position) const { return mPids[position]; }
+    std::vector<uint64_t>::const_iterator begin() const { return mPids.begin(); }
+    std::vector<uint64_t>::const_iterator end() const { return mPids.end(); }
+
+    // The process's position, which is the last one if it is new.
+    uint32_t add(uint64_t pid) {
+        const auto added = mPositions.emplace(pid, static_cast<uint32_t>(mPids.size()));
+        if (added.second) mPids.push_back(pid);
+        return added.first->second;
+    }
+    void clear() {
+        mPids.clear();
+        mPositions.clear();
+    }
+
+  private:
+    std::vector<uint64_t> mPids;
+    std::unordered_map<uint64_t, uint32_t, KeyHash> mPositions;
+};
+
+// Whom the events of a pair go to, as walking its requests has found it. Stands until a request of
+// the pair changes; a batch keeps the plans that its events began with. Used under delivery's lock
+// only.
+struct DeliveryPlan {
+    std::vector<uint32_t> processes;  // positions in the report list, ascending, one a request
+    LastEventTable::Notes notes;
+
+    uint64_t batch = 0;  // the last batch with an event of this plan,
+    uint32_t run = 0;    // and which of its plans this is
+};
+
+// Where a pair's events go as long as no request and no barrier changes.
+struct Route {
+    uint32_t activity = 0;
+    uint32_t event = 0;
+    uint64_t pid = 0;                          // whose barrier it is
+    uint64_t changes = ~0ull;                  // of requests and barriers, when they were looked up
+    EnableRequestTable::Pair* pair = nullptr;  // NULL when nobody wants it
+    int64_t barrier = 0;
+
+    bool holds(uint32_t ofActivity, uint32_t ofEvent, uint64_t ofPid, uint64_t now) const {
+        return changes == now && activity == ofActivity && event == ofEvent && pid == ofPid;
+    }
+};
+
+// The routes that were looked up last.
+class RouteMemory {
+  public:
+    // Of this pair, if it is remembered.
+    Route& at(uint32_t activity, uint32_t event) {
+        return mRoutes[(activity * 2 + event) % kRoutes];
+    }
+
+  private:
+    static constexpr size_t kRoutes = 64;
+    Route mRoutes[kRoutes];
+};
+
+// Processes whose requests are of the same pairs share one list. Buffers stay for the next batch,
+// so that one allocates only where it exceeds those before it; of lists, those beyond a few stay
+// only while batches need them. Locks nothing.
+class RoutedBatch {
+  public:
+    // One process's share in each version's form, in the order of the events.
+    struct Lists {
+        std::vector<ActivityEventV1_1> eventsV1_1;
+        std::vector<ActivityEvent> eventsV1_0;
+    };
+
+    // An event that goes to the processes of the plan. The native record is read until clear().
+    void add(const activity_event& event, const std::shared_ptr<DeliveryPlan>& plan) {
+        if (plan->batch != mNumber) startRun(plan);
+        mEvents.emplace_back(&event, plan->run);
+        ++mLengths[plan->run];
+    }
+
+    // Groups what was added by process. Answers the positions of the processes that have a share
+    // or, with everybody, all of the report list; ascending. all: how many the report list has.
+    const std::vector<uint32_t>& group(size_t all, bool everybody);
+    bool hasShare(uint32_t position) const { return mShareOf[position] != kNothing; }
+    // Holds until it is asked for another position. Version 1.0 lists are made with everybody only.
+    const Lists& listsOf(uint32_t position);
+
+    void clear();
+
+  private:
+    // What a process gets: the events of a run on top of what another share has.
+    struct Share {
+        uint32_t under;
+        uint32_t run;
+        uint32_t users;
+        uint32_t grownFor;  // the run on top of which this one stands in grown
+        uint32_t grown;
+        uint32_t list;  // 0: none yet
+    };
+    struct Routed {
+        Routed(const activity_event* event, uint32_t run) : event(event), run(run) {}
+        const activity_event* event;
+        uint32_t run;
+    };
+    enum : uint32_t { kNothing = 0 };  // the share of who gets nothing
+
+    void startRun(const std::shared_ptr<DeliveryPlan>& plan);
+    void fill(const Share& share, Lists* lists);
+    template <typename Record>
+    void fill(size_t length, std::vector<Record>* list) const;
+
+    std::vector<Routed> mEvents;
+    std::vector<std::shared_ptr<DeliveryPlan>> mRuns;  // the plans in order of appearance
+    std::vector<uint32_t> mLengths;                    // events of each run
+    std::vector<Share> mShares;
+    std::vector<uint32_t> mShareOf;  // by position; all kNothing between batches
+    std::vector<uint32_t> mPositions;
+    std::vector<uint32_t> mCopies;  // by run: how often the share has it; all 0 between fills
+    std::vector<Lists> mLists;      // the first is that of shares which one process has
+    uint32_t mUsedLists = 1;
+    uint64_t mNumber = 1;
+    bool mEverybody = false;
+};
+
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
