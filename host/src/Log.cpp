@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -30,28 +31,40 @@ class ScopedNoSigpipe {
     ScopedNoSigpipe() {
         sigemptyset(&mPipe);
         sigaddset(&mPipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &mPipe, &mBefore);
+        if (!sigismember(&mBefore, SIGPIPE)) return;  // so none is pending
         sigset_t pending;
         sigpending(&pending);
         mWasPending = sigismember(&pending, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &mPipe, &mBefore);
     }
     ~ScopedNoSigpipe() {
         const timespec now = {};
-        while (!mWasPending && sigtimedwait(&mPipe, nullptr, &now) < 0 && errno == EINTR) {
+        while (mBroken && !mWasPending && sigtimedwait(&mPipe, nullptr, &now) < 0 &&
+               errno == EINTR) {
         }
         pthread_sigmask(SIG_SETMASK, &mBefore, nullptr);
+    }
+
+    // What write() answered.
+    ssize_t wrote(ssize_t size) {
+        mBroken |= size < 0 && errno == EPIPE;
+        return size;
     }
 
   private:
     sigset_t mPipe;
     sigset_t mBefore;
-    bool mWasPending;
+    bool mWasPending = false;
+    bool mBroken = false;
 };
 
-bool writeAll(int fd, const std::string& line) {
+// Writes the line whole; what it cannot write at once it does not, if fd does not wait.
+// noSigpipe: NULL for what cannot break.
+bool writeAll(int fd, const std::string& line, ScopedNoSigpipe* noSigpipe) {
     ssize_t size;
     do {
         size = write(fd, line.data(), line.size());
+        if (noSigpipe != nullptr) noSigpipe->wrote(size);
     } while (size < 0 && errno == EINTR);
     return size == static_cast<ssize_t>(line.size());
 }
@@ -60,19 +73,28 @@ bool writeAll(int fd, const std::string& line) {
 bool put(const std::string& line) {
     struct stat info = {};
     if (fstat(STDERR_FILENO, &info) != 0) return false;
-    if (S_ISREG(info.st_mode)) return writeAll(STDERR_FILENO, line);
     if (S_ISSOCK(info.st_mode)) {
         return send(STDERR_FILENO, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL) ==
                static_cast<ssize_t>(line.size());
     }
+    if (S_ISREG(info.st_mode)) return writeAll(STDERR_FILENO, line, nullptr);
     ScopedNoSigpipe noSigpipe;
-    // O_NONBLOCK on stderr itself would be everybody's who has it. Opened for each line, so that
-    // the program may point stderr elsewhere, and its reader sees the end when it closes it.
+    // O_NONBLOCK on stderr itself would be everybody's who has it. Linux 6.4 knows it for a single
+    // write to a pipe.
+    iovec whole = {const_cast<char*>(line.data()), line.size()};
+    const ssize_t size =
+            noSigpipe.wrote(pwritev2(STDERR_FILENO, &whole, 1, /*offset=*/-1, RWF_NOWAIT));
+    if (size >= 0 || (errno != EOPNOTSUPP && errno != ENOSYS)) {
+        return size == static_cast<ssize_t>(line.size());
+    }
+    // Else it is opened anew for each line, so that the program may point stderr elsewhere, and its
+    // reader sees the end when it closes it.
     base::unique_fd own(open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (own.get() >= 0) return writeAll(own.get(), line);
+    if (own.get() >= 0) return writeAll(own.get(), line, &noSigpipe);
     // Another user's pipe, or no descriptor left: as good as it gets is to ask first.
     pollfd room = {STDERR_FILENO, POLLOUT, 0};
-    return poll(&room, 1, 0) == 1 && room.revents == POLLOUT && writeAll(STDERR_FILENO, line);
+    return poll(&room, 1, 0) == 1 && room.revents == POLLOUT &&
+           writeAll(STDERR_FILENO, line, &noSigpipe);
 }
 
 // liblog's own form.
