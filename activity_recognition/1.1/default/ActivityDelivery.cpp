@@ -70,8 +70,14 @@ void ActivityInterface::PackageNamePush(const activity_event* events, int32_t co
 }
 
 Route ActivityInterface::FindRoute(const PairKey& key, uint64_t pid, uint64_t changes) {
-    return {key.first, key.second,           pid,
-            changes,   mEventData.find(key), GetLastTime(pid, key.first, key.second)};
+    Route route;
+    route.activity = key.first;
+    route.event = key.second;
+    route.pid = pid;
+    route.changes = changes;
+    route.pair = mEventData.find(key);
+    route.barrier = GetLastTime(pid, key.first, key.second);
+    return route;
 }
 
 void ActivityInterface::WalkRequests(EnableRequestTable::Pair& pair, const activity_event& event,

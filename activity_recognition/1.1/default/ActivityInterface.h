@@ -110,7 +110,7 @@ class ActivityInterface : public V1_1::IActivityInterface,
     // follow while the requests stand.
     static void WalkRequests(EnableRequestTable::Pair& pair, const activity_event& event,
                              int32_t pid) REQUIRES(mListMutex, eventMutex);
-    // Routes one event to one request.
+    // Does for one request what an event of its pair does.
     static void OneDataPush(int32_t activity, const activity_event& event, int32_t pid,
                             const EnableRequestData& request, std::vector<EventResponseData>& batch)
             REQUIRES(mListMutex, eventMutex);

@@ -76,8 +76,7 @@ class ClientTable {
     void add(const sp<Callback>& callback, unsigned long pid) {
         const ssize_t known = mClients.indexOfKey(callback);
         if (known >= 0) removeItemsAt(known);
-        mClients.add(callback, pid);
-        if (callback == nullptr) return;
+        if (mClients.add(callback, pid) < 0 || callback == nullptr) return;
         Callbacks& callbacks = mCallbacks[pid];
         callbacks.insert(std::lower_bound(callbacks.begin(), callbacks.end(), callback.get()),
                          callback.get());

@@ -1,8 +1,4 @@
 #include "EnableRequestTable.h"
-
-#include <algorithm>
-#include <iterator>
-
 #include "RequestRules.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {

@@ -18,9 +18,9 @@ namespace V1_1 { namespace implementation {
 
 struct DeliveryPlan;
 
-// Requests in the order in which they were made, of all clients and of each pair. What is asked of
-// it costs the work for the requests that it is about, whatever else stands in the table; a pair's
-// merge is kept up to date by every change instead of being walked for. Locks nothing.
+// Requests in the order in which they were made, of all clients and of each pair. Nothing that is
+// asked costs more when other requests stand in the table; a pair's merge is kept up to date by
+// every change instead of being walked for. Locks nothing.
 class EnableRequestTable {
   public:
     using Requests = std::list<const EnableRequestData*>;
@@ -45,7 +45,8 @@ class EnableRequestTable {
     };
 
     EnableRequestTable() = default;
-    EnableRequestTable(EnableRequestTable&&) = default;  // no copies: they would share the pairs
+    EnableRequestTable(EnableRequestTable&&) =
+            default;  // no copies: they would point into this one
 
     size_t size() const { return mRecords.size(); }
     bool empty() const { return mRecords.empty(); }

@@ -38,6 +38,10 @@ class IndexedTable {
   public:
     using Key = decltype(KeyOf()(std::declval<Record>()));
 
+    IndexedTable() = default;
+    IndexedTable(IndexedTable&&) = default;  // no copies: their index would lead into this one
+    IndexedTable& operator=(IndexedTable&&) = default;
+
     size_t size() const { return mRecords.size(); }
     bool empty() const { return mRecords.empty(); }
     typename std::list<Record>::const_iterator begin() const { return mRecords.begin(); }

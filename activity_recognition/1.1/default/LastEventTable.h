@@ -16,12 +16,13 @@ namespace vendor { namespace zaltho { namespace hardware { namespace activity_re
 namespace V1_1 { namespace implementation {
 
 // One record for a client and an activity, in the order of their first events. Delivery notes
-// events, disabling removes records. Events that a batch notes again for clients that it has noted
-// before cost nothing each: what they change is written once, before anybody looks.
+// events, disabling removes records. What a batch's events note again for the same clients is
+// deferred and written once, before anybody looks: nearly all of them cost no lock and no look-up.
 //
 // Callers hold two locks that this knows nothing of: delivery's for what only delivery calls, and
-// the requests' where it says so. They keep deferred writes and removals apart without the leaf
-// lock, which is taken only where records are touched.
+// the requests' where it says so. A removal is announced with the requests' lock, which writes what
+// was deferred and stops deferring until it is done; so a deferred write never meets a record that
+// is gone.
 class LastEventTable {
   public:
     // Where the events of a pair are noted, as walking its requests has found it.
@@ -32,12 +33,13 @@ class LastEventTable {
     };
 
     // Makes event the client's last one for the activity; a record that stands keeps its timestamp.
+    // Called with the requests' lock.
     void note(uint64_t pid, uint32_t activity, uint32_t event, int64_t timestamp) EXCLUDES(mLock);
 
     // A removal for the activity is about to come. Called with the requests' lock; erase() then
     // follows without.
     void announceErase(uint32_t activity) EXCLUDES(mLock);
-    // Removes the client's first record of this activity and event, if any.
+    // Removes the client's first record of this activity and event, if any. Was announced.
     void erase(uint64_t pid, uint32_t activity, uint32_t event) EXCLUDES(mLock);
 
     // ---- Delivery's. All but settle() are called with the requests' lock.
@@ -60,8 +62,9 @@ class LastEventTable {
   private:
     friend struct ActivityInterfaceTestPeer;
 
-    // Writes of two pairs that may take turns; the older goes first. Changed by delivery with the
-    // requests' lock, and by others with that and the leaf lock.
+    // Writes of two pairs that may take turns; the older goes first. Read and changed by delivery,
+    // and by others with the requests' lock and the leaf lock, which keep delivery out: it has one
+    // of them wherever it looks.
     struct Deferred {
         const Notes* older = nullptr;
         const Notes* newer = nullptr;

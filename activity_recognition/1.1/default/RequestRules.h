@@ -1,5 +1,6 @@
 // The rules on requests: what is valid, how latencies are rounded and merged, how the tables are
-// searched and thinned. Functions of their arguments alone; callers hold the tables' locks.
+// searched and thinned. Functions of their arguments alone; callers hold the tables' locks, but
+// that of last events, which locks itself.
 #pragma once
 
 #include <stdint.h>

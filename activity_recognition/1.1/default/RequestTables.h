@@ -47,15 +47,15 @@ struct EnableToNativeData {
 };
 static_assert(sizeof(EnableToNativeData) == 28, "EnableToNativeData changed size");
 
-// One plain event on its way to one client. In the last-event table: event is the type routed last,
-// timestamp that of the first.
+// One plain event for one client. In the last-event table: event is the type routed last, timestamp
+// that of the first.
 struct EventResponseData {
     uint64_t pid;
     uint32_t activity;
     uint32_t event;
     int64_t timestamp;
     uint8_t reserved[64];  // no meaning; copied with the record
-    uint32_t extra;        // set in batch records only
+    uint32_t extra;        // unset in the last-event table
 };
 static_assert(sizeof(EventResponseData) == 92, "EventResponseData changed size");
 static_assert(offsetof(EventResponseData, extra) == 88, "EventResponseData changed");

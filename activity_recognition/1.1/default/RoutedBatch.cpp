@@ -50,7 +50,12 @@ const std::vector<uint32_t>& RoutedBatch::group(size_t all, bool everybody) {
 const RoutedBatch::Lists& RoutedBatch::listsOf(uint32_t position) {
     Share& share = mShares[mShareOf[position]];
     if (share.list != 0) return mLists[share.list];
-    if (share.users > 1) share.list = mUsedLists++;
+    if (share.users > 1) {
+        share.list = mUsedLists++;
+    } else {
+        if (mAlone == mShareOf[position]) return mLists[0];
+        mAlone = mShareOf[position];
+    }
     if (mLists.size() < mUsedLists) mLists.resize(mUsedLists);
     fill(share, &mLists[share.list]);
     return mLists[share.list];
@@ -73,9 +78,10 @@ void RoutedBatch::fill(size_t length, std::vector<Record>* list) const {
     list->resize(length);
     Record* to = list->data();
     for (const Routed& routed : mEvents) {
-        // Two requests of a process for the pair bring it the event twice.
+        // A share may have a run twice: a process with two requests for the pair gets each event
+        // twice.
         for (uint32_t copies = mCopies[routed.run]; copies > 0; --copies) {
-            ConvertWhole(*routed.event, to++);
+            ConvertWhole(routed.event, to++);
         }
     }
 }
@@ -86,9 +92,10 @@ void RoutedBatch::clear() {
     mEvents.clear();
     mRuns.clear();
     mLengths.clear();
-    // A batch that needed many lists doesn't keep them from then on.
+    // Many lists go with the first batch that needs fewer.
     mLists.resize(std::max<size_t>(std::min(mLists.size(), kKeptLists), mUsedLists));
     mUsedLists = 1;
+    mAlone = kNoShare;
     ++mNumber;
 }
 

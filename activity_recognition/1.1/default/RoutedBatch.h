@@ -41,9 +41,9 @@ class ReportList {
     std::unordered_map<uint64_t, uint32_t, KeyHash> mPositions;
 };
 
-// Whom the events of a pair go to, as walking its requests has found it. Stands until a request of
-// the pair changes; a batch keeps the plans that its events began with. Used under delivery's lock
-// only.
+// Whom the events of a pair go to, as walking its requests has found it. The pair has it, under the
+// requests' lock, until one of its requests or of the last events that it notes goes or comes. A
+// batch keeps the plans that its events began with, and what is in them is delivery's alone.
 struct DeliveryPlan {
     std::vector<uint32_t> processes;  // positions in the report list, ascending, one a request
     LastEventTable::Notes notes;
@@ -90,10 +90,11 @@ class RoutedBatch {
         std::vector<ActivityEvent> eventsV1_0;
     };
 
-    // An event that goes to the processes of the plan. The native record is read until clear().
+    // An event that goes to the processes of the plan. It is copied: the module may write its
+    // records anew while clients are called.
     void add(const activity_event& event, const std::shared_ptr<DeliveryPlan>& plan) {
         if (plan->batch != mNumber) startRun(plan);
-        mEvents.emplace_back(&event, plan->run);
+        mEvents.emplace_back(event, plan->run);
         ++mLengths[plan->run];
     }
 
@@ -101,7 +102,8 @@ class RoutedBatch {
     // or, with everybody, all of the report list; ascending. all: how many the report list has.
     const std::vector<uint32_t>& group(size_t all, bool everybody);
     bool hasShare(uint32_t position) const { return mShareOf[position] != kNothing; }
-    // Holds until it is asked for another position. Version 1.0 lists are made with everybody only.
+    // Holds until it is asked for a position that has other events. Version 1.0 lists are made with
+    // everybody only.
     const Lists& listsOf(uint32_t position);
 
     void clear();
@@ -117,11 +119,11 @@ class RoutedBatch {
         uint32_t list;  // 0: none yet
     };
     struct Routed {
-        Routed(const activity_event* event, uint32_t run) : event(event), run(run) {}
-        const activity_event* event;
+        Routed(const activity_event& event, uint32_t run) : event(event), run(run) {}
+        activity_event event;
         uint32_t run;
     };
-    enum : uint32_t { kNothing = 0 };  // the share of who gets nothing
+    enum : uint32_t { kNothing = 0, kNoShare = ~0u };  // kNothing: the share of who gets nothing
 
     void startRun(const std::shared_ptr<DeliveryPlan>& plan);
     void fill(const Share& share, Lists* lists);
@@ -137,6 +139,7 @@ class RoutedBatch {
     std::vector<uint32_t> mCopies;  // by run: how often the share has it; all 0 between fills
     std::vector<Lists> mLists;      // the first is that of shares which one process has
     uint32_t mUsedLists = 1;
+    uint32_t mAlone = kNoShare;  // the share that the first list holds
     uint64_t mNumber = 1;
     bool mEverybody = false;
 };
