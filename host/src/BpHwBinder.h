@@ -33,7 +33,7 @@ class BpHwBinder : public IBinder {
     uint64_t id() const { return mId; }
 
     // How often the object has been sent here; guarded by the session.
-    uint32_t received = 0;
+    uint64_t received = 0;
 
   private:
     ~BpHwBinder() override;

@@ -17,21 +17,28 @@ void deallocate(uint8_t* room) {
     if (room != nullptr) delete[](room - Bytes::kHeadroom);
 }
 
-// Two, for a call and its answer.
+// Two, for a call and its answer. Without a destructor, since calls may be made as late as in
+// destructors of other objects of the thread or the process.
 struct Spares {
-    ~Spares() {
-        deallocate(small.room);
-        deallocate(large.room);
-    }
     struct Room {
-        uint8_t* room = nullptr;
-        size_t capacity = 0;
+        uint8_t* room;
+        size_t capacity;
     };
     Room small;
     Room large;
+    bool gone;  // nothing is kept any more
 };
+thread_local Spares tSpares = {};
 
-thread_local Spares tSpares;
+struct SparesEnd {
+    ~SparesEnd() {
+        const Spares spares = std::exchange(tSpares, {{}, {}, /*gone=*/true});
+        deallocate(spares.small.room);
+        deallocate(spares.large.room);
+    }
+    void arm() {}
+};
+thread_local SparesEnd tSparesEnd;
 
 }  // namespace
 
@@ -54,6 +61,8 @@ void Bytes::grow(size_t capacity) {
 
 void Bytes::release(uint8_t* room, size_t capacity) {
     Spares& spares = tSpares;
+    if (spares.gone) return deallocate(room);
+    tSparesEnd.arm();
     if (capacity > spares.large.capacity && capacity <= kMaxSpare) {
         std::swap(room, spares.large.room);
         std::swap(capacity, spares.large.capacity);

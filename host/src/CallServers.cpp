@@ -1,7 +1,5 @@
 #include "CallServers.h"
 
-#include <algorithm>
-
 #include "Node.h"
 #include "Session.h"
 #include "Thread.h"
@@ -32,7 +30,9 @@ bool ServedConnection::wake() {
 
 bool ServedConnection::letGo() {
     State resting = kResting;
-    return mState.compare_exchange_strong(resting, kGone);
+    if (!mState.compare_exchange_strong(resting, kGone)) return false;
+    mRestingSince.store(UINT64_MAX, std::memory_order_relaxed);
+    return true;
 }
 
 CallServers& CallServers::self() {
@@ -48,7 +48,6 @@ bool CallServers::start() {
 
 void CallServers::serve(const std::shared_ptr<Session>& session, const ConnectionPtr& connection) {
     const Waiting waiting = {session, connection, Clock::now()};
-    Node::self().retrySoon();
     if (startThread("hidl-pool", [this, waiting] { run(waiting, false); })) return;
     {
         Mutex::Autolock lock(mMutex);
@@ -56,6 +55,7 @@ void CallServers::serve(const std::shared_ptr<Session>& session, const Connectio
         mLineLength = mLine.size();
         mCame.notify_one();
     }
+    Node::self().retrySoon();
     makeRoom();
 }
 
@@ -68,6 +68,7 @@ void CallServers::run(Waiting first, bool stays) {
             Mutex::Autolock lock(mMutex);
             place = mServed.insert(mServed.end(), &served);
         }
+        Node::self().retrySoon();
         now.session->serveCalls(&served);
         {
             Mutex::Autolock lock(mMutex);
@@ -108,11 +109,20 @@ bool CallServers::sweep() {
 
 void CallServers::makeRoom() {
     Mutex::Autolock lock(mMutex);
-    auto longest = std::min_element(mServed.begin(), mServed.end(),
-                                    [](const ServedConnection* a, const ServedConnection* b) {
-                                        return a->restingSince() < b->restingSince();
-                                    });
-    if (longest != mServed.end() && (*longest)->letGo()) (*longest)->connection()->stopReceiving();
+    // One that is just being called cannot be let go: then the next.
+    for (uint64_t from = 0;;) {
+        ServedConnection* longest = nullptr;
+        uint64_t since = UINT64_MAX;
+        for (ServedConnection* served : mServed) {
+            const uint64_t resting = served->restingSince();
+            if (resting < from || resting >= since) continue;
+            longest = served;
+            since = resting;
+        }
+        if (longest == nullptr) return;
+        if (longest->letGo()) return longest->connection()->stopReceiving();
+        from = since + 1;
+    }
 }
 
 }}}  // namespace android::hardware::host

@@ -21,8 +21,8 @@ class Descriptors {
     bool haveRoomForSession(size_t sessions) const;
     // Whether the connections that there are leave room for `owed` that must be had.
     bool haveRoomBeside(size_t owed) const;
-    // How many control connections one process may have, of which it needs one, and how many others
-    // beside each.
+    // How many control connections one process may have, of which it needs one, and how many
+    // others.
     size_t maxOfOne() const;
     // How many connections may be silent at a time.
     size_t maxStrangers() const;

@@ -37,9 +37,9 @@ Message hello(Role role, const Token& token) {
     return message;
 }
 
-void add(int epoll, int fd, uint32_t events, uint64_t source) {
+bool add(int epoll, int fd, uint32_t events, uint64_t source) {
     epoll_event event = {events, {.u64 = source}};
-    epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event);
+    return epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
 }  // namespace
@@ -119,7 +119,7 @@ SessionPtr Node::dial(const std::string& socketName) {
     }
     if (session != nullptr) {
         session->offerServing();
-        session->awaitServing();
+        session->awaitServing(std::chrono::steady_clock::now() + kPeerLimit);
     }
     return session;
 }
@@ -130,13 +130,13 @@ SessionPtr Node::greetAt(const std::string& socketName) {
     Token token;
     if (getrandom(token.data(), sizeof(token), 0) != sizeof(token)) return nullptr;
     const auto end = Clock::now() + kPeerLimit;
+    const auto left = [&] { return std::chrono::duration_cast<milliseconds>(end - Clock::now()); };
     ConnectionPtr control;
     for (milliseconds pause(10);; pause *= 2) {
-        const auto left = std::chrono::duration_cast<milliseconds>(end - Clock::now());
-        if (left.count() <= 0) return nullptr;
-        control = Registry::self().connect(socketName, left);
+        if (left().count() <= 0) return nullptr;
+        control = Registry::self().connect(socketName, left());
         if (control == nullptr) return nullptr;
-        control->limitReceive(left);
+        control->limitReceive(std::max(left(), milliseconds(1)));
         Message answer;
         const bool answered = control->send(hello(Role::kControl, token)) &&
                               control->receiveInTime(&answer) == Received::kMessage;
@@ -146,20 +146,21 @@ SessionPtr Node::greetAt(const std::string& socketName) {
             return nullptr;
         }
         // It was closed as one that says nothing, when many came at once; or the process is going.
-        std::this_thread::sleep_for(std::min(pause, left));
+        std::this_thread::sleep_for(std::min(pause, left()));
     }
     const pid_t peer = control->peer();
     auto session = std::make_shared<Session>(
-            token, control, [socketName, token, peer](Role role) -> ConnectionPtr {
-                ConnectionPtr connection = Registry::self().connect(socketName, kPeerLimit);
+            token, control,
+            [socketName, token, peer](Role role, milliseconds limit) -> ConnectionPtr {
+                ConnectionPtr connection = Registry::self().connect(socketName, limit);
                 if (connection == nullptr || connection->peer() != peer ||
                     !connection->send(hello(role, token))) {
                     return nullptr;
                 }
                 return connection;
             });
-    addSession(session, control);
-    return session;
+    // Without it nobody would hear of its end.
+    return addSession(session, control) ? session : nullptr;
 }
 
 std::vector<SessionPtr> Node::sessions() {
@@ -172,7 +173,8 @@ std::vector<SessionPtr> Node::sessions() {
 void Node::offerServing() {
     const std::vector<SessionPtr> all = sessions();
     for (const SessionPtr& session : all) session->offerServing();
-    for (const SessionPtr& session : all) session->awaitServing();
+    const auto deadline = std::chrono::steady_clock::now() + kPeerLimit;
+    for (const SessionPtr& session : all) session->awaitServing(deadline);
 }
 
 void Node::retrySoon() {
@@ -218,11 +220,12 @@ void Node::watch(const Connection& control, uint32_t events) {
     epoll_ctl(mEpoll.get(), EPOLL_CTL_MOD, control.fd(), &event);
 }
 
-void Node::addSession(const SessionPtr& session, const ConnectionPtr& control) {
+bool Node::addSession(const SessionPtr& session, const ConnectionPtr& control) {
     Mutex::Autolock lock(mMutex);
+    if (!add(mEpoll.get(), control->fd(), Session::kQuietEvents, session->serial())) return false;
     mSessions[session->serial()] = session;
     mSessionsByPeer[{session->peer(), session->token()}] = session;
-    add(mEpoll.get(), control->fd(), Session::kQuietEvents, session->serial());
+    return true;
 }
 
 void Node::endSession(const SessionPtr& session) {
@@ -236,6 +239,22 @@ SessionPtr Node::sessionOf(const Token& token, pid_t peer) {
     Mutex::Autolock lock(mMutex);
     auto it = mSessionsByPeer.find({peer, token});
     return it == mSessionsByPeer.end() ? nullptr : it->second;
+}
+
+std::vector<SessionPtr> Node::sessionsOf(pid_t peer) {
+    std::vector<SessionPtr> sessions;
+    Mutex::Autolock lock(mMutex);
+    for (auto it = mSessionsByPeer.lower_bound({peer, Token{}});
+         it != mSessionsByPeer.end() && it->first.first == peer; ++it) {
+        sessions.push_back(it->second);
+    }
+    return sessions;
+}
+
+size_t Node::connectionsOf(pid_t peer) {
+    size_t count = 0;
+    for (const SessionPtr& session : sessionsOf(peer)) count += session->connections();
+    return count;
 }
 
 bool Node::haveRoomForCalls() {
@@ -313,8 +332,9 @@ bool Node::accept() {
         }
     }
     if (greet(connection)) return true;
-    mStrangers[connection->serial()] = connection;
-    add(mEpoll.get(), connection->fd(), EPOLLIN, connection->serial());
+    if (add(mEpoll.get(), connection->fd(), EPOLLIN, connection->serial())) {
+        mStrangers[connection->serial()] = connection;
+    }
     return true;
 }
 
@@ -355,37 +375,37 @@ bool Node::admit(const ConnectionPtr& connection, Role role, const Message& hell
     const bool calls = role == Role::kCall;
     // Each process can be called in any case.
     const bool owed = !calls && !session->canCall();
-    const size_t limit = mDescriptors.maxOfOne();
     if (!owed && !haveRoomForCalls()) {
         CallServers::self().makeRoom();
         refuseFull(connection, WOULD_BLOCK);
-    } else if (!(calls ? session->acceptServing(connection, limit)
-                       : session->addServing(connection, limit))) {
+    } else if (connectionsOf(connection->peer()) >= mDescriptors.maxOfOne() ||
+               !(calls ? session->acceptServing(connection) : session->addServing(connection))) {
         connection->retire(true, WOULD_BLOCK);
     }
     return true;
 }
 
 bool Node::admitSession(const ConnectionPtr& control, const Message& hello) {
-    size_t sessions;
-    size_t ofThisOne = 0;
+    size_t all;
     {
         Mutex::Autolock lock(mMutex);
-        sessions = mSessions.size();
-        for (auto it = mSessionsByPeer.lower_bound({control->peer(), Token{}});
-             it != mSessionsByPeer.end() && it->first.first == control->peer(); ++it) {
-            ++ofThisOne;
-        }
+        all = mSessions.size();
     }
-    if (ofThisOne >= mDescriptors.maxOfOne() || !mDescriptors.haveRoomForSession(sessions)) {
+    if (sessionsOf(control->peer()).size() >= mDescriptors.maxOfOne() ||
+        !mDescriptors.haveRoomForSession(all)) {
         refuseFull(control, NO_MEMORY);
+        return true;
+    }
+    if (!haveRoomForCalls()) {
+        // For the moment: it may try again.
+        CallServers::self().makeRoom();
+        refuseFull(control, WOULD_BLOCK);
         return true;
     }
     // Known before it is answered: from then on the other side makes further connections.
     const Token token = {hello.header.token[0], hello.header.token[1]};
     const auto session = std::make_shared<Session>(token, control, nullptr);
-    addSession(session, control);
-    if (control->trySend(hello) == Received::kMessage) return true;
+    if (addSession(session, control) && control->trySend(hello) == Received::kMessage) return true;
     endSession(session);
     return false;
 }

@@ -37,7 +37,7 @@ class Node {
     SessionPtr dial(const std::string& socketName) EXCLUDES(mDialMutex, mMutex);
 
     // Lets every process that was dialled call back, as the pool now allows. When it returns, each
-    // of them can, unless it is stopped.
+    // of them can as soon as it gets to it.
     void offerServing();
 
     // Where destructors of the application run.
@@ -69,10 +69,13 @@ class Node {
     bool admit(const ConnectionPtr& connection, Role role, const Message& hello);
     bool admitSession(const ConnectionPtr& control, const Message& hello);
     void refuseFull(const ConnectionPtr& connection, status_t status);
-    void addSession(const SessionPtr& session, const ConnectionPtr& control) EXCLUDES(mMutex);
+    bool addSession(const SessionPtr& session, const ConnectionPtr& control) EXCLUDES(mMutex);
     void endSession(const SessionPtr& session) EXCLUDES(mMutex);
     SessionPtr sessionOf(const Token& token, pid_t peer) EXCLUDES(mMutex);
     std::vector<SessionPtr> sessions() EXCLUDES(mMutex);
+    std::vector<SessionPtr> sessionsOf(pid_t peer) EXCLUDES(mMutex);
+    // Beside control connections, of all its sessions.
+    size_t connectionsOf(pid_t peer) EXCLUDES(mMutex);
     // Whether there is a descriptor for a connection that is not owed to anybody.
     bool haveRoomForCalls() EXCLUDES(mMutex);
 

@@ -80,13 +80,18 @@ class Session::Patience {
         mPause = std::min(2 * mPause, std::chrono::milliseconds(320));
         return true;
     }
-    // False when there is none left; else waits for a change, at most until it is time to try.
+    // False when there is none left; else waits for a change, but not for long.
     bool wait(std::condition_variable_any& freed, Mutex& mutex) {
         const auto now = Clock::now();
         if (now >= deadline()) return false;
-        const auto until = mNextTry > now ? std::min(mNextTry, deadline()) : deadline();
-        freed.wait_until(mutex, until);
+        const auto soon = now + std::chrono::milliseconds(320);
+        freed.wait_until(mutex, mNextTry > now ? std::min(mNextTry, soon) : soon);
         return true;
+    }
+    std::chrono::milliseconds left() {
+        const auto left = deadline() - Clock::now();
+        return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(left),
+                        std::chrono::milliseconds(1));
     }
 
   private:
@@ -164,7 +169,7 @@ ConnectionPtr Session::borrow(Patience* patience) {
         bool dial = false;
         ConnectionPtr connection = takeIdle(patience, &dial);
         if (!dial) return connection;
-        connection = mDialer(Role::kCall);
+        connection = mDialer(Role::kCall, patience->left());
         if (connection != nullptr && remember(connection)) return connection;
         drop();
     }
@@ -172,9 +177,10 @@ ConnectionPtr Session::borrow(Patience* patience) {
 
 ConnectionPtr Session::takeIdle(Patience* patience, bool* dial) {
     Mutex::Autolock lock(mMutex);
-    for (bool asked = false;;) {
+    for (bool waited = false;; waited = true) {
         if (mEnded) return nullptr;
-        if (!mIdle.empty()) {
+        // Who comes now does not overtake those in line.
+        if (mIdle.size() > (waited ? 0 : mLine)) {
             ConnectionPtr connection = std::move(mIdle.back());
             mIdle.pop_back();
             return connection;
@@ -187,11 +193,11 @@ ConnectionPtr Session::takeIdle(Patience* patience, bool* dial) {
         ++mLine;
         bool goOn = true;
         if (mDialer == nullptr && mCallable > 0) {
-            // As on a device: while the other process's threads are busy, the caller waits.
-            if (!asked) mWants = true;
-            if (!asked) sendWaiting();
-            asked = true;
-            mFreed.wait(mMutex);
+            // As on a device: while the other process's threads are busy, the caller waits. It asks
+            // again now and then, since what it asked for may have failed.
+            mWants = true;
+            sendWaiting();
+            mFreed.wait_for(mMutex, std::chrono::seconds(1));
         } else {
             goOn = patience->wait(mFreed, mMutex);
         }
@@ -210,26 +216,40 @@ void Session::giveBack(ConnectionPtr connection) {
 void Session::drop() {
     Mutex::Autolock lock(mMutex);
     --mCallable;
-    if (mLine > 0) mFreed.notify_one();
+    mFreed.notify_all();
 }
 
-bool Session::remember(const ConnectionPtr& connection, size_t limit) {
+void Session::dropIdle() {
+    std::vector<ConnectionPtr> idle;  // closed when the lock is released
     Mutex::Autolock lock(mMutex);
+    if (mDialer == nullptr) return;
+    idle.swap(mIdle);
+    mCallable -= idle.size();
+}
+
+bool Session::remember(const ConnectionPtr& connection) {
+    Mutex::Autolock lock(mMutex);
+    if (mEnded) return false;
     mAll.erase(std::remove_if(mAll.begin(), mAll.end(),
                               [](const std::weak_ptr<Connection>& weak) { return weak.expired(); }),
                mAll.end());
-    if (mEnded || mAll.size() >= limit) return false;
     mAll.push_back(connection);
     return true;
 }
 
-bool Session::addServing(const ConnectionPtr& connection, size_t limit) {
-    if (!remember(connection, limit)) return false;
-    {
-        Mutex::Autolock lock(mMutex);
-        ++mCallable;
-    }
-    giveBack(connection);
+size_t Session::connections() {
+    Mutex::Autolock lock(mMutex);
+    return static_cast<size_t>(std::count_if(mAll.begin(), mAll.end(),
+                                             [](const auto& weak) { return !weak.expired(); }));
+}
+
+bool Session::addServing(const ConnectionPtr& connection) {
+    if (!remember(connection)) return false;
+    Mutex::Autolock lock(mMutex);
+    if (mEnded) return false;
+    ++mCallable;
+    mIdle.push_back(connection);
+    mFreed.notify_all();
     return true;
 }
 
@@ -250,14 +270,14 @@ void Session::offerServing() {
         if (!startThread("hidl-pool", [self = shared_from_this()] { self->serveOffered(); })) {
             Mutex::Autolock lock(mMutex);
             --mOffered;
+            mOffersChanged.notify_all();
             Node::self().retrySoon();
             return;
         }
     }
 }
 
-void Session::awaitServing() {
-    const auto deadline = Patience::Clock::now() + kPeerLimit;
+void Session::awaitServing(std::chrono::steady_clock::time_point deadline) {
     Mutex::Autolock lock(mMutex);
     while (!mEnded && mOffered > 0 && mServing == 0) {
         if (mOffersChanged.wait_until(mMutex, deadline) == std::cv_status::timeout) return;
@@ -265,7 +285,7 @@ void Session::awaitServing() {
 }
 
 void Session::serveOffered() {
-    ConnectionPtr connection = mDialer(Role::kServe);
+    ConnectionPtr connection = mDialer(Role::kServe, kPeerLimit);
     if (connection != nullptr && remember(connection)) {
         {
             Mutex::Autolock lock(mMutex);
@@ -289,9 +309,9 @@ void Session::serveOffered() {
     if (mOffered == 0) Node::self().retrySoon();
 }
 
-bool Session::acceptServing(const ConnectionPtr& connection, size_t limit) {
+bool Session::acceptServing(const ConnectionPtr& connection) {
     connection->limitSend(kPeerLimit);
-    if (!remember(connection, limit)) return false;
+    if (!remember(connection)) return false;
     CallServers::self().serve(shared_from_this(), connection);
     return true;
 }
@@ -353,6 +373,7 @@ status_t Session::call(uint64_t target, uint32_t code, const Parcel& data, Parce
         } else {
             status = loan.broken(DEAD_OBJECT);
             if (!loan.borrowed()) break;
+            dropIdle();
         }
         // It was not taken: another connection may do.
     }
@@ -394,14 +415,15 @@ bool Session::awaitReply(Loan* loan, Parcel* reply, status_t* status) {
             }
             continue;
         }
-        if (type != MessageType::kReply || !decode(&message, reply)) {
+        const status_t decoded = type == MessageType::kReply ? decode(&message, reply) : BAD_TYPE;
+        if (decoded != OK && decoded != NO_MEMORY) {
             // What it refers to is gone with the session.
             ALOGE_IF(!ended(), "Closing a connection to pid %d: no valid reply", peer());
             *status = loan->broken(FAILED_TRANSACTION);
             return true;
         }
         if (message.header.target != 0) acknowledge(message.header.target);
-        *status = message.header.status;
+        *status = decoded == OK ? message.header.status : FAILED_TRANSACTION;
         return true;
     }
 }
@@ -442,7 +464,12 @@ bool Session::execute(const ConnectionPtr& connection, Message* message, Parcel*
     const uint64_t id = message->header.target;
     sp<IBinder> target = id == kRegistryObject ? Node::self().registryObject() : exported(id);
     Parcel data;
-    if (target == nullptr || !decode(message, &data)) {
+    const status_t decoded = target == nullptr ? NAME_NOT_FOUND : decode(message, &data);
+    if (decoded == NO_MEMORY) {
+        *status = FAILED_TRANSACTION;
+        return true;
+    }
+    if (decoded != OK) {
         // Who was killed while its call waited has nothing any more, and is not to blame.
         ALOGE_IF(
                 !ended(),
@@ -473,9 +500,14 @@ bool Session::answer(const ConnectionPtr& connection, const Parcel& reply, statu
     const std::function<bool()> goOn = [&] { return waitsForReader(room, &counted); };
     const bool sent = connection->send(header, refs, bytes, &goOn);
     if (!sent) undoEncode(refs);
-    if (counted) {
-        Mutex::Autolock lock(mMutex);
-        mUnreadRoom -= room;
+    if (sent && !counted) return true;
+    std::vector<sp<IBinder>> unsent;  // released when the lock is
+    Mutex::Autolock lock(mMutex);
+    if (counted) mUnreadRoom -= room;
+    auto unacknowledged = mUnacknowledged.find(header.target);
+    if (!sent && unacknowledged != mUnacknowledged.end()) {
+        unsent = std::move(unacknowledged->second);
+        mUnacknowledged.erase(unacknowledged);
     }
     return sent;
 }
@@ -505,6 +537,7 @@ status_t Session::encode(const Parcel& parcel, std::vector<ObjectRef>* refs) {
     }
     if (parcel.objects().empty()) return OK;
     Mutex::Autolock lock(mMutex);
+    if (mEnded) return DEAD_OBJECT;
     for (const sp<IBinder>& binder : parcel.objects()) {
         const BpHwBinder* proxy = binder->remoteBinder();
         if (proxy != nullptr && proxy->session() != this) {
@@ -553,16 +586,19 @@ bool Session::takeBackLocked(uint64_t id, uint64_t amount, sp<IBinder>* last) {
     return true;
 }
 
-bool Session::decode(Message* message, Parcel* parcel) {
+status_t Session::decode(Message* message, Parcel* parcel) {
     std::vector<sp<IBinder>> objects;
     objects.reserve(message->objects.size());
-    bool known = true;
+    status_t status = OK;
     for (const ObjectRef& ref : message->objects) {
-        objects.push_back(ref.owner == ObjectRef::kSender ? proxyFor(ref.id) : exported(ref.id));
-        known &= objects.back() != nullptr;
+        const bool theirs = ref.owner == ObjectRef::kSender;
+        objects.push_back(theirs ? proxyFor(ref.id) : exported(ref.id));
+        if (objects.back() != nullptr) continue;
+        if (!theirs) status = BAD_VALUE;
+        if (status == OK) status = NO_MEMORY;
     }
     parcel->setReceived(std::move(message->data), std::move(objects));
-    return known;
+    return status;
 }
 
 sp<IBinder> Session::proxyFor(uint64_t id) {
@@ -570,7 +606,10 @@ sp<IBinder> Session::proxyFor(uint64_t id) {
     auto it = mProxies.find(id);
     sp<BpHwBinder> proxy = it == mProxies.end() ? nullptr : it->second.promote();
     if (proxy == nullptr) {
-        if (mProxies.size() + mReleases.size() >= kMaxProxies) return nullptr;
+        if (mProxies.size() + mReleases.size() >= kMaxProxies) {
+            giveUp(id, 1);
+            return nullptr;
+        }
         proxy = new BpHwBinder(shared_from_this(), id);
         mProxies[id] = proxy;
     }
@@ -583,9 +622,16 @@ void Session::proxyGone(BpHwBinder* proxy) {
     auto it = mProxies.find(proxy->id());
     // A successor may stand there already.
     if (it != mProxies.end() && it->second.unsafe_get() == proxy) mProxies.erase(it);
+    giveUp(proxy->id(), proxy->received);
+}
+
+void Session::giveUp(uint64_t id, uint64_t amount) {
     if (mEnded) return;
-    mReleases[proxy->id()] += proxy->received;
+    mReleases[id] += amount;
     sendWaiting();
+    if (mReleases.size() <= 2 * kMaxProxies) return;
+    ALOGE("Ending the session with pid %d: it does not take back its objects", peer());
+    mControl->shutdown();
 }
 
 status_t Session::awaitAcknowledgement(const Parcel& reply, const std::vector<ObjectRef>& refs,
@@ -609,6 +655,9 @@ void Session::acknowledge(uint64_t ack) {
     if (mEnded) return;
     mAcks.push_back(ack);
     sendWaiting();
+    if (mAcks.size() <= 4 * kMaxUnacknowledged) return;
+    ALOGE("Ending the session with pid %d: it does not read that its replies have arrived", peer());
+    mControl->shutdown();
 }
 
 void Session::sendWaiting() {
@@ -634,9 +683,11 @@ void Session::sendWaiting() {
     // A oneway call before them may be with what they release.
     while (room && !mReleases.empty()) {
         Message release = Message::of(MessageType::kRelease, mReleases.begin()->first);
-        release.header.amount = mReleases.begin()->second;
+        uint64_t& left = mReleases.begin()->second;
+        release.header.amount = static_cast<uint32_t>(std::min<uint64_t>(left, UINT32_MAX));
         room = send(release);
-        if (room) mReleases.erase(mReleases.begin());
+        if (room) left -= release.header.amount;
+        if (left == 0) mReleases.erase(mReleases.begin());
     }
     mWaiting = !room;
     updateEvents();
@@ -665,8 +716,15 @@ bool Session::onControlEvents(uint32_t events) {
                   static_cast<unsigned>(message.header.type));
             return false;
         }
+        // The rest stays in the socket, and what the other side sends further fills it.
+        if (!takesOneways()) return true;
     }
     return true;
+}
+
+bool Session::takesOneways() {
+    Mutex::Autolock lock(mMutex);
+    return mOnewayRoom < kMaxOnewayRoom;
 }
 
 bool Session::onControlMessage(Message* message) {
@@ -680,16 +738,19 @@ bool Session::onControlMessage(Message* message) {
                 valid = takeBackLocked(header.target, header.amount, &last);
             }
             // Its destructor is the application's.
-            if (last != nullptr) Node::self().janitor().post([last] {});
+            if (last != nullptr) Node::self().janitor().post([last = std::move(last)] {});
             return valid;
         }
         case MessageType::kAck: {
-            std::vector<sp<IBinder>> taken;  // released when the lock is
-            Mutex::Autolock lock(mMutex);
-            auto it = mUnacknowledged.find(header.target);
-            if (it == mUnacknowledged.end()) return false;
-            taken = std::move(it->second);
-            mUnacknowledged.erase(it);
+            std::vector<sp<IBinder>> taken;
+            {
+                Mutex::Autolock lock(mMutex);
+                auto it = mUnacknowledged.find(header.target);
+                if (it == mUnacknowledged.end()) return false;
+                taken = std::move(it->second);
+                mUnacknowledged.erase(it);
+            }
+            Node::self().janitor().post([taken = std::move(taken)] {});
             return true;
         }
         case MessageType::kOneway:
@@ -697,7 +758,7 @@ bool Session::onControlMessage(Message* message) {
         case MessageType::kWant: {
             {
                 Mutex::Autolock lock(mMutex);
-                // Not kept beyond what the pool could ever have.
+                // Beyond what the pool has, it is kept until the pool grows.
                 mWanted = std::max(mWanted, std::min(mOffered, kMaxCalls));
             }
             offerServing();
@@ -715,7 +776,9 @@ bool Session::onOneway(Message* message) {
     // Taken apart now: a release behind it may be for what it refers to.
     auto data = std::make_shared<Parcel>();
     message->data = message->data.copy();
-    if (target == nullptr || !decode(message, data.get())) return false;
+    const status_t decoded = target == nullptr ? NAME_NOT_FOUND : decode(message, data.get());
+    if (decoded == NO_MEMORY) return true;  // this one call is lost
+    if (decoded != OK) return false;
     Mutex::Autolock lock(mMutex);
     mOneways.push_back({std::move(target), std::move(data), code, room});
     mOnewayRoom += room;

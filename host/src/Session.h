@@ -34,8 +34,9 @@ using Token = std::array<uint64_t, 2>;
 
 class Session : public std::enable_shared_from_this<Session> {
   public:
-    // dial: makes a further connection to the other process; empty on the side that was dialled.
-    using Dialer = std::function<ConnectionPtr(Role)>;
+    // Makes a further connection to the other process, or NULL when it cannot within `limit`. Empty
+    // on the side that was dialled.
+    using Dialer = std::function<ConnectionPtr(Role, std::chrono::milliseconds limit)>;
 
     // What the control thread waits for on a connection that nothing is held back on.
     static constexpr uint32_t kQuietEvents = EPOLLIN | EPOLLRDHUP;
@@ -61,17 +62,19 @@ class Session : public std::enable_shared_from_this<Session> {
     // up.
     status_t callOneway(uint64_t target, uint32_t code, const Parcel& data);
 
-    // Serves calls on a connection that the other side made. False when it has `limit` already.
-    bool acceptServing(const ConnectionPtr& connection, size_t limit) EXCLUDES(mMutex);
-    // Takes a connection on which the other side serves. False when it has `limit` already.
-    bool addServing(const ConnectionPtr& connection, size_t limit) EXCLUDES(mMutex);
+    // Serves calls on a connection that the other side made. False when the session has ended.
+    bool acceptServing(const ConnectionPtr& connection) EXCLUDES(mMutex);
+    // Takes a connection on which the other side serves. False when the session has ended.
+    bool addServing(const ConnectionPtr& connection) EXCLUDES(mMutex);
     // Whether there is a connection on which the other side serves.
     bool canCall() EXCLUDES(mMutex);
+    // How many connections there are beside the control connection.
+    size_t connections() EXCLUDES(mMutex);
     // Lets the other side call as the pool allows: starts the threads, with a serve connection
     // each, that are missing. Does not wait.
     void offerServing() EXCLUDES(mMutex);
-    // Waits until the first of them has its connection, for kPeerLimit at most.
-    void awaitServing() EXCLUDES(mMutex);
+    // Waits until the first of them has its connection.
+    void awaitServing(std::chrono::steady_clock::time_point deadline) EXCLUDES(mMutex);
 
     // The body of a thread that serves what the other side calls.
     void serveCalls(ServedConnection* served);
@@ -118,8 +121,10 @@ class Session : public std::enable_shared_from_this<Session> {
     void giveBack(ConnectionPtr connection) EXCLUDES(mMutex);
     // It is of no use any more.
     void drop() EXCLUDES(mMutex);
-    // False when the session has ended, or has `limit` already.
-    bool remember(const ConnectionPtr& connection, size_t limit = SIZE_MAX) EXCLUDES(mMutex);
+    // Those that nobody uses have probably been let go too.
+    void dropIdle() EXCLUDES(mMutex);
+    // False when the session has ended.
+    bool remember(const ConnectionPtr& connection) EXCLUDES(mMutex);
     ConnectionPtr control() EXCLUDES(mMutex);
     // Why there was no connection for a call.
     status_t goneStatus() EXCLUDES(mMutex);
@@ -147,8 +152,9 @@ class Session : public std::enable_shared_from_this<Session> {
     void undoEncode(const std::vector<ObjectRef>& refs) EXCLUDES(mMutex);
     void undoEncodeLocked(const std::vector<ObjectRef>& refs) REQUIRES(mMutex);
     bool takeBackLocked(uint64_t id, uint64_t amount, sp<IBinder>* last) REQUIRES(mMutex);
-    // False when it refers to an object that the sender does not have.
-    bool decode(Message* message, Parcel* parcel);
+    // BAD_VALUE when it refers to an object that the sender does not have; NO_MEMORY when this side
+    // has too many of its objects: what finds no place is given back.
+    status_t decode(Message* message, Parcel* parcel);
     sp<IBinder> proxyFor(uint64_t id) EXCLUDES(mMutex);
 
     // ack: what the receiver of this reply must acknowledge. FAILED_TRANSACTION when it
@@ -156,9 +162,12 @@ class Session : public std::enable_shared_from_this<Session> {
     status_t awaitAcknowledgement(const Parcel& reply, const std::vector<ObjectRef>& refs,
                                   uint64_t* ack) EXCLUDES(mMutex);
     void acknowledge(uint64_t ack) EXCLUDES(mMutex);
+    // Gives back what the other side has sent.
+    void giveUp(uint64_t id, uint64_t amount) REQUIRES(mMutex);
     // Sends what waits for the control connection, as far as there is room.
     void sendWaiting() REQUIRES(mMutex);
     void updateEvents() REQUIRES(mMutex);
+    bool takesOneways() EXCLUDES(mMutex);
     bool onControlMessage(Message* message);
     bool onOneway(Message* message);
     void runOneway() EXCLUDES(mMutex);
@@ -168,7 +177,8 @@ class Session : public std::enable_shared_from_this<Session> {
     const uint64_t mSerial;
     const Dialer mDialer;
 
-    // A leaf: nothing is called out while it is held, and no last reference dropped.
+    // Nothing of the application is called while it is held, and no last reference dropped; below
+    // it are only the pool's lock and CallServers'.
     Mutex mMutex;
     std::condition_variable_any mFreed;          // a connection for calls, or the place for one
     std::condition_variable_any mOffersChanged;  // mServing or mOffered
@@ -192,7 +202,7 @@ class Session : public std::enable_shared_from_this<Session> {
     // so that they do not grow with a process that does not read.
     std::deque<Message> mOutbox GUARDED_BY(mMutex);
     size_t mOutboxRoom GUARDED_BY(mMutex) = 0;
-    std::map<uint64_t, uint32_t> mReleases GUARDED_BY(mMutex);  // behind the oneway calls
+    std::map<uint64_t, uint64_t> mReleases GUARDED_BY(mMutex);  // behind the oneway calls
     std::vector<uint64_t> mAcks GUARDED_BY(mMutex);
     bool mWants GUARDED_BY(mMutex) = false;
     bool mWaiting GUARDED_BY(mMutex) = false;  // there is any of that
