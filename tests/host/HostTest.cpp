@@ -199,6 +199,23 @@ TEST_F(HostTest, ReleasesEveryObjectThatTheOtherSideDropped) {
             << Listener::live.get() << " left";
 }
 
+TEST_F(HostTest, TooManyObjectsOfAnotherFailOneCallAlone) {
+    std::vector<sp<IListener>> all;
+    for (;;) {
+        Return<sp<IListener>> made = mPeer->make();
+        if (!made.isOk()) {
+            EXPECT_FALSE(made.isDeadObject()) << made.description();
+            break;
+        }
+        all.push_back(made);
+        ASSERT_LE(all.size(), 65536u);
+    }
+    EXPECT_GT(all.size(), 65000u);
+    EXPECT_TRUE(serves());
+    all.clear();
+    EXPECT_TRUE(mPeer->make().isOk());
+}
+
 TEST_F(HostTest, OnewayCallsArriveInOrderFromNobody) {
     std::vector<int32_t> sent;
     for (int32_t i = 0; i < 2000; ++i) {
