@@ -32,6 +32,7 @@ bool ServedConnection::letGo() {
     State resting = kResting;
     if (!mState.compare_exchange_strong(resting, kGone)) return false;
     mRestingSince.store(UINT64_MAX, std::memory_order_relaxed);
+    mConnection->stopReceiving();
     return true;
 }
 
@@ -93,9 +94,7 @@ bool CallServers::sweep() {
     const auto limit = Clock::now() - kPeerLimit;
     Mutex::Autolock lock(mMutex);
     for (ServedConnection* served : mServed) {
-        if (served->restingSince() < mLastSweep && served->letGo()) {
-            served->connection()->stopReceiving();
-        }
+        if (served->restingSince() < mLastSweep) served->letGo();
     }
     mLastSweep = gRests;
     while (!mLine.empty() && mLine.front().since <= limit) {
@@ -120,7 +119,7 @@ void CallServers::makeRoom() {
             since = resting;
         }
         if (longest == nullptr) return;
-        if (longest->letGo()) return longest->connection()->stopReceiving();
+        if (longest->letGo()) return;
         from = since + 1;
     }
 }

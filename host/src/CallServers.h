@@ -33,7 +33,8 @@ class ServedConnection {
     void rest();
     // By its thread, when a call has come: false when the connection is let go.
     bool wake();
-    // By any thread: true for the one that takes the connection from its waiting thread.
+    // By any thread: takes the connection from its waiting thread, which is woken. False when it is
+    // in a call, or let go already.
     bool letGo();
     // In the order of resting; UINT64_MAX: in a call.
     uint64_t restingSince() const { return mRestingSince; }

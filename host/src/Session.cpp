@@ -319,19 +319,15 @@ bool Session::acceptServing(const ConnectionPtr& connection) {
 void Session::serveCalls(ServedConnection* served) {
     const ConnectionPtr& connection = served->connection();
     Message message;
-    for (bool first = true; first || !CallServers::self().isShort(); first = false) {
-        const Received received = connection->receive(&message);
-        if (received == Received::kMessage && served->wake()) {
-            if (serveMessage(connection, &message) != OK) return connection->shutdown();
-            served->rest();
-            continue;
-        }
-        // Ended, or let go: who calls now makes another connection.
-        served->letGo();
-        return connection->retire(received == Received::kMessage, WOULD_BLOCK);
+    Received received;
+    while ((received = connection->receive(&message)) == Received::kMessage && served->wake()) {
+        if (serveMessage(connection, &message) != OK) return connection->shutdown();
+        served->rest();
+        if (CallServers::self().isShort()) served->letGo();
     }
+    // Ended, or let go: who calls now makes another connection.
     served->letGo();
-    connection->retire(false, WOULD_BLOCK);
+    connection->retire(received == Received::kMessage, WOULD_BLOCK);
 }
 
 status_t Session::serveMessage(const ConnectionPtr& connection, Message* message) {
