@@ -20,6 +20,7 @@ DEVICE = [DEFAULT, DEFAULT.parent / "benchmark", DEFAULT.parent / "vts/functiona
           TREE / "activity_recognition/native/simulator"]
 PACKAGE = "vendor.zaltho.hardware.activity_recognition"
 SERVICE = f"{PACKAGE}@1.1-service"
+NATIVE_HEADER = "zaltho/activity_recognition_native.h"
 
 # What the modules here take from the rest of an Android 9 tree.
 PLATFORM_MODULES = {
@@ -144,6 +145,13 @@ def check_libraries(path, properties):
                 match = library and re.fullmatch(pattern, name)
                 if match:
                     wanted.add(match.expand(library))
+    # The native ABI is that of 64 bits, and the service loads what includes it. A tree with a second
+    # architecture builds libraries, tests and benchmarks for both unless they say which.
+    native = any(name == NATIVE_HEADER for source in seen for _, name in includes(source))
+    if (native or properties["name"] == SERVICE) and properties.get("compile_multilib") != "64":
+        finding(path, f'{properties["name"]}: has no compile_multilib: "64"')
+    if native and "activity_recognition_native_headers" not in properties.get("header_libs", []):
+        finding(path, f"{properties['name']}: a source needs activity_recognition_native_headers")
     # A generated interface header brings these in by itself.
     implied = {"libhidlbase", "libhidltransport", "libutils", f"{PACKAGE}@1.0"}
     if any(name.startswith(PACKAGE) for name in wanted):
