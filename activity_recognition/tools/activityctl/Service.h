@@ -28,6 +28,7 @@ struct Extras {
 };
 
 // One of the two sides. Results of enable() and the like are the service's: 0, or 1 for refused.
+class ActivitySide;
 class Side {
   public:
     virtual ~Side() = default;
@@ -45,11 +46,15 @@ class Side {
     // Registers this process; events go to the queue from then on, for the life of the process.
     // The service does not tell whether it took the registration.
     virtual void receive(const std::shared_ptr<DeliveryQueue>& queue) = 0;
+
+    // NULL of the other side. A device's build has no run-time type information.
+    virtual ActivitySide* asActivities() { return nullptr; }
 };
 
 class ActivitySide : public Side {
   public:
     virtual int32_t flush() = 0;
+    ActivitySide* asActivities() override { return this; }
 };
 
 class EnvironmentSide : public Side {

@@ -231,7 +231,7 @@ class Watch {
                               fmt::format("disabled {}", pair.text));
             }
         } else if (command == "flush" && texts.empty()) {
-            auto* activities = dynamic_cast<ActivitySide*>(&mSide);
+            auto* activities = mSide.asActivities();
             if (activities == nullptr) throw Failure(kUsage, "environments have no flush");
             activityctl::flush(*activities, mOutput);
         } else if (command == "current" && texts.empty()) {
