@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <string>
 #include <vector>
 
 using ::android::sp;
@@ -83,6 +84,7 @@ int main(int argc, char** argv) {
     static Inbox& inbox = *new Inbox;
     configureRpcThreadpool(1, false /* callerWillJoin */);
 
+    // Kept to the end: whoever drops it is not told of the service's death.
     const sp<V1_1::IActivityRecognition> root = V1_1::IActivityRecognition::tryGetService();
     if (root == nullptr) {
         fprintf(stderr, "no service\n");
@@ -107,7 +109,10 @@ int main(int argc, char** argv) {
     const Return<int32_t> enabled =
             service->enableActivityEvent(activity, eventType, 2000000000 /* ns */);
     if (!enabled.isOk() || enabled != 0) {
-        fprintf(stderr, "enable refused: %s\n", enabled.description().c_str());
+        // A refusal is a result, not a failure of the call.
+        const std::string why =
+                enabled.isOk() ? "the service refuses, see its log" : enabled.description();
+        fprintf(stderr, "not enabled: %s\n", why.c_str());
         return 1;
     }
     printf("waiting for activity %u, event type %u\n", activity, eventType);

@@ -213,7 +213,7 @@ def check_symbols(build):
 def check_samples(_):
     """Manifest, .rc and policy, which no tool here reads, name what is built here."""
     for name, version in (("manifest.xml", "1.1"), ("compatibility_matrix.xml", "1.0-1")):
-        hal = xml.parse(DEFAULT / name)
+        hal = xml.parse(DEFAULT / name).find("hal")
         named = [hal.findtext(path)
                  for path in ("name", "version", "interface/name", "interface/instance")]
         if named != [PACKAGE, version, "IActivityRecognition", "default"]:
@@ -223,6 +223,16 @@ def check_samples(_):
                        ("sepolicy/hwservice_contexts", f"{PACKAGE}::IActivityRecognition ")):
         if text not in (DEFAULT / name).read_text():
             finding(DEFAULT / name, f"does not name {text.strip()}")
+
+    product = DEFAULT.parents[1] / "activity_recognition.mk"
+    text = product.read_text()
+    packages = set(re.findall(r"\b(\S+@\S+) ?\\?$", text, re.M))
+    if packages != {SERVICE, f"{PACKAGE}@1.1-impl"}:
+        finding(product, f"installs {sorted(packages)}")
+    folder = re.search(r"_dir := hardware/zaltho/interfaces/(\S+)", text)[1]
+    for name in re.findall(r"_dir\)/(\S+)", text):
+        if not (TREE / folder / name).exists():
+            finding(product, f"names {folder}/{name}, which does not exist")
 
     policy = "\n".join(re.sub(r"#.*", "", p.read_text()) for p in (DEFAULT / "sepolicy").iterdir())
     known = set(re.findall(r"^type (\w+)", policy, re.M))
