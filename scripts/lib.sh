@@ -1,28 +1,131 @@
 # What the scripts share. To be sourced, from the top folder of the repository.
 
-build_packages=(g++ cmake ninja-build git hidl-gen android-libutils-dev android-liblog-dev
+build_packages=(g++ cmake ninja-build hidl-gen android-libutils-dev android-liblog-dev
     android-libcutils-dev libcli11-dev libfmt-dev nlohmann-json3-dev libgtest-dev libgmock-dev)
 test_packages=(clang clang-format python3 blueprint-tools)
 bench_packages=(libbenchmark-dev libsystemd-dev dbus-broker valgrind strace)
+[[ ! -e .git ]] || test_packages+=(git) # without, there is nothing to ask it
+
+# Arguments.
+
+# refuse <text>   a wrong command line
+refuse() {
+    echo "$(basename "$0"): $1 (--help explains)" >&2
+    exit 2
+}
+
+# help_or_refuse [argument]...   none is well; --help prints the text at the script's head
+help_or_refuse() {
+    [[ $# -gt 0 ]] || return 0
+    [[ $1 == -h || $1 == --help ]] || refuse "there is no '$1'"
+    sed -n '2,/^[^#]/ { /^#/!d; s/^# \{0,1\}//; p }' "scripts/$(basename "$0")"
+    exit 0
+}
+
+# take_ctest_arguments [argument]...   into ctest_arguments
+take_ctest_arguments() {
+    ctest_arguments=()
+    while [[ $# -gt 0 ]]; do
+        case $1 in
+            -R | -E | -L | -LE)
+                [[ $# -ge 2 ]] || refuse "$1 takes a pattern"
+                ctest_arguments+=("$1" "$2")
+                shift 2
+                ;;
+            --) shift && ctest_arguments+=("$@") && break ;;
+            *) help_or_refuse "$1" ;;
+        esac
+    done
+}
+
+# Steps.
 
 # start_log <name>   where the output of all steps goes
 start_log() {
-    mkdir -p build/log
+    local owner
+    if ! mkdir -p build/log 2>/dev/null; then
+        echo "$PWD/build cannot be written by $(id -un): take a copy of this folder that is yours." >&2
+        exit 1
+    fi
+    owner=$(stat -c %U build)
+    if [[ ! -O build ]]; then
+        echo "$PWD/build belongs to $owner, who could not go on with it after $(id -un) has built" \
+            "there: run this as $owner, or remove that folder first, or take a copy of this one." >&2
+        exit 1
+    fi
     log=$PWD/build/log/$1.log
     : >"$log"
 }
 
-# step <text> <command>...   one line a step; the end of the log when it fails
+# say <text>   from inside a step: a line for whoever watches
+say() { echo "==> $1"; }
+
+# give_up <text>   from inside a step, which then fails: this is all there is to know
+give_up() {
+    echo "==! $1"
+    return 1
+}
+
+# step <text> <command>...   how far it is while it goes on, then one line; the end of the log when
+# it fails
 step() {
-    local text=$1 begin=$SECONDS
+    local text=$1 begin=$SECONDS from watcher status=0 reason
     shift
-    printf '%-52s' "$text"
-    if ! "$@" >>"$log" 2>&1; then
-        printf 'failed\n%s\nAll of it: %s\n' "$(tail -n 40 "$log")" "$log"
+    from=$(stat -c %s "$log")
+    rm -f "$log.done"
+    watch_step "$text" "$from" &
+    watcher=$!
+    "$@" >>"$log" 2>&1 || status=$?
+    : >"$log.done"
+    wait "$watcher" || true
+    rm -f "$log.done"
+    if [[ $status -ne 0 ]]; then
+        printf '%-52sfailed\n' "$text"
+        reason=$(log_since "$from" | sed -n 's/^==! //p')
+        printf '%s\nAll of it: %s\n' "${reason:-$(tail -n 40 "$log")}" "$log"
         exit 1
     fi
-    printf '%4d s\n' $((SECONDS - begin))
+    printf '%-52s%4d s\n' "$text" $((SECONDS - begin))
 }
+
+log_since() { tail -c +$(($1 + 1)) "$log"; }
+
+# watch_step <text> <where its log begins>   prints what say() said, and how far ninja or apt is: on a
+# terminal beside the text, otherwise a line now and then. Until $log.done is there, or nobody is left
+# to make it.
+watch_step() {
+    local text=$1 from=$2 begin=$SECONDS next=10 said=0 shown='' done='' tick line lines at
+    [[ ! -t 1 ]] || printf '%-52s' "$text"
+    while [[ -z $done ]] && kill -0 $$ 2>/dev/null; do
+        for tick in 1 2 3 4 5; do
+            [[ ! -e $log.done ]] || break
+            sleep 0.2 >/dev/null 2>&1
+        done
+        [[ ! -e $log.done ]] || done=1
+        mapfile -t lines < <(log_since "$from" | sed -n 's/^==> //p')
+        for line in "${lines[@]:said}"; do
+            if [[ -t 1 ]]; then
+                printf '\r\e[K  %s\n%-52s' "$line" "$text"
+            else
+                printf '  %s\n' "$line"
+            fi
+        done
+        said=${#lines[@]}
+        at=$(log_since "$from" | tail -c 2000 | sed -nE -e 's/^\[([0-9]+\/[0-9]+)\].*/\1/p' \
+            -e 's/^dlstatus:[0-9]+:([0-9]+).*/\1 % downloaded/p' \
+            -e 's/^pmstatus:[^:]*:([0-9]+).*/\1 % installed/p' | tail -n 1)
+        if [[ -t 1 ]]; then
+            [[ $at == "$shown" ]] || printf '\r\e[K%-52s%s' "$text" "$at"
+            shown=$at
+        elif ((SECONDS - begin >= next)); then
+            printf '  %s: %s after %d s\n' "$text" "${at:-at work}" $((SECONDS - begin))
+            next=$((SECONDS - begin + 30))
+        fi
+    done
+    [[ ! -t 1 ]] || printf '\r\e[K'
+}
+
+# Packages.
 
 # install_packages <package>...   those that are not there yet; as root or through sudo
 install_packages() {
@@ -32,15 +135,67 @@ install_packages() {
             missing+=("$package")
     done
     [[ ${#missing[@]} -gt 0 ]] || return 0
-    [[ $(id -u) -eq 0 ]] || sudo=(sudo)
-    export DEBIAN_FRONTEND=noninteractive
-    "${sudo[@]}" apt-get update
-    "${sudo[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
+    local by_hand="apt-get install --no-install-recommends ${missing[*]}"
+    command -v apt-get >/dev/null ||
+        give_up "This takes packages of Debian 12, and here is no apt-get: ${missing[*]}" || return 1
+    if [[ $(id -u) -ne 0 ]]; then
+        command -v sudo >/dev/null && sudo true ||
+            give_up "Packages are missing and you are neither root nor may use sudo. As root: $by_hand" ||
+            return 1
+        sudo=(sudo)
+    fi
+    local from
+    from=$(stat -c %s "$log")
+    apt_get update || true # what it could not fetch may be another's; if not, what follows fails
+    local cost
+    cost=$(apt_get install -y --no-install-recommends --assume-no -o Debug::NoLocking=1 "${missing[@]}" |
+        sed -nE -e 's/.* ([0-9]+) newly installed.*/\1 packages/p' \
+            -e 's/^Need to get ([^/]*)(\/.*)? of archives.*/\1 to download/p' \
+            -e 's/.*operation, (.*) of additional disk.*/\1 on disk/p' | paste -sd, | sed 's/,/, /g')
+    [[ -z $cost ]] || say "$cost"
+    apt_get install -y --no-install-recommends -o APT::Status-Fd=1 "${missing[@]}" && return 0
+    if log_since "$from" | grep -qE 'Could not (resolve|connect)|Temporary failure|Connection (failed|timed)|unreachable'; then
+        give_up "No connection to the package sources of this machine, so these cannot be had: ${missing[*]}"
+    elif log_since "$from" | grep -qE 'Unable to locate package|no installation candidate'; then
+        give_up "The package sources of this machine lack some of these, which Debian 12 has: ${missing[*]}"
+    fi
+    return 1
+}
+
+# apt_get <argument>...   waits while another program, such as a fresh machine's own upgrade, holds one
+# of its locks
+apt_get() {
+    local from holder said='' until=$((SECONDS + 1800))
+    while true; do
+        from=$(stat -c %s "$log")
+        "${sudo[@]}" env LC_ALL=C DEBIAN_FRONTEND=noninteractive ${http_proxy:+"http_proxy=$http_proxy"} \
+            apt-get "$@" && return 0
+        holder=$(log_since "$from" | sed -nE 's/.*Could not get lock .* held by process (.*)/\1/p' | tail -n 1)
+        [[ -n $holder ]] || return 1
+        ((SECONDS < until)) || give_up "Process $holder has held the package manager for half an hour." || return 1
+        [[ -n $said ]] || say "waiting for process $holder, which uses the package manager"
+        said=1
+        sleep 3
+    done
+}
+
+# Building.
+
+# build_cost <preset> <number of targets, 0 for all>   as measured; other machines differ
+build_cost() {
+    local seconds=460 megabytes=400 processors
+    processors=$(nproc)
+    case $1 in
+        address | thread) seconds=700 megabytes=900 ;;
+        *) [[ $2 -eq 0 ]] || { seconds=160 && megabytes=130; } ;;
+    esac
+    echo "about $((seconds / processors / 60 + 1)) minutes on $processors processors, $megabytes MB below build/$1"
 }
 
 # build <preset> [target]...   everything, or these targets
 build() {
     local preset=$1
     shift
+    [[ -e build/$preset ]] || say "the first build: $(build_cost "$preset" $#)"
     cmake --preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}
 }
