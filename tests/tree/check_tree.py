@@ -177,7 +177,7 @@ def check_includes(_):
 def check_language(build):
     """Library and service are gnu++14 without exceptions and RTTI, for both compilers."""
     flags = ["-fsyntax-only", "-std=gnu++14", "-fno-exceptions", "-fno-rtti", "-Wall", "-Wextra",
-             "-Werror", "-Wno-unknown-attributes", "-isystem", build / "gen",
+             "-Werror", "-Wno-unknown-attributes", "-DAR_VERSION=\"\"", "-isystem", build / "gen",
              "-isystem", "/usr/include/android", "-isystem", TREE / "host/include",
              "-I", TREE / "activity_recognition/native/include"]
 
