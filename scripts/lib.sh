@@ -42,15 +42,13 @@ take_ctest_arguments() {
 
 # start_log <name>   where the output of all steps goes
 start_log() {
-    local owner
-    if ! mkdir -p build/log 2>/dev/null; then
-        echo "$PWD/build cannot be written by $(id -un): take a copy of this folder that is yours." >&2
+    if [[ -e build && ! -O build ]]; then
+        echo "$PWD/build belongs to $(stat -c %U build), who could not go on with it after $(id -un) has" \
+            "built there: run this as $(stat -c %U build), remove that folder, or take a copy of this one." >&2
         exit 1
     fi
-    owner=$(stat -c %U build)
-    if [[ ! -O build ]]; then
-        echo "$PWD/build belongs to $owner, who could not go on with it after $(id -un) has built" \
-            "there: run this as $owner, or remove that folder first, or take a copy of this one." >&2
+    if ! mkdir -p build/log 2>/dev/null; then
+        echo "$PWD cannot be written by $(id -un): take a copy of this folder that is yours." >&2
         exit 1
     fi
     log=$PWD/build/log/$1.log
@@ -131,7 +129,7 @@ watch_step() {
 install_packages() {
     local missing=() sudo=() package
     for package in "$@"; do
-        dpkg -s "$package" 2>/dev/null | grep -q '^Status: install ok installed' ||
+        [[ $(dpkg-query -W -f '${Status}' "$package" 2>/dev/null) == 'install ok installed'* ]] ||
             missing+=("$package")
     done
     [[ ${#missing[@]} -gt 0 ]] || return 0
@@ -149,14 +147,14 @@ install_packages() {
     apt_get update || true # what it could not fetch may be another's; if not, what follows fails
     local cost
     cost=$(apt_get install -y --no-install-recommends --assume-no -o Debug::NoLocking=1 "${missing[@]}" |
-        sed -nE -e 's/.* ([0-9]+) newly installed.*/\1 packages/p' \
+        sed -nE -e 's/.* ([0-9]+) newly installed.*/\1 packages to install/p' \
             -e 's/^Need to get ([^/]*)(\/.*)? of archives.*/\1 to download/p' \
             -e 's/.*operation, (.*) of additional disk.*/\1 on disk/p' | paste -sd, | sed 's/,/, /g')
     [[ -z $cost ]] || say "$cost"
     apt_get install -y --no-install-recommends -o APT::Status-Fd=1 "${missing[@]}" && return 0
-    if log_since "$from" | grep -qE 'Could not (resolve|connect)|Temporary failure|Connection (failed|timed)|unreachable'; then
+    if log_since "$from" | grep -E 'Could not (resolve|connect)|Temporary failure|onnection (failed|timed out|refused)|unreachable' >/dev/null; then
         give_up "No connection to the package sources of this machine, so these cannot be had: ${missing[*]}"
-    elif log_since "$from" | grep -qE 'Unable to locate package|no installation candidate'; then
+    elif log_since "$from" | grep -E 'Unable to locate package|no installation candidate' >/dev/null; then
         give_up "The package sources of this machine lack some of these, which Debian 12 has: ${missing[*]}"
     fi
     return 1
@@ -181,21 +179,22 @@ apt_get() {
 
 # Building.
 
-# build_cost <preset> <number of targets, 0 for all>   as measured; other machines differ
-build_cost() {
-    local seconds=460 megabytes=400 processors
-    processors=$(nproc)
-    case $1 in
-        address | thread) seconds=700 megabytes=900 ;;
-        *) [[ $2 -eq 0 ]] || { seconds=160 && megabytes=130; } ;;
-    esac
-    echo "about $((seconds / processors / 60 + 1)) minutes on $processors processors, $megabytes MB below build/$1"
-}
-
 # build <preset> [target]...   everything, or these targets
 build() {
-    local preset=$1
+    local preset=$1 steps
     shift
-    [[ -e build/$preset ]] || say "the first build: $(build_cost "$preset" $#)"
-    cmake --preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}
+    cmake --preset "$preset" || return 1
+    steps=$(ninja -C "build/$preset" -n "$@" | sed -nE 's/^\[[0-9]+\/([0-9]+)\].*/\1/p' | tail -n 1)
+    [[ ${steps:-0} -lt 20 ]] || say_cost "$preset" "$steps"
+    cmake --build --preset "$preset" ${1:+--target "$@"}
+}
+
+# say_cost <preset> <steps>   by what a step took where this was measured
+say_cost() {
+    local seconds=3 megabytes=3 processors
+    processors=$(nproc)
+    case $1 in
+        address | thread) seconds=5 megabytes=6 ;;
+    esac
+    say "$2 steps: $((seconds * $2 / processors / 60 + 1)) minutes or so on $processors processors, $((megabytes * $2)) MB in build/$1"
 }
