@@ -18,7 +18,7 @@ refuse() {
 help_or_refuse() {
     [[ $# -gt 0 ]] || return 0
     [[ $1 == -h || $1 == --help ]] || refuse "there is no '$1'"
-    sed -n '2,/^[^#]/ { /^#/!d; s/^# \{0,1\}//; p }' "scripts/$(basename "$0")"
+    sed -n "2,/^[^#]/ { /^#/!d; /SPDX/d; s/^# \\{0,1\\}//; p }" "scripts/$(basename "$0")"
     exit 0
 }
 
@@ -44,7 +44,7 @@ take_ctest_arguments() {
 start_log() {
     if [[ -e build && ! -O build ]]; then
         echo "$PWD/build belongs to $(stat -c %U build), who could not go on with it after $(id -un) has" \
-            "built there: run this as $(stat -c %U build), remove that folder, or take a copy of this one." >&2
+            "built there: run this as $(stat -c %U build), remove it, or take a copy of this folder." >&2
         exit 1
     fi
     if ! mkdir -p build/log 2>/dev/null; then
@@ -56,7 +56,7 @@ start_log() {
 }
 
 # say <text>   from inside a step: a line for whoever watches
-say() { echo "==> $1"; }
+say() { echo "==> $*"; }
 
 # give_up <text>   from inside a step, which then fails: this is all there is to know
 give_up() {
@@ -152,7 +152,8 @@ install_packages() {
             -e 's/.*operation, (.*) of additional disk.*/\1 on disk/p' | paste -sd, | sed 's/,/, /g')
     [[ -z $cost ]] || say "$cost"
     apt_get install -y --no-install-recommends -o APT::Status-Fd=1 "${missing[@]}" && return 0
-    if log_since "$from" | grep -E 'Could not (resolve|connect)|Temporary failure|onnection (failed|timed out|refused)|unreachable' >/dev/null; then
+    if log_since "$from" | grep -E 'Could not (resolve|connect)|Temporary failure|timed out|unreachable' \
+        >/dev/null; then
         give_up "No connection to the package sources of this machine, so these cannot be had: ${missing[*]}"
     elif log_since "$from" | grep -E 'Unable to locate package|no installation candidate' >/dev/null; then
         give_up "The package sources of this machine lack some of these, which Debian 12 has: ${missing[*]}"
@@ -168,9 +169,11 @@ apt_get() {
         from=$(stat -c %s "$log")
         "${sudo[@]}" env LC_ALL=C DEBIAN_FRONTEND=noninteractive ${http_proxy:+"http_proxy=$http_proxy"} \
             apt-get "$@" && return 0
-        holder=$(log_since "$from" | sed -nE 's/.*Could not get lock .* held by process (.*)/\1/p' | tail -n 1)
+        holder=$(log_since "$from" | sed -nE 's/.*Could not get lock .* held by process (.*)/\1/p')
+        holder=${holder##*$'\n'}
         [[ -n $holder ]] || return 1
-        ((SECONDS < until)) || give_up "Process $holder has held the package manager for half an hour." || return 1
+        ((SECONDS < until)) ||
+            give_up "Process $holder has held the package manager for half an hour." || return 1
         [[ -n $said ]] || say "waiting for process $holder, which uses the package manager"
         said=1
         sleep 3
@@ -196,5 +199,6 @@ say_cost() {
     case $1 in
         address | thread) seconds=5 megabytes=6 ;;
     esac
-    say "$2 steps: $((seconds * $2 / processors / 60 + 1)) minutes or so on $processors processors, $((megabytes * $2)) MB in build/$1"
+    say "$2 steps: $((seconds * $2 / processors / 60 + 1)) minutes or so on $processors processors," \
+        "$((megabytes * $2)) MB in build/$1"
 }
