@@ -249,10 +249,11 @@ def log_texts():
     both = ("AR_impl", "AR_impl_Env")  # what headers write, with the tag of whoever includes them
     texts = {}
     for path in sorted(p for p in DEFAULT.iterdir() if p.suffix in (".cpp", ".h")):
-        source = re.sub(r'^#include.*|//.*|static_assert\([^"]*("[^"]*"[^")]*)+', "", path.read_text(), flags=re.M)
+        source = re.sub(r'^#include.*|//.*|static_assert\([^"]*("[^"]*"[^")]*)+', "", path.read_text(),
+                        flags=re.M)
         tags = re.findall(f"#define LOG_TAG {literal}", source) or both
-        for match in re.finditer(rf"(?:ALOG([VDIWE])\(|log_print\(\w+, [\w.]+,|IF\((?=(\w+)))?\s*"
-                                 rf"(?:{literal}(?:\s*{literal})*)?", source):
+        for match in re.finditer(r"(?:(?:ALOG|ANDROID_LOG_)([VDIWE])(?:\(|\w+, [\w.]+,)|FATAL_IF\((?=(\w+)))?"
+                                 rf"\s*(?:{literal}(?:\s*{literal})*)?", source):
             level, condition = match[1], match[2]
             text = "".join(re.findall(literal, match[0]))
             if condition:
@@ -260,10 +261,10 @@ def log_texts():
             elif path.name == "service.cpp" and not level or text == "%s":
                 continue  # the command line's
             # Single words are names that texts are given, unless they are printed as they are.
-            if condition or level or "log_print" in match[0] or re.search(r"\s|%", text):
+            if text and (level or re.search(r"\s|%", text)):
                 for tag in tags:
                     texts.setdefault((tag, text), set()).update(level or "")
-    return {key: levels for key, levels in texts.items() if key[1]}
+    return texts
 
 
 def check_log(_):
@@ -274,23 +275,21 @@ def check_log(_):
         for text, levels in re.findall(r"^\| `(.+?)` \| ([A-Z, ]+) \|", section, re.M):
             documented[section.split("\n")[0], text] = set(levels.split(", "))
     written = log_texts()
-    for tag, text in sorted(written.keys() ^ documented.keys()):
-        finding(page, f"{tag}: {text}: is {'missing' if (tag, text) in written else 'nowhere written'}")
-    for key in written.keys() & documented.keys():
-        if not written[key] <= documented[key]:
-            finding(page, f"{key[0]}: {key[1]}: is written at level {sorted(written[key])}")
+    for key in sorted(written.keys() | documented.keys()):
+        if key not in documented or key not in written:
+            finding(page, f"{': '.join(key)}: is {'missing' if key in written else 'nowhere written'}")
+        elif not written[key] <= documented[key]:
+            finding(page, f"{': '.join(key)}: is written at level {sorted(written[key])}")
 
 
 def check_licence(_):
     """Every source says under which licence it stands."""
-    names = {"CMakeLists.txt", "Android.bp"}
-    for path in sorted(TREE.rglob("*")):
-        inside = path.relative_to(TREE)
-        if inside.parts[0] in ("build", ".git") or not path.is_file():
+    for path in sorted(p for p in TREE.rglob("*") if p.is_file()):
+        if path.relative_to(TREE).parts[0] in ("build", ".git"):
             continue
         head = path.read_text(errors="replace").split("\n", 3)[:3]
-        if (path.suffix in (".cpp", ".h", ".hal", ".py", ".sh", ".cmake", ".bp") or path.name in names
-                or head[0].startswith("#!")) \
+        if (path.suffix in (".cpp", ".h", ".hal", ".py", ".sh", ".cmake", ".bp")
+                or path.name == "CMakeLists.txt" or head[0].startswith("#!")) \
                 and not any("SPDX-License-Identifier: Apache-2.0" in line for line in head):
             finding(path, "has no SPDX-License-Identifier in its first three lines")
 
