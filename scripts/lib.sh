@@ -192,13 +192,11 @@ build() {
     cmake --build --preset "$preset" ${1:+--target "$@"}
 }
 
-# say_cost <preset> <steps>   by what a step took where this was measured
+# say_cost <preset> <steps>   by what a step took and left where this was measured, without other load
 say_cost() {
-    local seconds=3 megabytes=3 processors
+    local megabytes=$((5 * $2 / 2)) processors
     processors=$(nproc)
-    case $1 in
-        address | thread) seconds=5 megabytes=6 ;;
-    esac
-    say "$2 steps: $((seconds * $2 / processors / 60 + 1)) minutes or so on $processors processors," \
-        "$((megabytes * $2)) MB in build/$1"
+    [[ $1 != address ]] || megabytes=$((2 * megabytes))
+    say "$2 steps: $((3 * $2 / processors / 60 + 1)) minutes or more on $processors processors," \
+        "some $megabytes MB in build/$1"
 }
