@@ -185,7 +185,7 @@ def check_includes(_):
 def check_language(build):
     """Library and service are gnu++14 without exceptions and RTTI, for both compilers."""
     flags = ["-fsyntax-only", "-std=gnu++14", "-fno-exceptions", "-fno-rtti", "-Wall", "-Wextra",
-             "-Werror", "-Wno-unknown-attributes", "-isystem", build / "gen",
+             "-Werror", "-Wno-unknown-attributes", "-DAR_VERSION=\"\"", "-isystem", build / "gen",
              "-isystem", "/usr/include/android", "-isystem", TREE / "host/include",
              "-I", TREE / "activity_recognition/native/include"]
 
@@ -242,6 +242,74 @@ def check_samples(_):
         finding(DEFAULT / "sepolicy", f"uses {name}, which no rule declares")
     for line in re.findall(r"^(?:type|allow)\b.*[^;\n]$", policy, re.M):
         finding(DEFAULT / "sepolicy", f"has no semicolon: {line}")
+
+
+def check_version(build):
+    """One version: that of CMakeLists.txt in each tool and each Android.bp."""
+    version = re.search(r"project\(.* VERSION ([0-9.]+) ", (TREE / "CMakeLists.txt").read_text())[1]
+    for path in blueprints():
+        for told in re.findall(r'-DAR_VERSION=\\"(.*?)\\"', path.read_text()):
+            if told != version:
+                finding(path, f"says {told}, CMakeLists.txt {version}")
+    for tool in ("activityctl", "modulecheck", "activity_recognition_demo", SERVICE,
+                 "VtsHalActivityRecognitionV1_1TargetTest"):
+        status, output = run(build / "bin" / tool, "--version")
+        if status or output != f"{tool} {version}":
+            finding(tool, f"--version says {output}, exit status {status}")
+    if not re.search(rf"^## {re.escape(version)}$", (TREE / "CHANGELOG.md").read_text(), re.M):
+        finding("CHANGELOG.md", f"does not tell of {version}")
+
+
+def log_texts():
+    """What the library and the service write, as (tag, text): each with the letters of its levels, where
+    it says them on the spot."""
+    literal = r'"((?:[^"\\]|\\.)*)"'
+    both = ("AR_impl", "AR_impl_Env")  # what headers write, with the tag of whoever includes them
+    texts = {}
+    for path in sorted(p for p in DEFAULT.iterdir() if p.suffix in (".cpp", ".h")):
+        source = re.sub(r'^#include.*|//.*|static_assert\([^"]*("[^"]*"[^")]*)+', "", path.read_text(),
+                        flags=re.M)
+        tags = re.findall(f"#define LOG_TAG {literal}", source) or both
+        for match in re.finditer(r"(?:(?:ALOG|ANDROID_LOG_)([VDIWE])(?:\(|\w+, [\w.]+,)|FATAL_IF\((?=(\w+)))?"
+                                 rf"\s*(?:{literal}(?:\s*{literal})*)?", source):
+            level, condition = match[1], match[2]
+            text = "".join(re.findall(literal, match[0]))
+            if condition:
+                text, level = f"Assertion failed: {condition}", "F"
+            elif path.name == "service.cpp" and not level or text == "%s":
+                continue  # the command line's
+            # Single words are names that texts are given, unless they are printed as they are.
+            if text and (level or re.search(r"\s|%", text)):
+                for tag in tags:
+                    texts.setdefault((tag, text), set()).update(level or "")
+    return texts
+
+
+def check_log(_):
+    """docs/log.md has each text that a device prints, under its tag and with its level, and no other."""
+    page = TREE / "docs/log.md"
+    documented = {}
+    for section in re.split(r"^## ", page.read_text(), flags=re.M)[1:]:
+        for text, levels in re.findall(r"^\| `(.+?)` \| ([A-Z, ]+) \|", section, re.M):
+            documented[section.split("\n")[0], text] = set(levels.split(", "))
+    written = log_texts()
+    for key in sorted(written.keys() | documented.keys()):
+        if key not in documented or key not in written:
+            finding(page, f"{': '.join(key)}: is {'missing' if key in written else 'nowhere written'}")
+        elif not written[key] <= documented[key]:
+            finding(page, f"{': '.join(key)}: is written at level {sorted(written[key])}")
+
+
+def check_licence(_):
+    """Every source says under which licence it stands."""
+    for path in sorted(p for p in TREE.rglob("*") if p.is_file()):
+        if path.relative_to(TREE).parts[0] in ("build", ".git"):
+            continue
+        head = path.read_text(errors="replace").split("\n", 3)[:3]
+        if (path.suffix in (".cpp", ".h", ".hal", ".py", ".sh", ".cmake", ".bp")
+                or path.name == "CMakeLists.txt" or head[0].startswith("#!")) \
+                and not any("SPDX-License-Identifier: Apache-2.0" in line for line in head):
+            finding(path, "has no SPDX-License-Identifier in its first three lines")
 
 
 for check in sys.argv[2:]:

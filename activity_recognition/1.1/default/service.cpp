@@ -1,7 +1,9 @@
 // Serves the implementation library to other processes under the instance name "default".
 #define LOG_TAG "AR_service"
 
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <hidl/HidlTransportSupport.h>
 #include <log/log.h>
@@ -15,13 +17,29 @@ namespace {
 
 constexpr char kInstance[] = "default";
 
+constexpr char kHelp[] =
+        "Serves %s/%s\nuntil it is ended. It takes no options but --help and --version; the log says how "
+        "it goes.\n";
+
 // While a delivery waits for a slow client, each registration waits with it and holds a thread;
 // calls on the others go on.
 constexpr size_t kThreads = 4;
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    if (argc > 1) {
+        if (strcmp(argv[1], "--help") == 0) {
+            printf(kHelp, IActivityRecognition::descriptor, kInstance);
+            return EXIT_SUCCESS;
+        }
+        if (strcmp(argv[1], "--version") == 0) {
+            printf("vendor.zaltho.hardware.activity_recognition@1.1-service " AR_VERSION "\n");
+            return EXIT_SUCCESS;
+        }
+        fprintf(stderr, "%s: there is no '%s' (--help explains)\n", argv[0], argv[1]);
+        return 2;
+    }
     ::android::hardware::configureRpcThreadpool(kThreads, /*callerWillJoin=*/true);
 
     const sp<IActivityRecognition> root =

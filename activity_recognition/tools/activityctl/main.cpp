@@ -51,6 +51,7 @@ class CommandLine {
   public:
     CommandLine() : mApp("Talks to the activity recognition service.", "activityctl") {
         mApp.footer(kHelpEnd);
+        mApp.set_version_flag("--version", "activityctl " AR_VERSION);
         mApp.require_subcommand(1);
         mApp.fallthrough();
         mApp.add_option("--instance", mOptions.instance, "Name that the service is served under")

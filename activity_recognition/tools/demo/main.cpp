@@ -1,19 +1,40 @@
 // The demo: a service process with the simulator, client processes of both interface versions, a
 // timeline of what happens between them, and a comparison with what the model says must happen.
-// Exit status: 0 when reality and model agree, 1 otherwise.
+// Exit status: 0 when reality and model agree, 2 for a wrong command line, 1 otherwise.
 #include <fmt/format.h>
 
 #include <cstdio>
 #include <exception>
+#include <string>
 
 #include <support/ChildProcess.h>
 
 #include "Story.h"
 
+constexpr const char* kHelp =
+        R"(Plays a scenario below a service process, with client processes that come, go and are killed, and
+compares what each of them gets with what must come.
+
+  activity_recognition_demo [SCENARIO]     without one, scenarios/demo.scn
+  activity_recognition_demo --help | --version
+
+Exit status: 0 when all is as it must be, 1 when not, 2 for a wrong command line.
+)";
+
 int main(int argc, char** argv) {
+    const std::string argument = argc > 1 ? argv[1] : DEMO_SCENARIO;
+    if (argument == "--help" || argument == "--version") {
+        fmt::print("{}",
+                   argument == "--help" ? kHelp : "activity_recognition_demo " AR_VERSION "\n");
+        return 0;
+    }
+    if (argc > 2 || argument[0] == '-') {
+        fmt::print(stderr, "demo: there is no '{}' (--help explains)\n", argv[argc - 1]);
+        return 2;
+    }
     support::throwOnSignals();
     try {
-        const bool agree = demo::Story(argc > 1 ? argv[1] : DEMO_SCENARIO).run();
+        const bool agree = demo::Story(argument).run();
         fmt::print("{}\n", agree ? "The demo is right: every client got exactly its events."
                                  : "The demo is wrong.");
         return agree ? 0 : 1;

@@ -48,6 +48,7 @@ int main(int argc, char** argv) {
             "Checks a native activity-recognition module against what the service asks of it.\n"
             "Each check runs in a process of its own, with the module loaded anew.");
     app.footer("Exit status: 0 no findings, 1 findings, 2 the check could not run.");
+    app.set_version_flag("--version", "modulecheck " AR_VERSION);
     auto* what = app.add_option_group("module");
     what->add_option("-m,--module", options.path, "the module's file");
     what->add_option("-i,--id", options.id,
