@@ -113,13 +113,12 @@ void Activity::died(uint64_t cookie, Who who) {
     if (!who.promotable) {
         say('E', "Invalide IBase object");
     } else {
-        const Recipient shared = sharedRecipient;
         if (own != 0) {
             mWorld.unlink(who.object, own);
         } else {
             say('E', "DeathRecipient is nullptr");
         }
-        if (shared != 0) mWorld.unlink(who.object, shared);
+        if (sharedRecipient != 0) mWorld.unlink(who.object, sharedRecipient);
     }
     const auto pid = leave(clientsV1_1, who.object, "######V1_1 Match, remainder cb[%d]!!!######");
     const auto isTheirs = [&](const Request& request) { return pid && request.pid == *pid; };

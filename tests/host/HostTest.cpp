@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <random>
 
 #include <android-base/unique_fd.h>
 #include <android/hidl/manager/1.0/IServiceManager.h>
@@ -151,6 +150,15 @@ TEST_F(HostTest, NestedCallsStayOnTheWaitingThread) {
     EXPECT_EQ(6, valueOf(mPeer->callBack(listener, 6)));
     EXPECT_THAT(threads,
                 testing::AllOf(testing::SizeIs(7), testing::Each(std::this_thread::get_id())));
+    // The other side does not say how deep: what is too deep fails alone.
+    int32_t deepest = 0;
+    listener->answer = [&](int32_t depth) {
+        deepest = depth;
+        return mPeer->callBack(listener, depth + 1).withDefault(-1);
+    };
+    EXPECT_EQ(-1, valueOf(mPeer->callBack(listener, 0)));
+    EXPECT_THAT(deepest, testing::AllOf(testing::Ge(50), testing::Le(150)));
+    EXPECT_TRUE(serves());
     listener->answer = nullptr;
 }
 
@@ -529,20 +537,6 @@ TEST_F(HostTest, BytesThatAreNoValidMessageEndTheirConnectionAlone) {
         return mService->err().lines().size() >= linesBefore + std::size(cases);
     })) << "one log line each\n"
         << mService->describe();
-
-    // Random packets, after a valid start.
-    std::mt19937 random(1);
-    for (int i = 0; i < 300; ++i) {
-        BadClient client;
-        Header header;
-        if (i % 2 == 0) client.send(header.with());
-        std::string bytes(random() % 200, '\0');
-        for (char& byte : bytes) byte = static_cast<char>(random());
-        header.type = random() % 8;
-        header.objects = random() % 3;
-        header.size = static_cast<uint32_t>(bytes.size());
-        client.send(header.with(bytes));
-    }
     EXPECT_TRUE(serves());
     EXPECT_FALSE(mService->hasEnded());
 }
@@ -840,23 +834,6 @@ TEST_F(HostTest, AKilledClientIsNotBlamed) {
     EXPECT_TRUE(serves());
     support::drainOutput();
     EXPECT_THAT(mService->err().text(), testing::Not(testing::HasSubstr(" E ")));
-}
-
-TEST_F(HostTest, AMalformedCallIsRefusedToItsCaller) {
-    // Valid messages whose content does not fit the method: the stub refuses them.
-    const auto binder = ::android::hardware::getOrCreateCachedBinder(mPeer.get());
-    std::mt19937 random(2);
-    for (uint32_t code = 1; code <= 17; ++code) {
-        if (code == 13 || code == 14 || code == 16) continue;  // oneway, or waiting on purpose
-        for (int i = 0; i < 50; ++i) {
-            Parcel data, reply;
-            data.writeInterfaceToken(i == 0 ? "other@1.0::IOther" : IPeer::descriptor);
-            for (uint32_t words = random() % 24; words > 0; --words)
-                data.writeUint32(random() % 80);
-            binder->transact(code, data, &reply);
-        }
-    }
-    EXPECT_TRUE(serves());
 }
 
 TEST(PassthroughTest, LoadsAnImplementationAndWrapsIt) {

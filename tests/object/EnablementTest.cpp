@@ -42,26 +42,6 @@ TEST_F(EnablementTest, JoinersMergeAndTakeABarrier) {
                      "I AR_impl: enableActivityEventExtend end, pid[70]"}));
 }
 
-TEST_F(EnablementTest, BarriersFollowTheSnapshot) {
-    const auto afterJoiningAt = [this](int count) {
-        module.countOverride = count;
-        enable(71, 1, 1, 0);
-        return barriers();
-    };
-    for (int i = 1; i <= 7; ++i) module.current.push_back(Context(1, 1, 10 * i));
-    enable(70, 1, 1, 0);
-    EXPECT_EQ(afterJoiningAt(0), Lines{});             // nothing current: none is made
-    EXPECT_EQ(afterJoiningAt(2), Lines{"71 1 1 20"});  // the last, not the greatest
-    EXPECT_EQ(afterJoiningAt(0), Lines{"71 1 1 20"});  // and none is replaced
-    EXPECT_EQ(afterJoiningAt(7), Lines{"71 1 1 70"});  // not capped
-    EXPECT_EQ(afterJoiningAt(-3), Lines{"71 1 1 0"});  // a negative count
-    EXPECT_EQ(afterJoiningAt(1), Lines{"71 1 1 10"});  // one record for the triple
-    module.nullArrays = true;
-    EXPECT_EQ(afterJoiningAt(3), Lines{"71 1 1 10"});  // as good as no snapshot
-    disable(71, 1, 1);
-    EXPECT_EQ(barriers(), Lines{});
-}
-
 TEST_F(EnablementTest, WhatRemainsDecidesTheReEnable) {
     const OtherParams late = Params({1, 0, 0, 0}, "late");
     const struct {

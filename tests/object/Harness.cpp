@@ -32,9 +32,7 @@ Number Shown(Number number) {
     return number;
 }
 std::string Shown(const other_params* params) {
-    const double* p = params->params;
-    const std::string name(params->name, strnlen(params->name, sizeof(params->name)));
-    return "[" + Joined(" ", p[0], p[1], p[2], p[3], "'" + name + "'") + "]";
+    return Text(*params);
 }
 
 template <typename... T>
@@ -48,22 +46,27 @@ int Called(const char* slot, T... arguments) {
     return result == module.results.end() ? 0 : result->second;
 }
 
-int Count(size_t size) {
-    return module.countOverride == INT32_MIN ? int(size) : module.countOverride;
-}
-
+// What is handed over is gone with the next.
 int GetNames(char*** list) {
-    static std::vector<char*> pointers;
-    pointers.clear();
-    for (std::string& name : module.names) pointers.push_back(name.data());
-    *list = module.nullArrays ? nullptr : pointers.data();
-    return Count(module.names.size());
+    static thread_local std::vector<std::unique_ptr<char[]>> names;
+    static thread_local std::unique_ptr<char*[]> handed;
+    names.clear();
+    std::vector<char*> pointers;
+    for (const std::string& name : module.names) {
+        names.push_back(Exactly(std::vector<char>(name.c_str(), name.c_str() + name.size() + 1)));
+        pointers.push_back(names.back().get());
+    }
+    handed = Exactly(pointers);
+    *list = module.nullArrays ? nullptr : handed.get();
+    return module.count(module.names.size());
 }
 
 int GetCurrent(ar_context_event** events) {
     if (module.inside) module.inside();
-    *events = module.nullArrays ? nullptr : module.current.data();
-    return Count(module.current.size());
+    static thread_local std::unique_ptr<ar_context_event[]> handed;
+    handed = Exactly(module.current);
+    *events = module.nullArrays ? nullptr : handed.get();
+    return module.count(module.current.size());
 }
 
 int Open(const hw_module_t*, const char* id, hw_device_t** opened) {
@@ -108,8 +111,7 @@ void Note(const std::string& line) {
     gJournal.push_back(line);
 }
 
-void ObjectTest::make(const activity_interface* activity,
-                      const environment_interface* environment) {
+void Objects::make(const activity_interface* activity, const environment_interface* environment) {
     drop();
     __android_log_set_logger(Capture);
     __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
@@ -118,13 +120,14 @@ void ObjectTest::make(const activity_interface* activity,
     Act::barriers().clear();
     Act::lastEvents().clear();
     Act::reported().clear();
+    Act::forget();
     act = new ActivityInterface(activity);
     env = new EnvironmentInterface(environment);
     TakeLog();
     TakeJournal();
 }
 
-void ObjectTest::drop() {
+void Objects::drop() {
     if (act != nullptr) {  // which its recipients hold
         Act::sharedRecipient(*act) = nullptr;
         Act::recipients(*act).clear();

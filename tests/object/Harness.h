@@ -8,6 +8,8 @@
 #include <atomic>
 #include <functional>
 #include <map>
+#include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -64,6 +66,11 @@ struct ActivityInterfaceTestPeer {
         I::ActivitiesReport(I::sBatch);
         I::sBatch.clear();
     }
+    // What deliveries keep for the next.
+    static void forget() NO_THREAD_SAFETY_ANALYSIS {
+        I::sRoutes = RouteMemory();
+        I::sBatch = RoutedBatch();
+    }
     // What a re-enable of the pair needs, by walking all requests.
     static auto merge(uint32_t activity, uint32_t event) NO_THREAD_SAFETY_ANALYSIS {
         EnableRequestTable::Merge merge;
@@ -111,13 +118,22 @@ inline std::string Text(const ActivityEventV1_1& e) {
     return "(" + Joined(",", e.eventType, e.activity, e.timestamp, e.extra) + ")";
 }
 inline std::string Text(const ActivityEventExtend& e) {
-    return "(" + Joined(",", e.eventType, e.activity, e.timestamp, e.value, e.name) + ")";
+    const auto& d = e.contextData;
+    return "(" + Joined(",", e.eventType, e.activity, e.timestamp, e.value) + "," +
+           Joined(",", d[0], d[1], d[2], d[3], e.name) + ")";
 }
 inline std::string Text(const ActivityEventExtendV1_1& e) {
-    return "(" + Joined(",", e.eventType, e.activity, e.timestamp, e.extra, e.value, e.name) + ")";
+    const auto& d = e.contextData;
+    return "(" + Joined(",", e.eventType, e.activity, e.timestamp, e.extra, e.value) + "," +
+           Joined(",", d[0], d[1], d[2], d[3], e.name) + ")";
 }
 inline std::string Text(const hidl_string& name) {
     return name;
+}
+inline std::string Text(const other_params& params) {
+    const double* p = params.params;
+    const std::string name(params.name, strnlen(params.name, sizeof(params.name)));
+    return "[" + Joined(" ", p[0], p[1], p[2], p[3], "'" + name + "'") + "]";
 }
 inline std::string Text(const EnableRequestData& r) {
     return Joined(" ", r.pid, r.activity, r.event, r.reportLatencyNs);
@@ -149,6 +165,14 @@ void Note(const std::string& line);
 extern const activity_interface kActivityTable;
 extern const environment_interface kEnvironmentTable;
 
+// A copy in a block of just its size: the address sanitizer sees who reads past it.
+template <typename T>
+std::unique_ptr<T[]> Exactly(const std::vector<T>& all) {
+    std::unique_ptr<T[]> copy(new T[all.size()]);
+    std::copy(all.begin(), all.end(), copy.get());
+    return copy;
+}
+
 // A native module. Calls are noted as "enable 1 1 5000000000"; results and snapshots as scripted.
 struct Module {
     Lines calls;
@@ -156,7 +180,7 @@ struct Module {
     std::function<void()> inside;           // runs inside every control call and snapshot
     std::vector<ar_context_event> current;  // for both sides' snapshots and lists
     std::vector<std::string> names;
-    int countOverride = INT32_MIN;  // what snapshots and lists answer instead of their size
+    std::optional<int> countOverride;  // what snapshots and lists answer instead of their size
     bool nullArrays = false;
     const activity_interface* activityTable = &kActivityTable;  // what the device offers
     const environment_interface* environmentTable = &kEnvironmentTable;
@@ -164,6 +188,7 @@ struct Module {
     const environment_callbacks* environment = nullptr;
 
     Lines take() { return std::exchange(calls, {}); }
+    int count(size_t size) const { return countOverride.value_or(int(size)); }
 };
 inline Module module;
 
@@ -277,17 +302,24 @@ inline ar_context_event Context(uint32_t type, uint32_t activity, int64_t timest
     return event;
 }
 
-// Every test starts with one working object a side.
-class ObjectTest : public ::testing::Test {
+// One working object a side.
+class Objects {
   protected:
-    ObjectTest() { make(); }
-    ~ObjectTest() override { drop(); }
+    Objects() { make(); }
+    ~Objects() { drop(); }
 
     // Both objects anew, with empty tables, on an unscripted module, with nothing logged.
     void make(const activity_interface* activity = &kActivityTable,
               const environment_interface* environment = &kEnvironmentTable);
     void drop();
 
+    sp<ActivityInterface> act;
+    sp<EnvironmentInterface> env;
+};
+
+// Every test starts with them.
+class ObjectTest : public ::testing::Test, protected Objects {
+  protected:
     // Calls as that process.
     int32_t enable(int pid, uint32_t activity, uint32_t event, int64_t latencyNs) {
         As caller(pid);
@@ -329,9 +361,6 @@ class ObjectTest : public ::testing::Test {
     void environment(const std::vector<ar_context_event>& events) {
         module.environment->environment_changed(events.data(), int(events.size()));
     }
-
-    sp<ActivityInterface> act;
-    sp<EnvironmentInterface> env;
 };
 
 }  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -42,17 +42,6 @@ TEST(Rules, NoWakePattern) {
     }
 }
 
-TEST(Rules, TheSmallestLatencyOfThePairWins) {
-    const EnableRequestTable table = Table({{1, 1, 1, 5, {}},
-                                            {2, 1, 1, 2, {}},
-                                            {3, 1, 1, 3, {}},
-                                            {3, 1, 2, 1, {}},
-                                            {3, 2, 1, -4, {}}});
-    EXPECT_EQ(I::MinReportLatencyNsFunc(1, 1, table), 2);
-    EXPECT_EQ(I::MinReportLatencyNsFunc(2, 1, table), -4);
-    EXPECT_EQ(I::MinReportLatencyNsFunc(9, 1, table), 0);
-}
-
 TEST(Lookups, OfRequestsTakeTheFirstMatch) {
     EnableRequestTable table = Table({{1, 1, 1, 10, {}}, {2, 1, 1, 20, {}}, {2, 1, 1, 30, {}}});
     EXPECT_EQ(I::FindEnableRequestDataIndex(2, 1, 1, table), 1);
@@ -123,14 +112,6 @@ TEST(Conversions, ExtendedRecordsByteForByte) {
     zero.extra = native.value;  // value in the place of extra
     zero.value = 0;
     ExpectBytes(native, I::convertACEToAEEV1_0, &zero, 56);
-}
-
-TEST(Conversions, ANameEndsWithItsFieldAtTheLatest) {
-    ar_context_event natives[2];
-    memset(natives, 'n', sizeof(natives));
-    EXPECT_EQ(I::convertACEToAEEV1_0(natives[0]).name.size(), 32u);
-    natives[0].name[4] = 0;
-    EXPECT_EQ(I::convertACEToAEEV1_1(natives[0]).name, "nnnn");
 }
 
 }}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -1,66 +1,9 @@
-// Registration and death, alike and unlike in both versions of both sides. What the log says of
-// them is compared with the model, see ModelTest.
+// Death and the life of the objects. Registration is compared with the model, see ModelTest.
 #include <android/log.h>
 
 #include "Harness.h"
 
 namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation { namespace {
-
-// By client: one for each version of each side.
-template <typename C>
-struct RegistryTest : ObjectTest {
-    static constexpr bool kAct = std::is_base_of_v<V1_0::IActivityChangedCallback, C>;
-    static constexpr bool kV1_1 = std::is_same_v<C, ActClient1> || std::is_same_v<C, EnvClient1>;
-    // A process's later callback takes the place of the earlier, with a recipient of its own.
-    static constexpr bool kReplaces = kAct && kV1_1;
-
-    static auto& table() {
-        if constexpr (kAct && kV1_1) return Act::clientsV1_1();
-        if constexpr (kAct && !kV1_1) return Act::clientsV1_0();
-        if constexpr (!kAct && kV1_1) return Env::clientsV1_1();
-        if constexpr (!kAct && !kV1_1) return Env::clientsV1_0();
-    }
-    const sp<C> a = new C("a"), b = new C("b");
-};
-using Clients = ::testing::Types<ActClient0, ActClient1, EnvClient0, EnvClient1>;
-TYPED_TEST_SUITE(RegistryTest, Clients, );
-
-TYPED_TEST(RegistryTest, SecondCallbackOfAProcess) {
-    this->enter(70, this->a);
-    this->enter(70, this->b);
-    ASSERT_EQ(this->table().size(), 1u);
-    EXPECT_EQ(this->table().keyAt(0), this->kReplaces ? this->b : this->a);
-    EXPECT_TRUE(this->a->unlinked.empty());
-    // Only a registration that goes on links.
-    EXPECT_EQ(this->b->cookies.size(), this->kReplaces ? 1u : 0u);
-    // The same object from another process is known, too.
-    this->enter(71, this->kReplaces ? this->b : this->a);
-    EXPECT_EQ(this->table().size(), 1u);
-}
-
-TYPED_TEST(RegistryTest, WithoutThreadStateAllCountAsOneProcess) {
-    WithoutThreadState none;
-    EXPECT_TRUE(this->enter(this->a).isOk());
-    EXPECT_TRUE(this->enter(this->b).isOk());
-    ASSERT_EQ(this->table().size(), 1u);
-    EXPECT_EQ(this->table().keyAt(0), this->kReplaces ? this->b : this->a);
-    EXPECT_EQ(this->table().valueAt(0), this->kAct ? 0u : 1u);
-}
-
-TYPED_TEST(RegistryTest, DeathRemovesTheVeryObject) {
-    this->enter(70, this->a);
-    this->enter(71, this->b);
-    // Each version 1.1 activity registration has a recipient of its own, the others share one.
-    EXPECT_EQ(this->a->recipients[0] == this->b->recipients[0], !this->kReplaces);
-    // Through the recipient, as the runtime does it. Failing unlinks are nobody's concern.
-    this->a->link = Status::fromStatusT(::android::DEAD_OBJECT);
-    const sp<hidl_death_recipient> recipient = this->a->recipients[0].promote();
-    recipient->serviceDied(70, wp<IBase>(sp<IBase>(this->a)));
-    EXPECT_EQ(this->a->unlinked, std::vector<sp<hidl_death_recipient>>{recipient});
-    ASSERT_EQ(this->table().size(), 1u);
-    EXPECT_EQ(this->table().keyAt(0), this->b);
-    EXPECT_EQ(Act::recipients(*this->act).size(), this->kReplaces ? 2u : 0u);
-}
 
 using DeathTest = ObjectTest;
 
