@@ -6,7 +6,7 @@
 #   lib/activity_recognition/hw/       implementation library, simulator, also as the default module
 #   include/activity_recognition/      host headers, generated headers, the native module ABI
 #   lib/cmake/, lib/pkgconfig/         for CMake and others
-#   share/activity_recognition/        scenarios
+#   share/activity_recognition/        scenarios, templates
 #
 # Plain lib/, not the multiarch folder: bin/ looks for ../lib.
 set(ar_lib lib/activity_recognition)
@@ -56,7 +56,7 @@ install(DIRECTORY host/include/ activity_recognition/native/include/
     ${PROJECT_BINARY_DIR}/gen/android ${PROJECT_BINARY_DIR}/gen/vendor
     DESTINATION ${ar_include} FILES_MATCHING PATTERN "*.h")
 
-install(DIRECTORY scenarios DESTINATION share/activity_recognition)
+install(DIRECTORY scenarios templates DESTINATION share/activity_recognition)
 install(FILES docs/man/activityctl.1 docs/man/modulecheck.1 DESTINATION share/man/man1)
 install(FILES docs/man/vendor.zaltho.hardware.activity_recognition@1.1-service.8
     DESTINATION share/man/man8)
@@ -65,3 +65,19 @@ install(FILES activity_recognition/tools/activityctl/completion.bash
 configure_file(cmake/activity_recognition.service.in
     ${PROJECT_BINARY_DIR}/activity_recognition.service @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/activity_recognition.service DESTINATION lib/systemd/user)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME activity-recognition)
+set(CPACK_PACKAGE_CONTACT "the maintainers of this repository")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Activity recognition HAL service, its tools and what clients build with")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+    ${PROJECT_BINARY_DIR}/lib ${ANDROID_LIBRARY_DIR})
+# To build clients and modules.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS
+    "android-libutils-dev, android-liblog-dev, android-libcutils-dev")
+include(CPack)
