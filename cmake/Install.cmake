@@ -62,8 +62,10 @@ install(FILES docs/man/vendor.zaltho.hardware.activity_recognition@1.1-service.8
     DESTINATION share/man/man8)
 install(FILES activity_recognition/tools/activityctl/completion.bash
     DESTINATION share/bash-completion/completions RENAME activityctl)
-configure_file(cmake/activity_recognition.service.in
-    ${PROJECT_BINARY_DIR}/activity_recognition.service @ONLY)
+# It names the prefix, which is known when it is installed.
+install(CODE "
+    configure_file(\"${PROJECT_SOURCE_DIR}/cmake/activity_recognition.service.in\"
+        \"${PROJECT_BINARY_DIR}/activity_recognition.service\" @ONLY)")
 install(FILES ${PROJECT_BINARY_DIR}/activity_recognition.service DESTINATION lib/systemd/user)
 
 set(CPACK_GENERATOR DEB)

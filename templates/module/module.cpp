@@ -122,13 +122,14 @@ hw_module_methods_t sMethods = {openDevice};
 
 }  // namespace
 
-extern "C" activity_recognition_module HAL_MODULE_INFO_SYM = {
-        {HARDWARE_MODULE_TAG,
-         HARDWARE_MODULE_API_VERSION(1, 0),
-         HARDWARE_HAL_API_VERSION,
-         ACTIVITY_RECOGNITION_HARDWARE_MODULE_ID,
-         "An activity recognition module",
-         "you",
-         &sMethods,
-         nullptr,
-         {}}};
+extern "C" {
+activity_recognition_module HAL_MODULE_INFO_SYM = {{HARDWARE_MODULE_TAG,
+                                                    HARDWARE_MODULE_API_VERSION(1, 0),
+                                                    HARDWARE_HAL_API_VERSION,
+                                                    ACTIVITY_RECOGNITION_HARDWARE_MODULE_ID,
+                                                    "An activity recognition module",
+                                                    "you",
+                                                    &sMethods,
+                                                    nullptr,
+                                                    {}}};
+}
