@@ -7,9 +7,9 @@ set(CMAKE_CXX_EXTENSIONS ON) # Android compiles gnu++
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 # bin/ next to hw/ is the host's picture of /vendor: hw/ holds what is loaded by name.
-set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
-set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
-set(HW_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/hw)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+set(HW_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/hw)
 
 add_compile_options(-Wall -Wextra -Werror -fvisibility-inlines-hidden)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
@@ -41,20 +41,10 @@ if(SANITIZE)
     add_link_options(${sanitize_flags})
 endif()
 
-find_package(Threads REQUIRED)
-find_path(ANDROID_INCLUDE_DIR utils/RefBase.h PATH_SUFFIXES android REQUIRED)
-foreach(lib log utils cutils)
-    # Debian keeps these in the multiarch folder's android/, outside the loader's path.
-    find_library(ANDROID_${lib}_LIBRARY ${lib} PATH_SUFFIXES android REQUIRED NO_CACHE)
-    add_library(android::${lib} SHARED IMPORTED)
-    set_target_properties(android::${lib} PROPERTIES
-        IMPORTED_LOCATION ${ANDROID_${lib}_LIBRARY}
-        INTERFACE_INCLUDE_DIRECTORIES ${ANDROID_INCLUDE_DIR})
-    get_filename_component(android_lib_dir ${ANDROID_${lib}_LIBRARY} DIRECTORY)
-endforeach()
+include(AndroidLibraries)
 # Debian's own libraries there find each other through their rpath only when ours is an RPATH.
 add_link_options(-Wl,--disable-new-dtags)
-list(APPEND CMAKE_BUILD_RPATH ${android_lib_dir})
+list(APPEND CMAKE_BUILD_RPATH ${ANDROID_LIBRARY_DIR})
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     # The interface compiler defines each enum's list of values in a header, which under clang is a
     # definition per object file. g++ builds still find true duplicates.

@@ -23,7 +23,7 @@ std::vector<std::string> hardwareFolders() {
     if (length <= 0 || length == sizeof(path)) return folders;
     const std::string executable(path, static_cast<size_t>(length));
     const std::string folder = executable.substr(0, executable.rfind('/'));
-    return {folder + "/hw", folder + "/../hw"};
+    return {folder + "/hw", folder + "/../hw", folder + "/../lib/activity_recognition/hw"};
 }
 
 std::string describeHardwareFolders() {

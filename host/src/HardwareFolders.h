@@ -6,7 +6,8 @@
 
 namespace android { namespace hardware { namespace host {
 
-// $HIDL_HOST_HW_DIRS, separated by colons; else hw/ in the executable's folder and beside it.
+// $HIDL_HOST_HW_DIRS, separated by colons; else hw/ in the executable's folder and beside it, then
+// ../lib/activity_recognition/hw, where an installation has it.
 std::vector<std::string> hardwareFolders();
 
 // The same for a log line.

@@ -81,13 +81,13 @@ TEST(ModuleCheck, SoundModulesAreClean) {
     unsetenv("BREAK");
     setenv("AR_SIMULATOR_SCENARIO", SCENARIOS "/context.scn", 1);
     setenv("AR_SIMULATOR_SPEED", "100", 1);
-    for (const char* module : {BROKEN_MODULE, MINIMAL_MODULE, SIMULATOR}) {
+    for (const char* module : {BROKEN_MODULE, TEMPLATE_MODULE, SIMULATOR}) {
         const json report = check(module, 0);
         ASSERT_FALSE(report.is_null());
         EXPECT_TRUE(report["findings"].empty()) << report.dump(2);
         // Only what needs extended records may remain open, and for the minimal module only.
         const json open =
-                module == std::string(MINIMAL_MODULE) ? json{"event.name"} : json::array();
+                module == std::string(TEMPLATE_MODULE) ? json{"event.name"} : json::array();
         EXPECT_EQ(open, report["not_exercised"]) << module;
     }
 }

@@ -1,5 +1,6 @@
 #include "Simulator.h"
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -27,6 +28,15 @@ constexpr int64_t kPauseNs = 100000;
 const char* nonEmptyEnv(const char* name) {
     const char* value = getenv(name);
     return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+// Installed beside the module, so that whoever only installed it sees something happen.
+std::string scenarioBesideTheModule() {
+    Dl_info info = {};
+    if (dladdr(&kPauseNs, &info) == 0) return "";
+    const std::string module = info.dli_fname;
+    const std::string path = module.substr(0, module.rfind('/') + 1) + "activity_recognition.scn";
+    return access(path.c_str(), R_OK) == 0 ? path : "";
 }
 
 // Open for writing too, so that the reading end never sees the last writer go.
@@ -78,6 +88,8 @@ int Simulator::open() {
 bool Simulator::configure() {
     std::string error;
     const char* path = nonEmptyEnv("AR_SIMULATOR_SCENARIO");
+    const std::string beside = path == nullptr ? scenarioBesideTheModule() : "";
+    if (!beside.empty()) path = beside.c_str();
     for (auto& list : mLists) list.clear();
     mScenario = Scenario::builtIn();
     if (path != nullptr && !readScenario(path, &mScenario, &error)) {

@@ -1,0 +1,28 @@
+# Bash completion for activityctl. Names come from the running service, if there is one.
+
+_activityctl() {
+    local word=${COMP_WORDS[COMP_CWORD]} side= command= words i
+    for ((i = 1; i < COMP_CWORD; ++i)); do
+        case ${COMP_WORDS[i]} in
+            env) side=env ;;
+            status | list | current | watch | enable | disable | flush | init | exit)
+                command=${COMP_WORDS[i]}
+                ;;
+        esac
+    done
+    case ${COMP_WORDS[COMP_CWORD - 1]},$side,$command in
+        -i,* | --interface,*) words="1.0 1.1" ;;
+        --instance,*) words=default ;;
+        *,env,) words="list current init exit enable disable watch --help" ;;
+        *,,) words="status list current watch enable disable flush env
+            --help --version --instance --interface --json" ;;
+        *,watch | *,enable | *,disable | *,init | *,exit)
+            words="$(activityctl $side list 2>/dev/null | awk '{print $2}')
+                --help --latency --params --name --no-wake"
+            [[ $command != watch ]] || words+=" --for --count --control"
+            ;;
+        *) words=--help ;;
+    esac
+    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
+}
+complete -F _activityctl activityctl
