@@ -37,6 +37,17 @@ TEST_F(DeathTest, TakesTheRequestsOfAVersion1_1ClientOnly) {
     EXPECT_EQ(Act::reported().size(), 2u);
 }
 
+TEST_F(DeathTest, TheNextProcessOfTheIdTakesOverWhatStayed) {
+    const auto zero = add<ActClient0>(70, "zero");
+    enable(70, 1, 1, 0);
+    act->HandleHidlDeath(70, wp<IBase>(sp<IBase>(zero)));
+    const auto one = add<ActClient1>(70, "one");
+    plain({{1, 1, 10, 0, {}}});
+    EXPECT_EQ(TakeJournal(), Lines{"one plain (1,1,10,0)"});
+    act->HandleHidlDeath(70, wp<IBase>(sp<IBase>(one)));
+    EXPECT_TRUE(Act::requests().empty());
+}
+
 using LifeTest = ObjectTest;
 
 TEST_F(LifeTest, AClientsRecipientKeepsTheObjectAlive) {

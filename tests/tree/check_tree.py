@@ -312,6 +312,22 @@ def check_licence(_):
             finding(path, "has no SPDX-License-Identifier in its first three lines")
 
 
+def check_lifecycle(_):
+    """Every row of the contract names tests that exist."""
+    page = TREE / "docs/lifecycle.md"
+    known = {"storm", "fuzz.library", "fuzz.module"}
+    for source in [*(TREE / "tests").rglob("*Test.cpp"), *DEFAULT.parent.rglob("*Test.cpp")]:
+        known |= {".".join(name) for name in
+                  re.findall(r"^(?:TYPED_)?TEST(?:_[FP])?\((\w+),\s*(\w+)\)", source.read_text(), re.M)}
+    rows = re.findall(r"^\| (\d+) \|.*\| ([^|]*) \|$", page.read_text(), re.M)
+    if [int(number) for number, _ in rows] != list(range(1, len(rows) + 1)) or len(rows) < 10:
+        finding(page, "its rows are not numbered from 1")
+    for number, shown in rows:
+        names = [re.sub(r"/\d+", "", name) for name in re.findall(r"`([^`]*)`", shown)]
+        for name in [name for name in names if name not in known] or ([] if names else ["nothing"]):
+            finding(page, f"row {number} names {name}, which is no test")
+
+
 for check in sys.argv[2:]:
     globals()[f"check_{check}"](Path(sys.argv[1]).resolve())
 sys.exit("\n".join(findings) or 0)
