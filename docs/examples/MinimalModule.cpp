@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -30,6 +31,7 @@ struct State {
     bool open = false;
     const activity_callbacks* callbacks = nullptr;
     std::map<Pair, int64_t> latencies;  // of the enabled pairs
+    std::set<Pair> extended;            // those of them that were enabled by the extended slot
     std::vector<activity_event> held;
     activity_event last = {};
     Clock::time_point deadline = Clock::time_point::max();  // of what is held
@@ -52,6 +54,15 @@ activity_event detect(uint32_t step) {
     event.activity = step / 2 % kActivities;
     event.timestamp = nanoseconds(Clock::now());
     return event;
+}
+
+ar_context_event describe(const activity_event& event) {
+    ar_context_event described = {};
+    described.event_type = event.event_type;
+    described.activity = event.activity;
+    described.timestamp = event.timestamp;
+    strcpy(described.name, sNames[event.activity]);
+    return described;
 }
 
 Clock::time_point deadlineIn(int64_t latency) {
@@ -82,11 +93,21 @@ void work() {
         if (Clock::now() >= s.deadline) {
             std::vector<activity_event> batch;
             batch.swap(s.held);
+            std::vector<ar_context_event> extended;
+            for (const activity_event& event : batch) {
+                if (s.extended.count({event.activity, event.event_type}) != 0) {
+                    extended.push_back(describe(event));
+                }
+            }
             s.deadline = Clock::time_point::max();
             const activity_callbacks* callbacks = s.callbacks;
             lock.unlock();
             if (callbacks != nullptr && !batch.empty()) {
                 callbacks->activity_changed(batch.data(), static_cast<int>(batch.size()));
+            }
+            if (callbacks != nullptr && !extended.empty()) {
+                callbacks->activity_extend_changed(extended.data(),
+                                                   static_cast<int>(extended.size()));
             }
             lock.lock();
         } else {
@@ -124,7 +145,11 @@ int enable_activity_event(uint32_t activity, uint32_t event_type, int64_t report
 int enable_activity_event_extend(uint32_t activity, uint32_t event_type, int64_t report_latency_ns,
                                  const other_params* params) {
     // params->name may fill its 32 bytes without a terminator, and params is gone after this call.
-    if (params == nullptr) return -EINVAL;
+    if (params == nullptr || !isPair(activity, event_type)) return -EINVAL;
+    {
+        std::lock_guard<std::mutex> lock(state().lock);
+        state().extended.insert({activity, event_type});
+    }
     return enable_activity_event(activity, event_type, report_latency_ns);
 }
 
@@ -134,11 +159,7 @@ int get_current_activity(ar_context_event** events) {
     std::lock_guard<std::mutex> lock(state().lock);
     const activity_event& last = state().last;
     if (last.event_type == 0) return 0;
-    snapshot = {};
-    snapshot.event_type = last.event_type;
-    snapshot.activity = last.activity;
-    snapshot.timestamp = last.timestamp;
-    strcpy(snapshot.name, sNames[last.activity]);
+    snapshot = describe(last);
     *events = &snapshot;
     return 1;
 }
@@ -147,6 +168,7 @@ int disable_activity_event(uint32_t activity, uint32_t event_type) {
     if (!isPair(activity, event_type)) return -EINVAL;
     std::lock_guard<std::mutex> lock(state().lock);
     state().latencies.erase({activity, event_type});
+    state().extended.erase({activity, event_type});
     std::vector<activity_event> kept;
     for (const activity_event& event : state().held) {
         if (event.activity != activity || event.event_type != event_type) kept.push_back(event);
@@ -205,6 +227,7 @@ int open_device(const hw_module_t* module, const char* id, hw_device_t** device)
     sDevice.get_environment_interface = get_environment_interface;
     state().callbacks = nullptr;
     state().latencies.clear();
+    state().extended.clear();
     state().held.clear();
     state().open = true;
     state().worker = std::thread(work);
