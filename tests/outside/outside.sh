@@ -27,7 +27,7 @@ read -ra flags < <(pkg-config --cflags activity_recognition-native)
 "$CXX" -fsyntax-only "$work/module/module.cpp" "${flags[@]}"
 
 module=$work/module/build/activity_recognition.template.so
-"$work/prefix/bin/modulecheck" --strict --module "$module"
+"$work/prefix/bin/modulecheck" --strict --tolerance 3 --module "$module"
 
 start_service() {
     "$work"/prefix/bin/*-service 2>>"$work/log" &

@@ -5,8 +5,11 @@
 
 namespace modulecheck {
 
-// Records, opening, tables, closing. Returns after findings that make the rest pointless.
+// Records, opening, closing. Returns after findings that make the rest pointless.
 void checkModule(Probe& probe);
+
+// Opening what is not the module's.
+void checkNames(Probe& probe);
 
 // Supported lists and current-state snapshots of both sides.
 void checkQueries(Probe& probe);
@@ -16,6 +19,9 @@ void checkCalls(Probe& probe);
 
 // Records: how they look, and that they come only for what is enabled.
 void checkEvents(Probe& probe);
+
+// Records come in time.
+void checkLatency(Probe& probe);
 
 // Calls from inside a callback, and from elsewhere while one is running.
 void checkReentry(Probe& probe);

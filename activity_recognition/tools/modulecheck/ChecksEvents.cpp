@@ -10,12 +10,9 @@ namespace modulecheck {
 namespace {
 
 constexpr int64_t kSecondNs = 1000000000;
+constexpr int64_t kLongNs = 3600 * kSecondNs;
 constexpr int kThreads = 4;
 constexpr int kRounds = 200;
-
-void flush(const Subject& subject) {
-    if (subject.activity != nullptr) subject.activity->flush();
-}
 
 }  // namespace
 
@@ -25,7 +22,11 @@ void checkEvents(Probe& probe) {
     Recorder& recorder = Recorder::instance();
     const Calls calls{probe, subject};
     // Each of these is a time, not an event: what must not come cannot be waited for.
-    const auto listen = [&] { std::this_thread::sleep_for(probe.options.listen / 3); };
+    const auto sleep = [&](Seconds time) {
+        probe.waits(time);
+        std::this_thread::sleep_for(time);
+    };
+    const auto listen = [&] { sleep(probe.options.listen / 3); };
 
     probe.stage("event.enabled", "listening with one pair of each side enabled");
     if (subject.activity != nullptr && subject.activities > 0) {
@@ -36,102 +37,56 @@ void checkEvents(Probe& probe) {
         calls.enable(Kind::kEnvironment, 0, 1, 0);
     }
     listen();
-    flush(subject);
+    calls.flush();
 
     probe.stage("event.array", "listening with everything enabled");
     calls.enableAll(0);
     listen();
-    flush(subject);
+    calls.flush();
     recorder.waitForBatch(0, probe.options.listen);
 
     probe.stage("event.disabled", "listening with everything disabled");
     calls.disableAll();
-    flush(subject);
+    calls.flush();
     if (recorder.batches() > 0) probe.exercised("event.disabled");
     listen();
-    flush(subject);
-    std::this_thread::sleep_for(std::max<Seconds>(probe.options.listen / 3, Seconds(0.4)));
+    calls.flush();
+    sleep(std::max<Seconds>(probe.options.listen / 3, Seconds(0.4)));
     if (recorder.batches() == 0) {
         probe.note(
                 "no events came: nothing is known of the rules about them; --listen waits longer");
     }
 }
 
-void checkReentry(Probe& probe) {
+void checkLatency(Probe& probe) {
     Subject subject;
-    if (!subject.start(probe) || subject.activity == nullptr || subject.activities == 0) return;
-    const activity_interface& table = *subject.activity;
+    if (!subject.start(probe)) return;
     Recorder& recorder = Recorder::instance();
     const Calls calls{probe, subject};
-
-    const auto callAll = [&](const char* rule) {
-        const auto expect = [&](const char* slot, int result) {
-            if (result != 0) probe.finding(rule, fmt::format("{} returned {}", slot, result));
-        };
-        char** list = nullptr;
-        ar_context_event* events = nullptr;
-        probe.stage(rule, "the queries");
-        table.get_supported_activities_list(&list);
-        table.get_current_activity(&events);
-        probe.stage(rule, "enable_activity_event");
-        expect("enable_activity_event", calls.enable(Kind::kPlain, 0, 1, 0));
-        probe.stage(rule, "enable_activity_event_extend");
-        expect("enable_activity_event_extend", calls.enable(Kind::kExtended, 0, 2, 0));
-        probe.stage(rule, "flush");
-        expect("flush", table.flush());
-        probe.stage(rule, "disable_activity_event");
-        expect("disable_activity_event", calls.disable(Kind::kPlain, 0, 2));
+    const auto watchTime = [&](Seconds time, const std::function<bool(int64_t newest)>& done) {
+        probe.waits(time);
+        const auto end = Recorder::Clock::now() + time;
+        while (Recorder::Clock::now() < end) {
+            const int64_t newest = subject.newestTime();
+            recorder.sawTime(newest);
+            if (done(newest) || recorder.waitForPromised(Seconds(0.01))) return;
+        }
     };
 
-    std::mutex lock;
-    std::condition_variable changed;
-    bool entered = false, over = false;
-
-    recorder.inNextCallback([&] {
-        callAll("reentry.calls");
-        probe.exercised("reentry.calls");
-        probe.exercised("reentry.nested");
-        std::lock_guard<std::mutex> guard(lock);
-        entered = true;
-        changed.notify_all();
-    });
-    probe.stage("reentry.calls", "waiting for a callback");
-    calls.enableAll(0);
-    flush(subject);
-    std::unique_lock<std::mutex> guard(lock);
-    if (!changed.wait_for(guard, probe.options.listen, [&] { return entered; })) {
-        // It may be at work in there; then this is where it hangs.
-        if (recorder.batches() == 0) return;
-        changed.wait(guard, [&] { return entered; });
-    }
-
-    entered = false;
-    recorder.inNextCallback([&] {
-        std::unique_lock<std::mutex> guard(lock);
-        entered = true;
-        changed.notify_all();
-        changed.wait(guard, [&] { return over; });
-    });
-    guard.unlock();
-    // A thread, for a module that calls back on the thread that flushes.
-    std::thread starter([&] {
-        calls.enableAll(0);
-        flush(subject);
-    });
-    guard.lock();
-    if (changed.wait_for(guard, probe.options.listen, [&] { return entered; })) {
-        guard.unlock();
-        callAll("threads.blocked");
-        probe.exercised("threads.blocked");
-        guard.lock();
-    }
-    over = true;
-    changed.notify_all();
-    guard.unlock();
-    probe.stage("threads.blocked", "the end of the callback");
-    starter.join();
-    // Nothing of this frame may be used by a callback that is yet to come.
-    recorder.inNextCallback(nullptr);
+    // What a long latency has held back is due when a short one takes its place.
+    probe.stage("latency.kept", "waiting for records to be held back");
+    calls.enableAll(kLongNs);
+    const int64_t before = subject.newestTime();
+    watchTime(probe.options.listen, [&](int64_t newest) { return newest > before; });
+    if (recorder.batches() == 0 && subject.newestTime() <= before) return;
+    probe.stage("latency.kept", "waiting for records to come in time");
+    calls.enableAll(kSecondNs);
+    recorder.promise(Seconds(1));
+    const auto never = [](int64_t) { return false; };
+    watchTime(Seconds(1) + probe.options.tolerance + Seconds(0.1), never);
+    // Then what is held still says how late it is.
+    calls.flush();
+    watchTime(probe.options.listen, never);
 }
 
 void checkThreads(Probe& probe) {
@@ -159,7 +114,7 @@ void checkThreads(Probe& probe) {
                 expect("enable", calls.enable(kind, 0, type, latencyNs));
                 if (table.get_supported_activities_list(&list) < 1) expect("list", -1);
                 if (table.get_current_activity(&events) < 0) expect("current", -1);
-                expect("flush", table.flush());
+                expect("flush", calls.flush());
                 expect("disable", calls.disable(Kind::kPlain, 0, type));
             }
             if (hasEnvironments && i % 10 == 0) {

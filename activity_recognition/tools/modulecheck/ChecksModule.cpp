@@ -9,23 +9,7 @@ namespace modulecheck {
 
 void checkModule(Probe& probe) {
     Subject subject;
-    if (!subject.load(probe)) return;
-
-    if (isReadable(subject.module->methods, sizeof(*subject.module->methods)) &&
-        subject.module->methods->open != nullptr) {
-        for (const char* name : {"activity_recognition", "activity_recognition_hidl2", ""}) {
-            probe.stage("device.name", fmt::format("opening a device named \"{}\"", name));
-            hw_device_t* device = nullptr;
-            const int result = subject.module->methods->open(subject.module, name, &device);
-            probe.exercised("device.name");
-            if (result == 0) {
-                probe.finding("device.name", fmt::format("\"{}\" was opened", name));
-                if (device != nullptr && device->close != nullptr) device->close(device);
-            }
-        }
-    }
-
-    if (!subject.open(probe)) return;
+    if (!subject.load(probe) || !subject.open(probe)) return;
     hw_device_t& device = subject.device->common;
     probe.exercised("device.tag");
     if (device.tag != HARDWARE_DEVICE_TAG) {
@@ -38,6 +22,21 @@ void checkModule(Probe& probe) {
         probe.finding("device.close", "close is NULL");
     } else if (const int result = device.close(&device); result != 0) {
         probe.finding("device.close", fmt::format("result {}", result));
+    }
+}
+
+void checkNames(Probe& probe) {
+    Subject subject;
+    if (!subject.load(probe)) return;
+    for (const char* name : {"activity_recognition", "activity_recognition_hidl2", ""}) {
+        probe.stage("device.name", fmt::format("opening a device named \"{}\"", name));
+        hw_device_t* device = nullptr;
+        const int result = subject.module->methods->open(subject.module, name, &device);
+        probe.exercised("device.name");
+        if (result == 0) {
+            probe.finding("device.name", fmt::format("\"{}\" was opened", name));
+            if (device != nullptr && device->close != nullptr) device->close(device);
+        }
     }
 }
 

@@ -4,8 +4,10 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,7 +25,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // All guarded parameters of a child lie in one range: pairs of a data page and a guard page.
-constexpr size_t kGuardedPairs = 4096;
+constexpr size_t kGuardedPairs = 32768;
 char* sGuarded = nullptr;
 size_t sPageSize = 0;
 std::atomic<size_t> sUsedPairs{0};
@@ -66,9 +68,39 @@ std::string oneLine(std::string text) {
     return text;
 }
 
+std::atomic<pid_t> sChild{0};
+
+void onStop(int number) {
+    if (const pid_t child = sChild; child > 0) {
+        kill(-child, SIGKILL);
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+    signal(number, SIG_DFL);
+    raise(number);
+}
+
+// What the user stops must not go on in a process that he does not see. An ignored signal stays so.
+void setStopHandlers(void (*handler)(int)) {
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction action = {};
+        sigaction(number, nullptr, &action);
+        if (action.sa_handler != SIG_IGN) signal(number, handler);
+    }
+}
+
+// A group of its own, which whatever the module starts belongs to.
+void becomeChild(pid_t parent) {
+    setStopHandlers(SIG_DFL);
+    setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(1);
+}
+
 class Listener {
   public:
-    explicit Listener(Report* report) : mReport(*report) {}
+    Listener(Report* report, Seconds timeout)
+        : mReport(*report), mTimeout(timeout), mDeadline(later({})) {}
 
     void take(const char* text, size_t size) {
         mText.append(text, size);
@@ -84,18 +116,26 @@ class Listener {
         mReport.addFinding(mRule, fmt::format("{} during: {}", what, mDoing));
     }
     bool isDone() const { return mDone; }
+    Clock::time_point deadline() const { return mDeadline; }
 
   private:
     void line(char kind, const std::string& rule, const std::string& text) {
         if (kind == 'F') mReport.addFinding(rule, text);
         if (kind == 'N') mReport.addNote(text);
         if (kind == 'E') mReport.addExercised(rule);
-        if (kind == 'S') mRule = rule, mDoing = text;
+        if (kind == 'S') mRule = rule, mDoing = text, mDeadline = later({});
+        if (kind == 'W') mDeadline = later(Seconds(strtod(text.c_str(), nullptr)));
         // A finding may end the child too: parameters that fault.
         if (kind == 'D' || (kind == 'F' && rule.compare(0, 7, "params.") == 0)) mDone = true;
     }
 
+    Clock::time_point later(Seconds time) const {
+        return Clock::now() + std::chrono::duration_cast<Clock::duration>(time + mTimeout);
+    }
+
     Report& mReport;
+    const Seconds mTimeout;
+    Clock::time_point mDeadline;
     std::string mText;
     std::string mRule = "module.symbol";
     std::string mDoing = "start";
@@ -106,6 +146,10 @@ class Listener {
 
 void Probe::stage(const char* rule, const std::string& doing) {
     send('S', rule, doing);
+}
+
+void Probe::waits(Seconds time) {
+    send('W', "", fmt::format("{}", time.count()));
 }
 
 void Probe::exercised(const char* rule) {
@@ -120,14 +164,21 @@ void Probe::send(char kind, const char* rule, const std::string& text) {
     (void)ignored;
 }
 
-void runInChild(const Check& check, const Options& options, Seconds allowed, Report* report) {
+void runInChild(const Check& check, const Options& options, Report* report) {
     android::base::unique_fd receiving, sending;
     if (!android::base::Pipe(&receiving, &sending)) {
         throw std::system_error(errno, std::generic_category(), "pipe");
     }
+    setStopHandlers(onStop);
+    // Not stopped before the handler knows the child.
+    sigset_t all, before;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, &before);
+    const pid_t parent = getpid();
     const pid_t child = fork();
-    if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
     if (child == 0) {
+        becomeChild(parent);
+        sigprocmask(SIG_SETMASK, &before, nullptr);
         receiving.reset();
         prepareGuards(sending.get());
         Probe probe(sending.get(), options);
@@ -136,15 +187,19 @@ void runInChild(const Check& check, const Options& options, Seconds allowed, Rep
         (void)ignored;
         _exit(0);
     }
+    if (child > 0) setpgid(child, child);
+    sChild = child;
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");
     sending.reset();
 
-    Listener listener(report);
-    const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(allowed);
+    Listener listener(report, options.timeout);
     bool late = false;
     // Until the child is gone: its threads may have something to say to the end.
     while (true) {
         const auto left =
-                std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+                std::chrono::ceil<std::chrono::milliseconds>(listener.deadline() - Clock::now())
+                        .count();
         pollfd fd = {receiving.get(), POLLIN, 0};
         if (left <= 0 || poll(&fd, 1, static_cast<int>(left)) == 0) {
             late = true;
@@ -156,12 +211,19 @@ void runInChild(const Check& check, const Options& options, Seconds allowed, Rep
         listener.take(text, static_cast<size_t>(size));
     }
     if (late) kill(child, SIGKILL);
+    // Not reaped before its group is gone: until then the number is nobody else's.
+    siginfo_t info;
+    while (waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT) < 0 &&
+           errno == EINTR) {
+    }
+    kill(-child, SIGKILL);
+    sChild = 0;
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     if (late && listener.isDone()) return;
     if (late) {
-        listener.fate(fmt::format("nothing more for {:g} s or longer", options.timeout.count()));
+        listener.fate(fmt::format("hung for {:g} s or longer", options.timeout.count()));
     } else if (WIFSIGNALED(status)) {
         listener.fate(strsignal(WTERMSIG(status)));
     } else if (WEXITSTATUS(status) != 0 || !listener.isDone()) {
@@ -216,6 +278,7 @@ GuardedParams::GuardedParams(Probe& probe, const double (&params)[4], const std:
 GuardedParams::~GuardedParams() {
     char* page = reinterpret_cast<char*>(mParams) + sizeof(other_params) - sPageSize;
     mprotect(page, sPageSize, PROT_NONE);
+    madvise(page, sPageSize, MADV_DONTNEED);
 }
 
 }  // namespace modulecheck

@@ -17,10 +17,11 @@ namespace modulecheck {
 using Seconds = std::chrono::duration<double>;
 
 struct Options {
-    std::string path;  // of the file, or
-    std::string id;    // what hw_get_module is asked for
-    Seconds listen;    // how long events are waited for
-    Seconds timeout;   // after which a call hangs
+    std::string path;   // of the file, or
+    std::string id;     // what hw_get_module is asked for
+    Seconds listen;     // how long events are waited for
+    Seconds timeout;    // after which a call hangs
+    Seconds tolerance;  // by which a record may exceed its latency
 };
 
 // The child's line to the report. Thread-safe.
@@ -28,8 +29,11 @@ class Probe {
   public:
     Probe(int fd, const Options& options) : options(options), mFd(fd) {}
 
-    // What comes next; a crash or hang from here on breaks this rule.
+    // What comes next; a crash or hang from here on breaks this rule. It hangs when nothing else
+    // comes next within the timeout,
     void stage(const char* rule, const std::string& doing);
+    // or, from here on, within that much more.
+    void waits(Seconds time);
     void finding(const char* rule, const std::string& seen) { send('F', rule, seen); }
     void note(const std::string& text) { send('N', "", text); }
     // The rule has been put to the test.
@@ -47,9 +51,9 @@ class Probe {
 
 using Check = std::function<void(Probe&)>;
 
-// Runs the check in a child and adds what it says, and how it ended, to the report. allowed: how
-// long the check may take when nothing hangs.
-void runInChild(const Check& check, const Options& options, Seconds allowed, Report* report);
+// Runs the check in a child and adds what it says, and how it ended, to the report. Whatever way
+// this process ends, the child and what it started end with it.
+void runInChild(const Check& check, const Options& options, Report* report);
 
 // Whether this process could read the bytes. Asks the kernel, so any pointer will do.
 bool isReadable(const void* start, size_t size);

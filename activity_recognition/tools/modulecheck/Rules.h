@@ -12,6 +12,7 @@ namespace modulecheck {
 struct Rule {
     const char* id;
     const char* expected;
+    const char* hint;  // how to mend a module that breaks it
 };
 
 const std::vector<Rule>& allRules();
@@ -28,9 +29,10 @@ class Report {
     void addExercised(const std::string& rule) { mExercised.insert(rule); }
 
     bool has(const std::string& rule) const;
-    bool isClean() const { return mFindings.empty(); }
-    std::string text(const std::string& module) const;
-    std::string json(const std::string& module) const;
+    // strict: a rule that nothing was seen of counts as broken.
+    bool isClean(bool strict) const;
+    std::string text(const std::string& module, bool strict) const;
+    std::string json(const std::string& module, bool strict) const;
 
   private:
     std::vector<std::string> rules(bool exercised) const;

@@ -16,7 +16,17 @@ constexpr auto kGrace = std::chrono::milliseconds(300);
 // Of each list; more tells nothing new.
 constexpr uint32_t kMostEnabled = 64;
 
-thread_local int sDepth = 0;
+// Of this thread: callbacks of each side that have not returned, the slot that was called last and
+// has not returned, and what the next callback does.
+thread_local int sDepths[2] = {};
+thread_local const char* sSlot = nullptr;
+thread_local std::function<void()> sAction;
+
+struct InSlot {
+    explicit InSlot(const char* slot) : before(sSlot) { sSlot = slot; }
+    ~InSlot() { sSlot = before; }
+    const char* const before;
+};
 
 const char* callbackName(Kind kind) {
     if (kind == Kind::kPlain) return "activity_changed";
@@ -139,6 +149,22 @@ bool Subject::getTables(Probe& probe) {
     return good;
 }
 
+int64_t Subject::newestTime() const {
+    int64_t newest = 0;
+    const auto look = [&](auto current) {
+        ar_context_event* events = nullptr;
+        const int count = current(&events);
+        if (count < 1 || count > ACTIVITY_RECOGNITION_MAX_CURRENT ||
+            !isReadable(events, static_cast<size_t>(count) * sizeof(*events))) {
+            return;
+        }
+        for (int i = 0; i < count; ++i) newest = std::max(newest, events[i].timestamp);
+    };
+    if (activity != nullptr) look(activity->get_current_activity);
+    if (environment != nullptr) look(environment->get_current_environment);
+    return newest;
+}
+
 bool Subject::start(Probe& probe) {
     if (!load(probe) || !open(probe) || !getTables(probe)) return false;
     probe.stage("list.size", "the supported lists");
@@ -184,9 +210,21 @@ void Recorder::didClose() {
     mClosed = true;
 }
 
-void Recorder::inNextCallback(std::function<void()> action) {
+void Recorder::inNextCallback(bool ofEnvironment, std::function<void()> action) {
     std::lock_guard<std::mutex> lock(mLock);
     mAction = std::move(action);
+    mActionOfEnvironment = ofEnvironment;
+}
+
+bool Recorder::dropAction() {
+    std::lock_guard<std::mutex> lock(mLock);
+    const bool there = static_cast<bool>(mAction);
+    mAction = nullptr;
+    return there;
+}
+
+void Recorder::inNextCallbackHere(std::function<void()> action) {
+    sAction = std::move(action);
 }
 
 int Recorder::batches() {
@@ -196,7 +234,44 @@ int Recorder::batches() {
 
 bool Recorder::waitForBatch(int than, Seconds time) {
     std::unique_lock<std::mutex> lock(mLock);
+    mProbe->waits(time);
     return mHeard.wait_for(lock, time, [&] { return mBatches > than; });
+}
+
+int Recorder::advances() {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mAdvances;
+}
+
+bool Recorder::waitForAdvance(int than, Seconds time) {
+    std::unique_lock<std::mutex> lock(mLock);
+    mProbe->waits(time);
+    return mHeard.wait_for(lock, time, [&] { return mAdvances > than; });
+}
+
+void Recorder::addTime(int64_t timestamp) {
+    if (mPassed.empty() || timestamp > mPassed.rbegin()->first) {
+        mPassed.emplace(timestamp, Clock::now());
+    }
+}
+
+void Recorder::sawTime(int64_t timestamp) {
+    std::lock_guard<std::mutex> lock(mLock);
+    addTime(timestamp);
+}
+
+void Recorder::promise(Seconds latency) {
+    std::lock_guard<std::mutex> lock(mLock);
+    mPromised = true;
+    mLatency = latency;
+    mPromisedAt = Clock::now();
+    mPromisedTime = mPassed.empty() ? 0 : mPassed.rbegin()->first;
+    mHeldCame = mNewest >= mPromisedTime;
+}
+
+bool Recorder::waitForPromised(Seconds time) {
+    std::unique_lock<std::mutex> lock(mLock);
+    return mHeard.wait_for(lock, time, [&] { return mNewCame && mHeldCame; });
 }
 
 bool Recorder::checkBatch(const char* name, const void* events, int count, size_t stride) {
@@ -213,12 +288,53 @@ bool Recorder::checkBatch(const char* name, const void* events, int count, size_
     return true;
 }
 
+// The service's callbacks of a side wait for each other, and for the clients that they call.
+void Recorder::checkThread(bool isEnvironment, const char* callback) {
+    const char* const slot = sSlot != nullptr ? sSlot : "a slot";
+    if (sDepths[0] + sDepths[1] > 1) {
+        mProbe->finding("reentry.nested",
+                        fmt::format("{}, called from inside a callback, called {} on that thread: "
+                                    "this works until {} from inside a callback; then the service "
+                                    "hangs for good",
+                                    slot, callback,
+                                    sDepths[isEnvironment] > 1 ? "a client calls"
+                                                               : "clients of both sides call"));
+    } else if (sSlot != nullptr && mRunning[isEnvironment] > 0) {
+        mProbe->finding("threads.blocked",
+                        fmt::format("{} called {} on its caller's thread while a callback was "
+                                    "running elsewhere: in the service it waits for that one, and "
+                                    "for good when that one's client waits for this call",
+                                    slot, callback));
+    }
+}
+
+void Recorder::checkLatency(Kind kind, uint32_t eventType, uint32_t what, int64_t timestamp,
+                            Clock::time_point at) {
+    if (kind != Kind::kEnvironment || mActivities == 0) {
+        (timestamp > mPromisedTime ? mNewCame : mHeldCame) = true;
+        if (mNewCame) mProbe->exercised("latency.kept");
+    }
+    // It may have happened long before its time was seen to be over, but not after that.
+    const auto passed = mPassed.lower_bound(timestamp);
+    if (passed == mPassed.end()) return;
+    const Seconds held = at - std::max(passed->second, mPromisedAt);
+    if (held > mLatency + mProbe->options.tolerance) {
+        mProbe->finding(
+                "latency.kept",
+                fmt::format("{} of pair ({}, {}) {:.1f} s or more after it happened, with a "
+                            "latency of {:g} s",
+                            callbackName(kind), what, eventType, held.count(), mLatency.count()));
+        mNewCame = mHeldCame = true;
+    }
+}
+
 void Recorder::checkEvent(Kind kind, const char* callback, uint32_t eventType, uint32_t what,
                           int64_t timestamp, Clock::time_point at) {
     const bool isEnvironment = kind == Kind::kEnvironment;
     for (const char* rule : {"event.type", "event.activity", "event.time", "event.enabled"}) {
         mProbe->exercised(rule);
     }
+    if (mPromised) checkLatency(kind, eventType, what, timestamp, at);
     if (!isEnvironment && (eventType < 1 || eventType > 2)) {
         mProbe->finding("event.type", fmt::format("{} with type {}", callback, eventType));
         return;
@@ -247,24 +363,27 @@ void Recorder::checkEvent(Kind kind, const char* callback, uint32_t eventType, u
 void Recorder::heard(Kind kind, const void* events, int count) {
     const auto at = Clock::now();
     const char* const name = callbackName(kind);
+    const bool isEnvironment = kind == Kind::kEnvironment;
     std::function<void()> action;
-    ++sDepth;
+    const bool outermost = sDepths[0] + sDepths[1] == 0;
+    ++sDepths[isEnvironment];
     {
         std::lock_guard<std::mutex> lock(mLock);
-        if (sDepth > 1) {
-            mProbe->finding("reentry.nested", fmt::format("{} inside a callback", name));
-        }
+        checkThread(isEnvironment, name);
         if (mClosed) mProbe->finding("close.silent", fmt::format("{} after close", name));
         const size_t stride =
                 kind == Kind::kPlain ? sizeof(activity_event) : sizeof(ar_context_event);
         const bool good = checkBatch(name, events, count, stride);
+        int64_t newest = 0;
         for (int i = 0; good && i < count; ++i) {
             if (kind == Kind::kPlain) {
                 const activity_event& event = static_cast<const activity_event*>(events)[i];
+                newest = std::max(newest, event.timestamp);
                 checkEvent(kind, name, event.event_type, event.activity, event.timestamp, at);
                 continue;
             }
             const ar_context_event& event = static_cast<const ar_context_event*>(events)[i];
+            newest = std::max(newest, event.timestamp);
             checkEvent(kind, name, event.event_type, event.activity, event.timestamp, at);
             mProbe->exercised("event.name");
             if (memchr(event.name, 0, sizeof(event.name)) == nullptr) {
@@ -272,14 +391,30 @@ void Recorder::heard(Kind kind, const void* events, int count) {
             }
         }
         ++mBatches;
-        action.swap(mAction);
+        if (newest > mNewest) ++mAdvances, mNewest = newest;
+        addTime(newest);
+        if (sAction) {
+            action.swap(sAction);
+        } else if (mActionOfEnvironment == isEnvironment) {
+            action.swap(mAction);
+        }
+        if (outermost) ++mRunning[isEnvironment];
     }
     mHeard.notify_all();
-    if (action) action();
-    --sDepth;
+    if (action) {
+        // What it calls is called from inside the callback, not from the slot that made it.
+        const InSlot none(nullptr);
+        action();
+    }
+    std::lock_guard<std::mutex> lock(mLock);
+    if (outermost) --mRunning[isEnvironment];
+    --sDepths[isEnvironment];
 }
 
 int Calls::enable(Kind kind, uint32_t what, uint32_t eventType, int64_t latencyNs) const {
+    static const char* const slots[] = {"enable_activity_event", "enable_activity_event_extend",
+                                        "enable_environment"};
+    const InSlot here(slots[static_cast<int>(kind)]);
     Recorder::instance().willEnable(kind, what, eventType);
     if (kind == Kind::kPlain) {
         return subject.activity->enable_activity_event(what, eventType, latencyNs);
@@ -293,6 +428,8 @@ int Calls::enable(Kind kind, uint32_t what, uint32_t eventType, int64_t latencyN
 }
 
 int Calls::disable(Kind kind, uint32_t what, uint32_t eventType) const {
+    const InSlot here(kind == Kind::kEnvironment ? "disable_environment"
+                                                 : "disable_activity_event");
     const int result = kind == Kind::kEnvironment
                                ? subject.environment->disable_environment(what, eventType)
                                : subject.activity->disable_activity_event(what, eventType);
@@ -300,12 +437,19 @@ int Calls::disable(Kind kind, uint32_t what, uint32_t eventType) const {
     return result;
 }
 
+int Calls::flush() const {
+    const InSlot here("flush");
+    return subject.activity != nullptr ? subject.activity->flush() : 0;
+}
+
 int Calls::init(uint32_t environment, const std::string& name) const {
+    const InSlot here("init_environment");
     const GuardedParams params(probe, {0, 0, 0, 0}, name);
     return subject.environment->init_environment(environment, params.get());
 }
 
 int Calls::exit(uint32_t environment, const std::string& name) const {
+    const InSlot here("exit_environment");
     const GuardedParams params(probe, {0, 0, 0, 0}, name);
     return subject.environment->exit_environment(environment, params.get());
 }

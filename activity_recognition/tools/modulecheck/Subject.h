@@ -28,6 +28,8 @@ struct Subject {
     bool load(Probe& probe);
     bool open(Probe& probe);
     bool getTables(Probe& probe);
+    // The newest time in the current states, 0 without one.
+    int64_t newestTime() const;
     // All of the above, the sizes of the lists, and the callbacks registered. Quiet about what
     // other checks report.
     bool start(Probe& probe);
@@ -47,12 +49,27 @@ class Recorder {
     void didDisable(Kind kind, uint32_t what, uint32_t eventType);
     void didClose();
 
-    // What the next callback does, once, after its records were looked at.
-    void inNextCallback(std::function<void()> action);
+    // What the next callback of a side does, once, after its records were looked at.
+    void inNextCallback(bool ofEnvironment, std::function<void()> action);
+    // False when it has begun already.
+    bool dropAction();
+    // What the next callback on this thread does; NULL: nothing.
+    static void inNextCallbackHere(std::function<void()> action);
 
     int batches();
     // Whether there were more than this many within that time.
     bool waitForBatch(int than, Seconds time);
+    // The same of batches with records newer than any before.
+    int advances();
+    bool waitForAdvance(int than, Seconds time);
+
+    // A time of the module's clock that is over now: no record of it is younger than this moment.
+    void sawTime(int64_t timestamp);
+    // From now on, records are held to this latency.
+    void promise(Seconds latency);
+    // Whether, within that time, records came of before the promise, if some were held then, and of
+    // after it (of activities, if there are any); or one that is late.
+    bool waitForPromised(Seconds time);
 
     // Called by the callbacks.
     void heard(Kind kind, const void* events, int count);
@@ -64,8 +81,12 @@ class Recorder {
     };
 
     bool checkBatch(const char* name, const void* events, int count, size_t stride);
+    void checkThread(bool isEnvironment, const char* callback);
     void checkEvent(Kind kind, const char* callback, uint32_t eventType, uint32_t what,
                     int64_t timestamp, Clock::time_point at);
+    void checkLatency(Kind kind, uint32_t eventType, uint32_t what, int64_t timestamp,
+                      Clock::time_point at);
+    void addTime(int64_t timestamp);
 
     std::mutex mLock;
     std::condition_variable mHeard;
@@ -73,8 +94,19 @@ class Recorder {
     uint32_t mActivities = 0;
     uint32_t mEnvironments = 0;
     int mBatches = 0;
+    int mAdvances = 0;
+    int64_t mNewest = 0;   // of the records
+    int mRunning[2] = {};  // callbacks of each side, those inside others not counted
     bool mClosed = false;
     std::function<void()> mAction;
+    bool mActionOfEnvironment = false;
+    std::map<int64_t, Clock::time_point> mPassed;  // times of the module's, and when first seen
+    bool mPromised = false;
+    Seconds mLatency{};
+    Clock::time_point mPromisedAt;
+    int64_t mPromisedTime = 0;  // newest then
+    bool mHeldCame = false;     // of what was there then, and of what
+    bool mNewCame = false;      // came up after
     std::map<std::tuple<bool, uint32_t, uint32_t>, PairState> mPairs;  // first: environment?
     std::map<std::tuple<Kind, uint32_t, uint32_t>, int64_t> mTimes;
 };
@@ -83,13 +115,14 @@ extern const activity_callbacks kActivityCallbacks;
 extern const environment_callbacks kEnvironmentCallbacks;
 
 // Calls of both sides by one name, with guarded parameters where the slot takes some. Each returns
-// what the slot did.
+// what the slot did. Callbacks that come on the calling thread meanwhile are taken for the slot's.
 struct Calls {
     Probe& probe;
     const Subject& subject;
 
     int enable(Kind kind, uint32_t what, uint32_t eventType, int64_t latencyNs) const;
     int disable(Kind kind, uint32_t what, uint32_t eventType) const;
+    int flush() const;  // 0 without the activity side
     int init(uint32_t environment, const std::string& name) const;
     int exit(uint32_t environment, const std::string& name) const;
     // Whatever the module offers, with the extended slot on the activity side.
