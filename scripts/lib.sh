@@ -185,19 +185,26 @@ apt_get() {
 
 # build <preset> [target]...   everything, or these targets
 build() {
-    local preset=$1 steps
+    local preset=$1
     shift
     cmake --preset "$preset" || return 1
-    steps=$(ninja -C "build/$preset" -n "$@" | sed -nE 's/^\[[0-9]+\/([0-9]+)\].*/\1/p' | tail -n 1)
-    [[ ${steps:-0} -lt 20 ]] || say_cost "$preset" "$steps"
-    cmake --build --preset "$preset" ${1:+--target "$@"}
+    cmake --build --preset "$preset" ${1:+--target "$@"} | tell_cost "$preset"
 }
 
-# say_cost <preset> <steps>   by what a step took and left where this was measured, without other load
-say_cost() {
-    local megabytes=$((5 * $2 / 2)) processors
+# tell_cost <preset>   passes ninja's output on, with a word on what a long build takes: by what a step
+# took and left where this was measured, without other load
+tell_cost() {
+    local line told='' steps megabytes processors
     processors=$(nproc)
-    [[ $1 != address ]] || megabytes=$((2 * megabytes))
-    say "$2 steps: $((3 * $2 / processors / 60 + 1)) minutes or more on $processors processors," \
-        "some $megabytes MB in build/$1"
+    while IFS= read -r line; do
+        printf '%s\n' "$line"
+        [[ -z $told && $line =~ ^\[[0-9]+/([0-9]+)\] ]] || continue
+        steps=${BASH_REMATCH[1]}
+        ((steps >= 20)) || continue
+        told=1
+        megabytes=$((5 * steps / 2))
+        [[ $1 != address ]] || megabytes=$((2 * megabytes))
+        say "$steps steps: $((3 * steps / processors / 60 + 1)) minutes or more on $processors processors," \
+            "some $megabytes MB in build/$1"
+    done
 }
