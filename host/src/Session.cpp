@@ -35,12 +35,16 @@ constexpr size_t kSocketRoom = 256 * 1024;
 // Messages taken from one control connection before others get their turn.
 constexpr int kControlBurst = 64;
 
+// Of ScopedFrames on a thread, of which a call that has come back takes two. The other side says
+// how deep they go.
+constexpr size_t kMaxFrames = 256;
+
 // Which connection this thread is using for which session: what comes back from there, and what it
 // calls there meanwhile, goes over the same one.
 class ScopedFrame {
   public:
     ScopedFrame(const Session* session, const ConnectionPtr& connection)
-        : mSession(session), mConnection(connection), mBelow(sTop) {
+        : mSession(session), mConnection(connection), mBelow(sTop), mDepth(depth() + 1) {
         sTop = this;
     }
     ~ScopedFrame() { sTop = mBelow; }
@@ -54,6 +58,8 @@ class ScopedFrame {
         }
         return nullptr;
     }
+    // How many there are on this thread.
+    static size_t depth() { return sTop == nullptr ? 0 : sTop->mDepth; }
 
   private:
     static thread_local const ScopedFrame* sTop;
@@ -61,6 +67,7 @@ class ScopedFrame {
     const Session* const mSession;
     const ConnectionPtr& mConnection;
     const ScopedFrame* const mBelow;
+    const size_t mDepth;
 };
 
 thread_local const ScopedFrame* ScopedFrame::sTop = nullptr;
@@ -461,7 +468,7 @@ bool Session::execute(const ConnectionPtr& connection, Message* message, Parcel*
     sp<IBinder> target = id == kRegistryObject ? Node::self().registryObject() : exported(id);
     Parcel data;
     const status_t decoded = target == nullptr ? NAME_NOT_FOUND : decode(message, &data);
-    if (decoded == NO_MEMORY) {
+    if (decoded == NO_MEMORY || (decoded == OK && ScopedFrame::depth() >= kMaxFrames)) {
         *status = FAILED_TRANSACTION;
         return true;
     }

@@ -151,6 +151,15 @@ TEST_F(HostTest, NestedCallsStayOnTheWaitingThread) {
     EXPECT_EQ(6, valueOf(mPeer->callBack(listener, 6)));
     EXPECT_THAT(threads,
                 testing::AllOf(testing::SizeIs(7), testing::Each(std::this_thread::get_id())));
+    // The other side does not say how deep: what is too deep fails alone.
+    int32_t deepest = 0;
+    listener->answer = [&](int32_t depth) {
+        deepest = depth;
+        return mPeer->callBack(listener, depth + 1).withDefault(-1);
+    };
+    EXPECT_EQ(-1, valueOf(mPeer->callBack(listener, 0)));
+    EXPECT_THAT(deepest, testing::AllOf(testing::Ge(50), testing::Le(150)));
+    EXPECT_TRUE(serves());
     listener->answer = nullptr;
 }
 
