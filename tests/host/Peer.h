@@ -86,18 +86,19 @@ struct Peer : IPeer {
     Return<int32_t> serverPid() override { return getpid(); }
 
     Return<void> keep(const sp<IListener>& listener) override {
-        mKept = listener;
+        mKept.change([&](auto& kept) { kept = listener; });
         return Void();
     }
-    Return<int32_t> callKept(int32_t value) override { return ask(mKept, value); }
+    Return<int32_t> callKept(int32_t value) override { return ask(mKept.get(), value); }
     Return<int32_t> callKeptFromThread(int32_t value) override {
         int32_t answer = 0;
-        std::thread([&] { answer = ask(mKept, value); }).join();
+        std::thread([&] { answer = ask(mKept.get(), value); }).join();
         return answer;
     }
     Return<void> postKept(int32_t count) override {
-        for (int32_t i = 0; mKept != nullptr && i < count; ++i) {
-            if (!mKept->post(i).isOk()) break;
+        const sp<IListener> kept = mKept.get();
+        for (int32_t i = 0; kept != nullptr && i < count; ++i) {
+            if (!kept->post(i).isOk()) break;
         }
         return Void();
     }
@@ -136,7 +137,7 @@ struct Peer : IPeer {
         return answer.isOk() ? static_cast<int32_t>(answer) : -1;
     }
 
-    sp<IListener> mKept;
+    Monitor<sp<IListener>> mKept;
     Monitor<std::vector<int32_t>> mNotes;
     std::atomic<int32_t> mNotePid{-1};
     Monitor<bool> mReleased;
