@@ -16,9 +16,12 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety>)
 endif()
 
-option(FUZZ "Build the fuzz targets for libFuzzer; takes clang and SANITIZE=address" OFF)
+option(FUZZ "Build the fuzz targets for libFuzzer, which is clang's; with SANITIZE=address" OFF)
 set(SANITIZE "" CACHE STRING "Sanitizer to build with: address (with undefined), thread, or none")
 set_property(CACHE SANITIZE PROPERTY STRINGS "" address thread)
+if(FUZZ)
+    set(SANITIZE address)
+endif()
 if(SANITIZE STREQUAL "address")
     set(sanitize_flags -fsanitize=address,undefined -fno-sanitize-recover=all)
     # The implementation library has no RTTI, which the vptr check needs.

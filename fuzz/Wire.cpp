@@ -38,7 +38,7 @@ const std::string kOurs = "process-ours";
 std::atomic<int> gErrors{0};  // in the log
 
 void waitFor(const char* what, const std::function<bool()>& holds) {
-    for (const auto end = Clock::now() + 10s; !holds(); usleep(20)) {
+    for (const auto end = Clock::now() + 15s; !holds(); usleep(20)) {
         LOG_ALWAYS_FATAL_IF(Clock::now() > end, "In vain waited for: %s", what);
     }
 }
