@@ -28,7 +28,7 @@ constexpr int kNotes = 3;
 struct Plan {
     enum class Version { k1_0, k1_1, kBoth } version = Version::k1_1;
     enum class Then { kRest, kCall, kHold } then = Then::kRest;  // kHold: in its first callback
-    std::vector<uint32_t> pairs;  // none: pairOf()
+    std::vector<uint32_t> pairs;                                 // none: pairOf()
     bool environment = false;  // registers there too, in the same versions
     bool survives = false;     // tells what it gets; makes and withdraws requests when it calls
 

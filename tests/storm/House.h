@@ -111,6 +111,7 @@ class House {
     std::vector<Survivor> mSurvivors;
     std::set<pid_t> mAlive, mReady, mHeld;
     Footprint mQuiet = {};
+    bool mKilled = false;  // the service, by this
     Latencies mLatencies;
 
     // From the log.

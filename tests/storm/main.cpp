@@ -55,16 +55,35 @@ std::vector<Plan> survivors() {
             {Version::k1_0, Then::kCall, {5}, true, true}};
 }
 
+// Median, 99th percentile and maximum, in microseconds.
+std::string spread(std::vector<int64_t>& samples) {
+    std::sort(samples.begin(), samples.end());
+    if (samples.empty()) return "none";
+    const auto at = [&](double part) {
+        return samples[static_cast<size_t>(part * static_cast<double>(samples.size() - 1))] / 1000;
+    };
+    return fmt::format("{:>9} {:>9} {:>9}", at(0.5), at(0.99), at(1));
+}
+
+void report(const std::string& what, std::vector<int64_t>& samples) {
+    fmt::print("{:<45}{}\n", what, spread(samples));
+}
+
 class Storm {
   public:
     Storm(uint64_t seed, size_t clients, std::string logs)
         : mRandom(seed), mClients(clients), mLogs(std::move(logs)) {}
 
-    std::unique_ptr<House> house(House::Runner runner = {}, uid_t user = 0) {
+    std::unique_ptr<House> emptyHouse(House::Runner runner = {}, uid_t user = 0) {
         const std::string logs = fmt::format("{}/{}", mLogs, ++mHouses);
         std::filesystem::create_directory(logs);
         auto made = std::make_unique<House>(logs, std::move(runner), user);
         made->start();
+        return made;
+    }
+
+    std::unique_ptr<House> house(House::Runner runner = {}, uid_t user = 0) {
+        auto made = emptyHouse(std::move(runner), user);
         made->addSurvivors(survivors());
         made->round();  // so that survivors come first in the report list
         return made;
@@ -200,7 +219,8 @@ class Storm {
         // By a process of the same user, which needs no right for that.
         const auto limitThreads = [&](const std::string& soft) {
             House::Runner command = runner;
-            for (std::string word : {std::string("prlimit"), std::string("--pid"), std::string("PID"), "--nproc=" + soft + ":"}) {
+            for (std::string word : {std::string("prlimit"), std::string("--pid"),
+                                     std::string("PID"), "--nproc=" + soft + ":"}) {
                 if (word == "PID") word = std::to_string(house->stage().service().pid());
                 command.push_back(word);
             }
@@ -222,6 +242,106 @@ class Storm {
             house->start();
             house->awaitSurvivors();
             house->round();
+        }
+    }
+
+    // All of it, a little of each at a time; a line each time.
+    void soak(int64_t minutes) {
+        const auto house = this->house();
+        kill(*house, 50, 5);
+        house->rememberQuiet();
+        const int64_t begin = now(), end = begin + minutes * 60 * 1000 * kMs;
+        fmt::print("{:>7}{:>8}{:>6}{:>8}{:>9}{:>9}  {:<27}{}\n", "minute", "killed", "fds",
+                   "threads", "RSS kB", "PSS kB", "call: median p99 max, us",
+                   "delivery: median p99 max, us");
+        size_t killed = 0;
+        for (int turn = 1; now() < end; ++turn) {
+            kill(*house, 12, 4);
+            killed += 12;
+            stall(*house);
+            flood(*house);
+            if (turn % 10 == 0) {
+                lackDescriptors();
+                lackThreads();
+                restart();
+            }
+            const int64_t next = now() + 8000 * kMs;
+            house->await([&] { return now() >= next; }, "the next turn");
+            house->round();
+            house->settle();
+            house->checkMemory(killed);
+            const Footprint all = house->footprint();
+            fmt::print("{:7.1f}{:8}{:6}{:8}{:9}{:9}  {:<27}{}\n",
+                       static_cast<double>(now() - begin) / 60e9, killed, all.descriptors,
+                       all.threads, all.rssKb, all.pssKb, spread(house->latencies().calls),
+                       spread(house->latencies().deliveries));
+            house->latencies() = {};
+        }
+    }
+
+    // What a page on lifecycles tells.
+    void measure() {
+        fmt::print("{:<44}{:>10} {:>9} {:>9}\n", "microseconds", "median", "p99", "max");
+        for (const int clients : {1, 10, 100, 1000}) {
+            auto house = emptyHouse();
+            std::vector<pid_t> others;
+            for (int i = 1; i < clients; ++i) others.push_back(house->spawn({}));
+            std::vector<int64_t> samples;
+            for (int i = 0; i < 500; ++i) {
+                const pid_t victim = house->spawn({});
+                others.push_back(victim);
+                house->await([&] { return allReady(*house, others); }, "a client");
+                others.pop_back();
+                samples.push_back(-now());
+                house->kill(victim);
+                house->await([&] { return house->cleanedUp(victim) != 0; }, "its cleanup");
+                samples.back() += house->cleanedUp(victim);
+            }
+            report(fmt::format("SIGKILL to cleaned up, {} registered", clients), samples);
+        }
+        for (const int signal : {SIGCONT, SIGKILL}) {
+            std::vector<int64_t> samples;
+            for (int i = 0; i < 10; ++i) {
+                auto house = emptyHouse();
+                std::vector<pid_t> all;
+                for (int j = 0; j < 10; ++j) all.push_back(house->spawn({}));
+                house->await([&] { return allReady(*house, all); }, "ten clients");
+                stop(all[0]);
+                house->begin();
+                house->await([&] { return house->isDelivering(); }, "a delivery");
+                house->kill(all[1]);
+                const int64_t later = now() + 1000 * kMs;
+                house->await([&] { return now() > later; }, "a second");
+                if (house->cleanedUp(all[1]) != 0) throw std::runtime_error("cleaned up too early");
+                samples.push_back(-now());
+                signal == SIGKILL ? house->kill(all[0]) : (void)::kill(all[0], signal);
+                house->await([&] { return house->cleanedUp(all[1]) != 0; }, "the cleanup");
+                samples.back() += house->cleanedUp(all[1]);
+            }
+            report(fmt::format("  one of 10 stopped in a delivery: never, until it {}",
+                               signal == SIGKILL ? "dies" : "goes on"),
+                   samples);
+        }
+        for (const int clients : {1, 10, 100, 1000}) {
+            auto house = emptyHouse();
+            std::vector<pid_t> all;
+            for (int i = 0; i < clients; ++i) all.push_back(house->spawn({}));
+            std::vector<int64_t> lost, starts, found;
+            for (int i = 0; i < (clients < 100 ? 50 : 5); ++i) {
+                house->await([&] { return allReady(*house, all); }, "all clients");
+                const int64_t killed = now();
+                house->killService();
+                house->await([&] { return house->lost.size() == all.size(); }, "all to know");
+                for (const auto& entry : house->lost) lost.push_back(entry.second - killed);
+                const int64_t started = now();
+                house->start();
+                starts.push_back(now() - started);
+                house->await([&] { return house->found.size() == all.size(); }, "all to find it");
+                for (const auto& entry : house->found) found.push_back(entry.second - started);
+            }
+            report(fmt::format("service's SIGKILL to known by a client, of {}", clients), lost);
+            report(fmt::format("  started to found again, of {}", clients), found);
+            report("  started to serving", starts);
         }
     }
 
@@ -341,17 +461,23 @@ int main(int argc, char** argv) {
     using namespace storm;
     setvbuf(stdout, nullptr, _IOLBF, 0);
     size_t kills = 300, clients = 12;
+    int64_t minutes = 0;
+    bool measure = false;
     uint64_t seed = std::random_device()();
     CLI::App app("Kills clients of the service, and holds what is left against the rules.");
     app.add_option("--kills", kills, "how many clients are killed")->capture_default_str();
     app.add_option("--clients", clients, "how many live at a time")->capture_default_str();
     app.add_option("--seed", seed, "of the random moments");
+    app.add_option("--soak", minutes, "all of it at a low rate, for so many minutes");
+    app.add_flag("--measure", measure, "tell how long cleanup, knowing and finding take");
     CLI11_PARSE(app, argc, argv);
 
     std::string logs = std::filesystem::temp_directory_path() / "ar-storm-XXXXXX";
     if (mkdtemp(logs.data()) == nullptr) return 2;
     try {
         Storm storm(seed, clients, logs);
+        if (measure) return storm.measure(), 0;
+        if (minutes > 0) return storm.soak(minutes), 0;
         auto house = storm.house();
         const size_t warm = std::min<size_t>(kills / 3, 200);
         const size_t perRound = std::max<size_t>(8, kills / 100);
