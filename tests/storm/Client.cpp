@@ -6,8 +6,7 @@
 #include <utils/Timers.h>
 #include <vendor/zaltho/hardware/activity_recognition/1.1/IActivityRecognition.h>
 
-#include <condition_variable>
-#include <mutex>
+#include <future>
 
 namespace storm {
 namespace {
@@ -16,75 +15,52 @@ using ::android::sp;
 using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
 using ::android::hardware::Void;
-using ::android::hidl::base::V1_0::IBase;
 namespace V1_0 = ::vendor::zaltho::hardware::activity_recognition::V1_0;
 namespace V1_1 = ::vendor::zaltho::hardware::activity_recognition::V1_1;
 
-constexpr int64_t kLatencyNs = 1000000000;
+Plan gPlan;
 
-void note(const std::string& what, const std::string& about = "") {
-    const std::string line = fmt::format("{} {} {}{}\n", getpid(), what, now(), about);
+void note(const std::string& what, const std::string& more = "") {
+    const std::string line = fmt::format("{} {} {}{}\n", getpid(), what, now(), more);
     if (write(kNotes, line.data(), line.size()) < 0) _exit(1);
 }
 
 template <typename Events>
-Return<void> take(const Plan& plan, const char* what, const Events& events) {
+Return<void> take(const char* what, const Events& events) {
     std::string text;
     for (const auto& event : events) {
         text += fmt::format(" {} {}", 2 * event.activity + event.eventType - 1, event.timestamp);
     }
-    if (plan.survives) note(what, text);
-    if (plan.then == Plan::Then::kHold) {
-        note("held");
-        for (;;) pause();
-    }
+    if (gPlan.survives) note(what, text);
+    if (gPlan.then == Plan::Then::kHold) note("held");
+    while (gPlan.then == Plan::Then::kHold) pause();
     return Void();
 }
 
+using Events = hidl_vec<V1_0::ActivityEvent>;
+using EventsV1_1 = hidl_vec<V1_1::ActivityEventV1_1>;
+using Extended = hidl_vec<V1_0::ActivityEventExtend>;
+using ExtendedV1_1 = hidl_vec<V1_1::ActivityEventExtendV1_1>;
 struct ActivityCallback : V1_1::IActivityChangedCallback {
-    explicit ActivityCallback(const Plan& plan) : mPlan(plan) {}
-    Return<void> onActivityChanged(const hidl_vec<V1_0::ActivityEvent>& events) override {
-        return take(mPlan, "a", events);
+    Return<void> onActivityChanged(const Events& events) override { return take("a", events); }
+    Return<void> onActivityChangedV1_1(const EventsV1_1& events) override {
+        return take("A", events);
     }
-    Return<void> onActivityChangedV1_1(const hidl_vec<V1_1::ActivityEventV1_1>& events) override {
-        return take(mPlan, "A", events);
-    }
-    Return<void> onActivityExtendChanged(const hidl_vec<V1_0::ActivityEventExtend>&) override {
-        return Void();
-    }
-    Return<void> onActivityExtendChangedV1_1(
-            const hidl_vec<V1_1::ActivityEventExtendV1_1>&) override {
-        return Void();
-    }
-    const Plan& mPlan;
+    Return<void> onActivityExtendChanged(const Extended&) override { return Void(); }
+    Return<void> onActivityExtendChangedV1_1(const ExtendedV1_1&) override { return Void(); }
 };
-
 struct EnvironmentCallback : V1_1::IEnvironmentChangedCallback {
-    explicit EnvironmentCallback(const Plan& plan) : mPlan(plan) {}
-    Return<void> onEnvironmentChanged(const hidl_vec<V1_0::ActivityEventExtend>& events) override {
-        return take(mPlan, "e", events);
+    Return<void> onEnvironmentChanged(const Extended& events) override { return take("e", events); }
+    Return<void> onEnvironmentChangedV1_1(const ExtendedV1_1& events) override {
+        return take("E", events);
     }
-    Return<void> onEnvironmentChangedV1_1(
-            const hidl_vec<V1_1::ActivityEventExtendV1_1>& events) override {
-        return take(mPlan, "E", events);
-    }
-    const Plan& mPlan;
 };
-
 struct Watcher : ::android::hardware::hidl_death_recipient {
-    void serviceDied(uint64_t, const ::android::wp<IBase>&) override {
+    void serviceDied(uint64_t, const ::android::wp<::android::hidl::base::V1_0::IBase>&) override {
         note("lost");
-        std::lock_guard<std::mutex> guard(mLock);
-        mDied = true;
-        mChanged.notify_one();
+        died.set_value();
     }
-    void wait() {
-        std::unique_lock<std::mutex> guard(mLock);
-        mChanged.wait(guard, [this] { return mDied; });
-    }
-    std::mutex mLock;
-    std::condition_variable mChanged;
-    bool mDied = false;
+    std::promise<void> died;
 };
 
 // Every call may meet a service that dies: then all begins anew.
@@ -103,81 +79,60 @@ sp<T> there(const sp<T>& object) {
     return object;
 }
 
-struct Client {
-    explicit Client(const Plan& plan)
-        : mPlan(plan),
-          mActivity(new ActivityCallback(plan)),
-          mEnvironment(new EnvironmentCallback(plan)) {}
+void enable(const sp<V1_0::IActivityInterface>& service, uint32_t pair) {
+    if (sure(service->enableActivityEvent(pair / 2, 1 + pair % 2, 1000000000)) != 0) _exit(2);
+}
 
-    void enter() {
-        sp<V1_0::IActivityInterface> activity;
-        sp<V1_0::IActivityRecognition>& root = mRoot;  // kept: its link would go with it
-        if (mPlan.newer()) {
-            const auto newer = there(V1_1::IActivityRecognition::getService());
-            const auto side = there(sure(newer->getActivityInterfaceV1_1()));
-            note("found");
-            sure(side->registerActivityCallbackV1_1(mActivity));
-            activity = side;
-            root = newer;
-        } else {
-            root = there(V1_0::IActivityRecognition::getService());
-            activity = there(sure(root->getActivityInterface()));
-            note("found");
-        }
-        mWatcher = new Watcher;
-        if (!sure(root->linkToDeath(mWatcher, 0))) throw Lost();
-        if (mPlan.older()) sure(activity->registerActivityCallback(mActivity));
-        if (mPlan.environment) enterEnvironment(root);
-        for (uint32_t pair : mPlan.pairs) enable(activity, pair);
-        if (mPlan.pairs.empty()) enable(activity, pairOf(getpid()));
-        note("ready");
-        mService = activity;
+void enterEnvironment(const sp<V1_0::IActivityRecognition>& root) {
+    static const sp<EnvironmentCallback> callback = new EnvironmentCallback;
+    const auto side = there(sure(root->getEnvironmentInterface()));
+    if (gPlan.older()) sure(side->registerEnvironmentCallback(callback));
+    if (gPlan.newer()) {
+        const auto newer = there(sure(V1_1::IEnvironmentInterface::castFrom(side)));
+        sure(newer->registerEnvironmentCallbackV1_1(callback));
     }
+    if (gPlan.survives && sure(side->initEnvironment(0, {})) != 0) _exit(2);
+    if (gPlan.survives && sure(side->enableEnvironment(0, 1, 0, {})) != 0) _exit(2);
+}
 
-    void enterEnvironment(const sp<V1_0::IActivityRecognition>& root) {
-        const auto side = there(sure(root->getEnvironmentInterface()));
-        if (mPlan.older()) sure(side->registerEnvironmentCallback(mEnvironment));
-        if (mPlan.newer()) {
-            const auto newer = there(sp<V1_1::IEnvironmentInterface>(
-                    sure(V1_1::IEnvironmentInterface::castFrom(side))));
-            sure(newer->registerEnvironmentCallbackV1_1(mEnvironment));
-        }
-        if (!mPlan.survives) return;
-        if (sure(side->initEnvironment(0, {})) != 0) throw Lost();
-        if (sure(side->enableEnvironment(0, 1, 0, {})) != 0) throw Lost();
+void call(const sp<V1_0::IActivityInterface>& service, unsigned turn) {
+    const int64_t begin = now();
+    if (turn % 4 == 0) sure(service->getSupportedActivitiesList([](const auto&) {}));
+    if (turn % 4 == 0) note("call", fmt::format(" {}", now() - begin));
+    if (turn % 4 == 1) sure(service->getCurrentActivity([](const auto&) {}));
+    if (turn % 4 == 2) enable(service, kQuiet);
+    if (!gPlan.survives) return;
+    // Of those that die while they withdraw nobody knows whether the module was to be told.
+    if (turn % 4 == 3) sure(service->disableActivityEvent(kQuiet / 2, 1));
+    usleep(10000);  // not to take all of the machine
+}
+
+// One service's life.
+void visit() {
+    static const sp<ActivityCallback> callback = new ActivityCallback;
+    sp<V1_0::IActivityRecognition> root;  // kept: the link to its death would go with it
+    sp<V1_0::IActivityInterface> service;
+    if (gPlan.newer()) {
+        const auto newer = there(V1_1::IActivityRecognition::getService());
+        const auto side = there(sure(newer->getActivityInterfaceV1_1()));
+        sure(side->registerActivityCallbackV1_1(callback));
+        root = newer;
+        service = side;
+    } else {
+        root = there(V1_0::IActivityRecognition::getService());
+        service = there(sure(root->getActivityInterface()));
     }
-
-    void enable(const sp<V1_0::IActivityInterface>& service, uint32_t pair) {
-        if (sure(service->enableActivityEvent(pair / 2, 1 + pair % 2, kLatencyNs)) != 0) _exit(2);
-    }
-
-    void call(unsigned turn) {
-        const int64_t begin = now();
-        switch (turn % 4) {
-            case 0:
-                sure(mService->getSupportedActivitiesList([](const auto&) {}));
-                note("call", fmt::format(" {}", now() - begin));
-                break;
-            case 1:
-                sure(mService->getCurrentActivity([](const auto&) {}));
-                break;
-            case 2:
-                enable(mService, kQuiet);
-                break;
-            default:
-                // Only a survivor's call can be held against what the module is told.
-                if (mPlan.survives) sure(mService->disableActivityEvent(kQuiet / 2, 1));
-        }
-        if (mPlan.survives) usleep(10000);  // its share of the load, no wait for anything
-    }
-
-    const Plan& mPlan;
-    const sp<ActivityCallback> mActivity;
-    const sp<EnvironmentCallback> mEnvironment;
-    sp<Watcher> mWatcher;
-    sp<V1_0::IActivityRecognition> mRoot;
-    sp<V1_0::IActivityInterface> mService;
-};
+    note("found");
+    const sp<Watcher> watcher = new Watcher;
+    if (!sure(root->linkToDeath(watcher, 0))) throw Lost();
+    if (gPlan.older()) sure(service->registerActivityCallback(callback));
+    if (gPlan.environment) enterEnvironment(root);
+    if (gPlan.pairs.empty()) enable(service, pairOf(getpid()));
+    for (uint32_t pair : gPlan.pairs) enable(service, pair);
+    note("ready");
+    for (unsigned turn = 0; gPlan.then == Plan::Then::kCall; ++turn) call(service, turn);
+    watcher->died.get_future().wait();
+}
 
 }  // namespace
 
@@ -186,13 +141,11 @@ int64_t now() {
 }
 
 void live(const Plan& plan) {
+    gPlan = plan;
     ::android::hardware::configureRpcThreadpool(1, /*callerWillJoin=*/false);
-    Client client(plan);
     for (;;) {
         try {
-            client.enter();
-            if (plan.then != Plan::Then::kCall) client.mWatcher->wait();
-            for (unsigned turn = 0; plan.then == Plan::Then::kCall; ++turn) client.call(turn);
+            visit();
         } catch (const Lost&) {
         }
     }
