@@ -33,7 +33,7 @@
 namespace storm {
 
 constexpr size_t kKeptBytes = 2048;
-constexpr size_t kSlackBytes = 3 << 20;  // of a heap that as many threads shared
+constexpr size_t kSlackBytes = 1 << 20;  // of a heap that as many threads shared
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kMemoryTells = false;  // a sanitizer keeps what was freed
@@ -94,11 +94,10 @@ class House {
         setup.scenario = logs + "/storm.scn";
         setup.runner = runner;
         mStage = std::make_unique<support::Stage>(setup);
-        for (const std::string& folder : {logs, mStage->folder()}) {
-            for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
-                if (user != 0 && chown(entry.path().c_str(), user, user) != 0) fail("chown");
-            }
-            if (user != 0 && chown(folder.c_str(), user, user) != 0) fail("chown");
+        if (user != 0) {
+            const std::string owner = fmt::format("{}:{}", user, user);
+            support::Process chown({"chown", "-R", owner, logs, mStage->folder()}, {});
+            if (chown.waitExit() != 0) fail(chown.describe());
         }
         int ends[2];
         if (pipe2(ends, O_CLOEXEC) != 0) fail("pipe2");
@@ -165,8 +164,10 @@ class House {
                 "clients to be ready");
     }
     void addSurvivors(const std::vector<Plan>& plans) {
-        for (const Plan& plan : plans) survivors.push_back({spawn(plan), plan, {}, {}});
-        awaitSurvivors();
+        for (const Plan& plan : plans) {  // one by one, so that batches go to the first one first
+            survivors.push_back({spawn(plan), plan, {}, {}});
+            awaitSurvivors();
+        }
         round();  // so that they come first in the report list
     }
     void awaitSurvivors() {
@@ -259,6 +260,10 @@ class House {
             quiet.descriptors = std::min(quiet.descriptors, footprint().descriptors);
             quiet.threads = std::min(quiet.threads, footprint().threads);
         }
+    }
+    void rememberMemory() {
+        const Footprint seen = footprint();
+        quiet = {quiet.descriptors, quiet.threads, seen.rssKb, seen.pssKb};
     }
     // Waits until nothing but what the rules keep is left of those who have died since then.
     void settle() {

@@ -69,7 +69,6 @@ class Storm {
                              {Version::k1_1, Then::kCall, {1, 2}, false, true},
                              {Version::k1_0, Then::kRest, {0}, false, true},
                              {Version::k1_0, Then::kCall, {5}, true, true}});
-        house->rememberQuiet();
         return house;
     }
 
@@ -125,7 +124,8 @@ class Storm {
         const auto dying = house.spawnReady(6);
         for (size_t i : {1, 2}) stop(house.survivors[i].pid);
         house.begin();
-        house.await([&] { return house.isDelivering(); }, "a delivery");
+        // It has the lock that cleaning up needs once it has reached anybody.
+        house.await([&] { return !house.survivors[0].activity.empty(); }, "a delivery");
         house.deathThreads.clear();
         for (pid_t pid : dying) house.kill(pid);
         house.await([&] { return house.deathThreads.size() == 4; }, "all threads of the pool");
@@ -159,6 +159,7 @@ class Storm {
     // More clients than there are descriptors for: each is served when others have gone.
     void lackDescriptors() {
         const auto house = this->house({"prlimit", "--nofile=64:64"});
+        house->rememberQuiet();
         std::set<pid_t> waiting;
         while (waiting.size() < 30) waiting.insert(house->spawn({}));
         house->await([&] { return house->refusals > 0; }, "somebody who is refused");
@@ -184,10 +185,12 @@ class Storm {
         const std::string id = std::to_string(user), rights = "-all,+dac_override,+dac_read_search";
         House::Words runner;
         if (user != 0) {
-            runner = {"setpriv",        "--reuid",    id,     "--regid",        id,
-                      "--clear-groups", "--inh-caps", rights, "--ambient-caps", rights};
+            runner = {
+                    "setpriv",        "--pdeathsig", "KILL", "--reuid",        id,    "--regid", id,
+                    "--clear-groups", "--inh-caps",  rights, "--ambient-caps", rights};
         }
         const auto house = this->house(runner, user);
+        house->rememberQuiet();
         const auto limit = [&](const std::string& threads) {
             // By a process of the same user, who needs no right for that.
             House::Words words = runner;
@@ -222,8 +225,9 @@ class Storm {
     // The same at a low rate, with a line for each turn.
     void soak(double minutes) {
         const auto house = this->house();
-        kill(*house, 50, 5);
         house->rememberQuiet();
+        kill(*house, 50, 5);
+        house->rememberMemory();
         const int64_t begin = now();
         fmt::print("{:>7}{:>8}{:>5}{:>8}{:>8}{:>8}   {:<32}{}\n", "minutes", "killed", "fds",
                    "threads", "RSS kB", "PSS kB", "call, us: median, p99, maximum", "delivery, us");
@@ -371,9 +375,10 @@ void storm(Storm& storm, size_t kills, int64_t seconds) {
         fmt::print("{:8.1f} s\n", static_cast<double>(now() - begin) / 1e9);
     };
     const auto house = storm.house();
+    house->rememberQuiet();
     const size_t perRound = std::max<size_t>(8, kills / 100);
     scene("the first clients die", [&] { storm.kill(*house, 100, perRound); });
-    house->rememberQuiet();
+    house->rememberMemory();
     const int64_t end = seconds > 0 ? now() + seconds * 1000 * kMs : kNever;
     const size_t before = std::accumulate(storm.killed, storm.killed + kMoments, size_t{0});
     scene("clients die",
