@@ -402,8 +402,10 @@ void storm(Storm& storm, size_t kills, int64_t seconds) {
     row("threads", &Footprint::threads);
     row("RSS, kB", &Footprint::rssKb);
     row("PSS, kB", &Footprint::pssKb);
-    fmt::print("{:.0f} bytes stay of each; {}\n",
-               1024 * (double(after.rssKb) - double(house->quiet.rssKb)) / double(died),
+    const double stays = 1024 * (double(after.rssKb) - double(house->quiet.rssKb)) / double(died);
+    fmt::print("{}; {}\n",
+               kMemoryTells ? fmt::format("{:.0f} bytes stay of each", stays)
+                            : "memory not judged under a sanitizer",
                house->audit());
 }
 
