@@ -208,3 +208,10 @@ tell_cost() {
             "some $megabytes MB in build/$1"
     done
 }
+
+# A finding ends its process, so that its test fails whatever it asserts.
+export_sanitizer_options() {
+    export ASAN_OPTIONS=abort_on_error=0:detect_stack_use_after_return=1
+    export UBSAN_OPTIONS=print_stacktrace=1
+    export TSAN_OPTIONS=halt_on_error=1:suppressions=$PWD/tests/tsan.supp
+}

@@ -32,6 +32,8 @@ std::vector<LineSource*>& sources() {
 
 volatile sig_atomic_t gInterrupted = 0;
 
+constexpr std::chrono::milliseconds kAskAgain{20};
+
 [[noreturn]] void fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
 }
@@ -58,6 +60,10 @@ void LineSource::adopt(unique_fd fd) {
     fcntl(fd.get(), F_SETFL, fcntl(fd.get(), F_GETFL) | O_NONBLOCK);
     mFd = std::move(fd);
     sources().push_back(this);
+}
+
+void LineSource::deepen() {
+    fcntl(mFd.get(), F_SETPIPE_SZ, 1024 * 1024);
 }
 
 std::string LineSource::text() const {
@@ -101,7 +107,8 @@ bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limi
             fds.push_back({source->mFd.get(), POLLIN, 0});
             open.push_back(source);
         }
-        if (poll(fds.data(), fds.size(), static_cast<int>(left.count()) + 1) < 0) continue;
+        const auto pause = std::min(left, kAskAgain);
+        if (poll(fds.data(), fds.size(), static_cast<int>(pause.count()) + 1) < 0) continue;
         for (size_t i = 0; i < fds.size(); ++i) {
             if (fds[i].revents) open[i]->readSome();
         }

@@ -74,6 +74,16 @@ TEST_F(Activityctl, WatchEndsOnTimeSignalQuitAndClosedInputAndDisablesEachTime) 
     }
 }
 
+TEST_F(Activityctl, WatchersAreToldWhenTheServiceDies) {
+    const auto watching = ready("watch walking:1");
+    const auto inside = ready("env watch");
+    stage().service().signal(SIGKILL);
+    for (Client* client : {watching.get(), inside.get()}) {
+        EXPECT_EQ(5, client->process().waitExit()) << client->process().describe();
+        EXPECT_THAT(client->process().err().text(), HasSubstr("died"));
+    }
+}
+
 TEST_F(Activityctl, PairsLatenciesAndExtrasAreUnderstood) {
     run("watch Walking@3s 0:2 --latency 2500ms --for 0");
     EXPECT_EQ((Calls{"enable 1 1 3000000000", "enable 1 2 3000000000", "enable 0 2 2000000000",

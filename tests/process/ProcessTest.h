@@ -83,11 +83,6 @@ class ProcessTest : public ::testing::Test {
         return calls;
     }
 
-    static void killHard(Process& process) {
-        process.signal(SIGKILL);
-        EXPECT_EQ(128 + SIGKILL, process.waitExit());
-    }
-
   private:
     static std::string shorten(const nlohmann::json& line) {
         static const std::regex kSlots(

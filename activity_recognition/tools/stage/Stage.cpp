@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -45,6 +46,14 @@ android::base::unique_fd openFifo(const std::string& path) {
     android::base::unique_fd fd(open(path.c_str(), O_RDWR | O_CLOEXEC));
     if (fd.get() < 0) throw std::system_error(errno, std::generic_category(), path);
     return fd;
+}
+
+// The thread that wrote a line of a log: tag, priority, day, time, process, thread, text.
+std::string threadOf(const std::string& line) {
+    std::istringstream words(line);
+    std::string word;
+    for (int i = 0; i < 6; ++i) words >> word;
+    return word;
 }
 
 }  // namespace
@@ -122,7 +131,7 @@ std::string Stage::write(const std::string& name, const std::string& content) co
 }
 
 std::map<std::string, std::string> Stage::clientEnvironment() const {
-    return {{"HIDL_HOST_DIR", mFolder + "/registry"}, {"ANDROID_LOG_TAGS", "*:v"}};
+    return {{"HIDL_HOST_DIR", registry()}, {"ANDROID_LOG_TAGS", "*:v"}};
 }
 
 std::map<std::string, std::string> Stage::serviceEnvironment() const {
@@ -137,7 +146,9 @@ std::map<std::string, std::string> Stage::serviceEnvironment() const {
 }
 
 void Stage::startService() {
-    mService = std::make_unique<Process>(commandLine(kService, {}), serviceEnvironment());
+    auto line = mSetup.runner;
+    for (const std::string& word : commandLine(kService, {})) line.push_back(word);
+    mService = std::make_unique<Process>(line, serviceEnvironment());
 }
 
 void Stage::serving() {
@@ -162,19 +173,23 @@ size_t Stage::countInLog(const std::string& text) {
     }));
 }
 
-void Stage::waitForDeath(pid_t pid, size_t callbacks) {
+void Stage::waitForDeath(pid_t pid) {
     const std::string notice = fmt::format("serviceDied, cookie is {}", pid);
     const auto handled = [&] {
-        size_t notices = 0, ends = 0;
+        std::string told;  // the thread that was
         for (const auto& line : mService->err().lines()) {
             // At the end of its line, so that no longer number matches.
             const size_t at = line.text.rfind(notice);
-            notices += at != std::string::npos && at + notice.size() == line.text.size();
-            ends += notices > 0 && line.text.find("Match, remainder") != std::string::npos;
+            if (at != std::string::npos && at + notice.size() == line.text.size()) {
+                told = threadOf(line.text);
+            } else if (!told.empty() && threadOf(line.text) == told &&
+                       line.text.find("Match, remainder") != std::string::npos) {
+                return true;
+            }
         }
-        return notices >= callbacks && ends >= callbacks;
+        return false;
     };
-    require(handled, fmt::format("{} times '{}'", callbacks, notice),
+    require(handled, fmt::format("'{}' and its end", notice),
             [this] { return mService->describe(); });
 }
 

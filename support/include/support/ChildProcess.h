@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <android-base/unique_fd.h>
@@ -33,6 +34,10 @@ class LineSource {
 
     void adopt(android::base::unique_fd fd);
     const std::vector<Line>& lines() const { return mLines; }
+    // What was read since the last time, for those whose children say more than they want to keep.
+    std::vector<Line> take() { return std::exchange(mLines, {}); }
+    // Room for a megabyte, where whoever writes does not wait for its reader.
+    void deepen();
     // Everything read, for messages.
     std::string text() const;
     bool atEnd() const { return mFd.get() < 0; }
@@ -47,7 +52,8 @@ class LineSource {
     std::vector<Line> mLines;
 };
 
-// Reads all sources until done() or the limit; returns what done() says at the end. Throws
+// Reads all sources until done() or the limit; returns what done() says at the end. It is asked after
+// each output, and now and then besides, as it may look at what tells nobody of its changes. Throws
 // Interrupted once this process was told to end (see throwOnSignals()).
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = kDeadline);
 // As above; throws std::runtime_error with what was waited for, and what describe() says.

@@ -58,6 +58,7 @@ struct StageSetup {
     std::string scenario;  // path; empty: nothing is played
     std::string speed;     // empty: the scenario's own
     std::string hardware = "simulator";
+    std::vector<std::string> runner;  // a command that runs the service, such as prlimit
 };
 
 class Stage {
@@ -79,8 +80,8 @@ class Stage {
     Process& service() { return *mService; }
     // Lines of the service's log with this text.
     size_t countInLog(const std::string& text);
-    // Waits until the service has dealt with the death of a process that held so many callbacks.
-    void waitForDeath(pid_t pid, size_t callbacks = 1);
+    // Waits until the service has dealt with the death of a process that held one callback.
+    void waitForDeath(pid_t pid);
 
     // A program of this build.
     std::unique_ptr<Process> program(const std::string& name,
@@ -92,6 +93,12 @@ class Stage {
     void release(const std::string& name);
     // What the native module was told and sent, as it wrote it down.
     const std::vector<nlohmann::json>& native() { return mTrace.all(); }
+    // The same, as lines.
+    LineSource& trace() { return mTraceSource; }
+
+    const std::string& folder() const { return mFolder; }
+    // Where the service is found: HIDL_HOST_DIR.
+    std::string registry() const { return mFolder + "/registry"; }
 
   private:
     std::map<std::string, std::string> clientEnvironment() const;
