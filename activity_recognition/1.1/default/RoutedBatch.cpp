@@ -12,11 +12,12 @@ constexpr size_t kKeptLists = 16;  // 120 KB for full batches
 
 }  // namespace
 
-void RoutedBatch::startRun(const std::shared_ptr<DeliveryPlan>& plan) {
+void RoutedBatch::start(const std::shared_ptr<DeliveryPlan>& plan) {
+    if (plan->batch == mNumber) return;
     plan->batch = mNumber;
     plan->run = static_cast<uint32_t>(mRuns.size());
+    plan->length = 0;
     mRuns.push_back(plan);
-    mLengths.push_back(0);
 }
 
 const std::vector<uint32_t>& RoutedBatch::group(size_t all, bool everybody) {
@@ -66,7 +67,7 @@ void RoutedBatch::fill(const Share& share, Lists* lists) {
     size_t length = 0;
     for (const Share* part = &share; part != &mShares[kNothing]; part = &mShares[part->under]) {
         ++mCopies[part->run];
-        length += mLengths[part->run];
+        length += mRuns[part->run]->length;
     }
     fill(length, &lists->eventsV1_1);
     if (mEverybody) fill(length, &lists->eventsV1_0);
@@ -91,7 +92,6 @@ void RoutedBatch::clear() {
     mPositions.clear();
     mEvents.clear();
     mRuns.clear();
-    mLengths.clear();
     // Many lists go with the first batch that needs fewer.
     mLists.resize(std::max<size_t>(std::min(mLists.size(), kKeptLists), mUsedLists));
     mUsedLists = 1;
