@@ -100,11 +100,14 @@ class RoutedBatch {
 
     // Takes in a plan that events of the batch are about to follow.
     void start(const std::shared_ptr<DeliveryPlan>& plan);
-    // An event that goes to the processes of a plan that was taken in. It is copied: the module may
-    // write its records anew while clients are called.
+    // An event that goes to the processes of a plan that was taken in; at most
+    // ACTIVITY_RECOGNITION_MAX_EVENTS of them. It is copied: the module may write its records anew
+    // while clients are called.
     void add(const activity_event& event, DeliveryPlan* plan) {
-        plan->notes.last = static_cast<uint32_t>(mEvents.size());
-        mEvents.emplace_back(event, plan->run);
+        const uint32_t at = mLength++;
+        ConvertWhole(event, &mEvents[at]);
+        mRunOf[at] = plan->run;
+        plan->notes.last = at;
         ++plan->length;
     }
 
@@ -128,18 +131,16 @@ class RoutedBatch {
         uint32_t grown;
         uint32_t list;  // 0: none yet
     };
-    struct Routed {
-        Routed(const activity_event& event, uint32_t run) : event(event), run(run) {}
-        activity_event event;
-        uint32_t run;
-    };
     enum : uint32_t { kNothing = 0, kNoShare = ~0u };  // kNothing: the share of who gets nothing
 
     void fill(const Share& share, Lists* lists);
     template <typename Record>
     void fill(size_t length, std::vector<Record>* list) const;
 
-    std::vector<Routed> mEvents;
+    // The events, and which of the plans each one goes by.
+    ActivityEventV1_1 mEvents[ACTIVITY_RECOGNITION_MAX_EVENTS];
+    uint32_t mRunOf[ACTIVITY_RECOGNITION_MAX_EVENTS];
+    uint32_t mLength = 0;
     std::vector<std::shared_ptr<DeliveryPlan>> mRuns;  // the plans in order of appearance
     std::vector<Share> mShares;
     std::vector<uint32_t> mShareOf;  // by position; all kNothing between batches
