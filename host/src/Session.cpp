@@ -500,7 +500,8 @@ bool Session::answer(const ConnectionPtr& connection, const Parcel& reply, statu
     }
     const size_t room = std::max(bytes.size(), kSocketRoom);
     bool counted = false;
-    const std::function<bool()> goOn = [&] { return waitsForReader(room, &counted); };
+    const auto waits = [&] { return waitsForReader(room, &counted); };
+    const std::function<bool()> goOn = std::cref(waits);  // by reference it needs no allocation
     const bool sent = connection->send(header, refs, bytes, &goOn);
     if (!sent) undoEncode(refs);
     if (sent && !counted) return true;

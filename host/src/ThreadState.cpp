@@ -38,6 +38,7 @@ class Pool {
         Mutex::Autolock lock(mMutex);
         if (mStarted) return false;
         mStarted = true;
+        mPlaces = mSize;
         mChanged.notify_all();
         addRunner();
         return true;
@@ -45,25 +46,24 @@ class Pool {
     void setSize(size_t size) {
         Mutex::Autolock lock(mMutex);
         mSize = size;
+        if (mStarted) mPlaces = size;
         mChanged.notify_all();
     }
     // 0 until it is started.
-    size_t size() {
-        Mutex::Autolock lock(mMutex);
-        return mStarted ? mSize : 0;
-    }
+    size_t size() const { return mPlaces; }
 
     void enter() {
+        if (tryEnter()) return;  // nearly every call, without the lock
         Mutex::Autolock lock(mMutex);
         ++mWaiting;
-        while (!mStarted || mBusy >= mSize) mChanged.wait(mMutex);
+        while (!tryEnter()) mChanged.wait(mMutex);
         --mWaiting;
-        ++mBusy;
     }
     void leave() {
-        Mutex::Autolock lock(mMutex);
         --mBusy;
-        if (mWaiting > 0) mChanged.notify_one();
+        if (mWaiting == 0) return;  // who is not counted yet will see the free place
+        Mutex::Autolock lock(mMutex);
+        mChanged.notify_one();
     }
 
     void post(std::function<void()> task) {
@@ -74,6 +74,13 @@ class Pool {
     }
 
   private:
+    bool tryEnter() {
+        size_t busy = mBusy;
+        while (busy < mPlaces) {
+            if (mBusy.compare_exchange_weak(busy, busy + 1)) return true;
+        }
+        return false;
+    }
     void addRunner() REQUIRES(mMutex) {
         // Without one, those that run do it, or the next task tries again.
         if (host::startThread("hidl-pool", [this] { run(); })) ++mRunners;
@@ -102,9 +109,10 @@ class Pool {
     Mutex mMutex;
     std::condition_variable_any mChanged;
     size_t mSize GUARDED_BY(mMutex) = 1;
-    size_t mBusy GUARDED_BY(mMutex) = 0;
-    size_t mWaiting GUARDED_BY(mMutex) = 0;
     bool mStarted GUARDED_BY(mMutex) = false;
+    std::atomic<size_t> mPlaces{0};  // mSize once it is started
+    std::atomic<size_t> mBusy{0};
+    std::atomic<size_t> mWaiting{0};  // changed under the lock
 
     std::condition_variable_any mPosted;
     std::deque<std::function<void()>> mTasks GUARDED_BY(mMutex);

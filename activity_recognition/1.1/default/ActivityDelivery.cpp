@@ -54,29 +54,28 @@ void ActivityInterface::PackageNamePush(const activity_event* events, int32_t co
         if (event.event_type == 0) continue;
         // Taken per record, not per batch: clients' enables and disables get in between.
         Mutex::Autolock lock(eventMutex);
-        Route& route = sRoutes.at(event.activity, event.event_type);
-        const uint64_t changes = mEventData.changes() + firstReport.changes();  // neither falls
-        if (!route.holds(event.activity, event.event_type, ClientKey(pid), changes)) {
-            route = FindRoute({event.activity, event.event_type}, ClientKey(pid), changes);
-        }
-        EnableRequestTable::Pair* const pair = route.pair;
-        if (pair == nullptr || event.timestamp < route.barrier) continue;
-        // An event for the same requests as one before repeats what walking them did.
-        if (pair->plan == nullptr || !mLastActivityEvent.noteAgain(pair->plan->notes)) {
-            WalkRequests(*pair, event, pid);
-        }
-        batch.add(event, pair->plan);
+        const Route* route = sRoutes.find(event.activity, event.event_type, RouteChanges());
+        if (route == nullptr) route = FindRoute(event, pid, batch);
+        if (route->plan == nullptr || event.timestamp < route->barrier) continue;
+        batch.add(event, route->plan);
     }
 }
 
-Route ActivityInterface::FindRoute(const PairKey& key, uint64_t pid, uint64_t changes) {
-    Route route;
-    route.activity = key.first;
-    route.event = key.second;
-    route.pid = pid;
-    route.changes = changes;
-    route.pair = mEventData.find(key);
-    route.barrier = GetLastTime(pid, key.first, key.second);
+const Route* ActivityInterface::FindRoute(const activity_event& event, int32_t pid,
+                                          RoutedBatch& batch) {
+    Route* const route = sRoutes.replace(event.activity, event.event_type);
+    route->barrier = GetLastTime(ClientKey(pid), event.activity, event.event_type);
+    EnableRequestTable::Pair* const pair = mEventData.find({event.activity, event.event_type});
+    if (pair != nullptr) {
+        if (event.timestamp < route->barrier) return route;  // nothing is walked for it
+        // An event for the same requests as one before repeats what walking them did.
+        const bool repeats = pair->plan != nullptr && mLastActivityEvent.defer(pair->plan->notes);
+        if (!repeats) WalkRequests(*pair, event, pid);
+        batch.start(pair->plan);
+        route->plan = pair->plan.get();
+        if (!repeats) return route;  // those that follow must ask again
+    }
+    route->changes = RouteChanges();
     return route;
 }
 

@@ -103,9 +103,14 @@ class ActivityInterface : public V1_1::IActivityInterface,
     // Routes plain events to the requests they match. pid: the delivering thread's caller.
     static void PackageNamePush(const activity_event* events, int32_t count, int32_t pid,
                                 RoutedBatch& batch) REQUIRES(mListMutex) EXCLUDES(eventMutex);
-    // What the pair's events meet. Not inlined, as few events need it.
-    static Route FindRoute(const PairKey& key, uint64_t pid, uint64_t changes)
-            __attribute__((noinline)) REQUIRES(eventMutex);
+    // Grows with everything that routes depend on.
+    static uint64_t RouteChanges() REQUIRES(mListMutex, eventMutex) {
+        return mEventData.changes() + firstReport.changes() + mLastActivityEvent.changes();
+    }
+    // What the event meets, and as a rule those of its pair that follow. Never NULL. Not inlined,
+    // as few events need it.
+    static const Route* FindRoute(const activity_event& event, int32_t pid, RoutedBatch& batch)
+            __attribute__((noinline)) REQUIRES(mListMutex, eventMutex);
     // Walks the pair's requests with an event that no barrier holds back, and plans the events that
     // follow while the requests stand.
     static void WalkRequests(EnableRequestTable::Pair& pair, const activity_event& event,

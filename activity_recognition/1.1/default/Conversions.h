@@ -71,11 +71,11 @@ inline void ConvertWhole(const activity_event& event, ActivityEvent* record) {
     record->timestamp = event.timestamp;
 }
 inline void ConvertWhole(const activity_event& event, ActivityEventV1_1* record) {
-    memset(record, 0, sizeof(*record));
-    record->eventType = event.event_type;
-    record->activity = event.activity;
-    record->timestamp = event.timestamp;
-    record->extra = event.extra;
+    constexpr size_t kAlike = offsetof(activity_event, reserved);
+    static_assert(offsetof(ActivityEventV1_1, extra) == offsetof(activity_event, extra),
+                  "the records are alike up to the padding");
+    memcpy(record, &event, kAlike);
+    memset(reinterpret_cast<char*>(record) + kAlike, 0, sizeof(*record) - kAlike);
 }
 
 // From the module to clients. The base of ActivityInterface, which has them as members; nobody
@@ -108,6 +108,11 @@ inline void AssignWhole(const ActivityEvent& from, ActivityEvent* to) {
     memcpy(to, &from, sizeof(*to));
 }
 inline void AssignWhole(const ActivityEventV1_1& from, ActivityEventV1_1* to) {
+    memcpy(to, &from, sizeof(*to));
+}
+inline void AssignWhole(const ActivityEventV1_1& from, ActivityEvent* to) {
+    static_assert(offsetof(ActivityEventV1_1, extra) == sizeof(ActivityEvent),
+                  "a version 1.0 record is what stands before extra");
     memcpy(to, &from, sizeof(*to));
 }
 template <typename Extended>

@@ -1,5 +1,7 @@
 #include "LastEventTable.h"
 
+#include <utility>
+
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
 
@@ -31,7 +33,7 @@ void LastEventTable::erase(uint64_t pid, uint32_t activity, uint32_t event) {
 
 LastEventTable::Notes LastEventTable::startWalk(const PairKey& key) {
     Mutex::Autolock lock(mLock);
-    return {key, {}, mRemovals[slotOf(key.first)]};
+    return {key, {}, mRemovals[slotOf(key.first)], 0};
 }
 
 void LastEventTable::addTo(Notes& notes, uint64_t pid) {
@@ -39,24 +41,31 @@ void LastEventTable::addTo(Notes& notes, uint64_t pid) {
     notes.records.push_back(mRecords.first({pid, notes.key.first}));
 }
 
-bool LastEventTable::defer(const Notes& notes) {
+bool LastEventTable::defer(Notes& notes) {
     const size_t slot = slotOf(notes.key.first);
     Mutex::Autolock lock(mLock);
     if (mErasing[slot] != 0 || mRemovals[slot] != notes.removals) return false;
-    Deferred& deferred = mDeferred[slot];
-    if (deferred.older != nullptr) settle(slot);
-    deferred.older = deferred.newer;
-    deferred.newer = &notes;
+    Notes** const deferred = mDeferred[slot];
+    if (deferred[0] == &notes || deferred[1] == &notes) return true;
+    if (deferred[1] != nullptr) settle(slot);
+    deferred[deferred[0] == nullptr ? 0 : 1] = &notes;
     mDeferring |= uint64_t{1} << slot;
     return true;
 }
 
 void LastEventTable::settle(size_t slot) {
-    for (const Notes* notes : {mDeferred[slot].older, mDeferred[slot].newer}) {
+    Notes** const deferred = mDeferred[slot];
+    if (deferred[0] == nullptr) return;
+    // The later one overwrites what the other has written for a client that wants both.
+    if (deferred[1] != nullptr && deferred[1]->last < deferred[0]->last) {
+        std::swap(deferred[0], deferred[1]);
+    }
+    for (Notes*& notes : mDeferred[slot]) {
         if (notes == nullptr) continue;
         for (EventResponseData* record : notes->records) record->event = notes->key.second;
+        notes = nullptr;
     }
-    mDeferred[slot] = {};
+    ++mChanges;
 }
 
 void LastEventTable::settle() {

@@ -4,7 +4,6 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <utility>
 #include <vector>
 
 #include <utils/Mutex.h>
@@ -30,6 +29,7 @@ class LastEventTable {
         PairKey key;
         std::vector<EventResponseData*> records;
         uint64_t removals;  // of the activity, before the walk
+        uint32_t last;      // position in the batch of its latest event, which delivery sets
     };
 
     // Makes event the client's last one for the activity; a record that stands keeps its timestamp.
@@ -47,39 +47,30 @@ class LastEventTable {
     // A walk of the pair's requests starts, which notes an event for each and adds its record.
     Notes startWalk(const PairKey& key) EXCLUDES(mLock);
     void addTo(Notes& notes, uint64_t pid) EXCLUDES(mLock);
-    // Does what another walk of the same requests would do. False when records were removed since,
-    // or are about to be: then they must be walked. The notes must live until settle().
-    bool noteAgain(const Notes& notes) EXCLUDES(mLock) {
-        Deferred& deferred = mDeferred[slotOf(notes.key.first)];
-        if (deferred.newer == &notes) return true;
-        if (deferred.older != &notes) return defer(notes);
-        std::swap(deferred.older, deferred.newer);
-        return true;
-    }
+    // Until changes() grows, does for this event and those that follow what further walks of the
+    // same requests would do. False when records were removed since the walk, or are about to be:
+    // then they must be walked. The notes must live until settle().
+    bool defer(Notes& notes) EXCLUDES(mLock);
+    // Grows when what was deferred is written: what is noted from then on must be deferred anew.
+    uint64_t changes() const { return mChanges; }
     // Writes what the batch has deferred.
     void settle() EXCLUDES(mLock);
 
   private:
     friend struct ActivityInterfaceTestPeer;
 
-    // Writes of two pairs that may take turns; the older goes first. Read and changed by delivery,
-    // and by others with the requests' lock and the leaf lock, which keep delivery out: it has one
-    // of them wherever it looks.
-    struct Deferred {
-        const Notes* older = nullptr;
-        const Notes* newer = nullptr;
-    };
-
     // Activities that share a slot only cost each other a walk.
     static constexpr size_t kSlots = 64;
     static size_t slotOf(uint32_t activity) { return activity % kSlots; }
-    bool defer(const Notes& notes) EXCLUDES(mLock);
     void settle(size_t slot) REQUIRES(mLock);
 
     ::android::Mutex mLock;  // leaf lock
     IndexedTable<EventResponseData, ClientActivityOf> mRecords GUARDED_BY(mLock);
-    Deferred mDeferred[kSlots];
+    // Of an activity's two pairs. Those of another one in the slot make them be written at once.
+    Notes* mDeferred[kSlots][2] GUARDED_BY(mLock) = {};
     uint64_t mDeferring = 0;  // bits of the slots that may have something deferred; delivery's
+    // Grows under the leaf lock and one of the callers' locks; delivery, which reads it, has both.
+    uint64_t mChanges = 0;
     uint64_t mRemovals[kSlots] GUARDED_BY(mLock) = {};
     uint32_t mErasing[kSlots] GUARDED_BY(mLock) = {};  // announced, not yet done
 };

@@ -12,11 +12,12 @@ constexpr size_t kKeptLists = 16;  // 120 KB for full batches
 
 }  // namespace
 
-void RoutedBatch::startRun(const std::shared_ptr<DeliveryPlan>& plan) {
+void RoutedBatch::start(const std::shared_ptr<DeliveryPlan>& plan) {
+    if (plan->batch == mNumber) return;
     plan->batch = mNumber;
     plan->run = static_cast<uint32_t>(mRuns.size());
+    plan->length = 0;
     mRuns.push_back(plan);
-    mLengths.push_back(0);
 }
 
 const std::vector<uint32_t>& RoutedBatch::group(size_t all, bool everybody) {
@@ -66,9 +67,15 @@ void RoutedBatch::fill(const Share& share, Lists* lists) {
     size_t length = 0;
     for (const Share* part = &share; part != &mShares[kNothing]; part = &mShares[part->under]) {
         ++mCopies[part->run];
-        length += mLengths[part->run];
+        length += mRuns[part->run]->length;
     }
-    fill(length, &lists->eventsV1_1);
+    const bool whole = std::all_of(mCopies.begin(), mCopies.end(),
+                                   [](uint32_t copies) { return copies == 1; });
+    if (whole) {  // the commonest share stands there already, padding included
+        lists->eventsV1_1.assign(mEvents, mEvents + length);
+    } else {
+        fill(length, &lists->eventsV1_1);
+    }
     if (mEverybody) fill(length, &lists->eventsV1_0);
     std::fill(mCopies.begin(), mCopies.end(), 0);
 }
@@ -77,11 +84,11 @@ template <typename Record>
 void RoutedBatch::fill(size_t length, std::vector<Record>* list) const {
     list->resize(length);
     Record* to = list->data();
-    for (const Routed& routed : mEvents) {
+    for (uint32_t at = 0; at < mLength; ++at) {
         // A share may have a run twice: a process with two requests for the pair gets each event
         // twice.
-        for (uint32_t copies = mCopies[routed.run]; copies > 0; --copies) {
-            ConvertWhole(routed.event, to++);
+        for (uint32_t copies = mCopies[mRunOf[at]]; copies > 0; --copies) {
+            AssignWhole(mEvents[at], to++);
         }
     }
 }
@@ -89,9 +96,8 @@ void RoutedBatch::fill(size_t length, std::vector<Record>* list) const {
 void RoutedBatch::clear() {
     for (const uint32_t position : mPositions) mShareOf[position] = kNothing;
     mPositions.clear();
-    mEvents.clear();
+    mLength = 0;
     mRuns.clear();
-    mLengths.clear();
     // Many lists go with the first batch that needs fewer.
     mLists.resize(std::max<size_t>(std::min(mLists.size(), kKeptLists), mUsedLists));
     mUsedLists = 1;

@@ -48,34 +48,42 @@ struct DeliveryPlan {
     std::vector<uint32_t> processes;  // positions in the report list, ascending, one a request
     LastEventTable::Notes notes;
 
-    uint64_t batch = 0;  // the last batch with an event of this plan,
-    uint32_t run = 0;    // and which of its plans this is
+    uint64_t batch = 0;   // the last batch with an event of this plan,
+    uint32_t run = 0;     // which of its plans this is,
+    uint32_t length = 0;  // and how many events it has there
 };
 
-// Where a pair's events go as long as no request and no barrier changes.
+// Where a batch's events of a pair go until something changes that they depend on.
 struct Route {
     uint32_t activity = 0;
     uint32_t event = 0;
-    uint64_t pid = 0;                          // whose barrier it is
-    uint64_t changes = ~0ull;                  // of requests and barriers, when they were looked up
-    EnableRequestTable::Pair* pair = nullptr;  // NULL when nobody wants it
+    uint64_t changes = ~0ull;      // when it was found; the default is never reached
+    DeliveryPlan* plan = nullptr;  // the batch holds it; NULL when nobody wants the pair
     int64_t barrier = 0;
-
-    bool holds(uint32_t ofActivity, uint32_t ofEvent, uint64_t ofPid, uint64_t now) const {
-        return changes == now && activity == ofActivity && event == ofEvent && pid == ofPid;
-    }
 };
 
-// The routes that were looked up last.
+// The routes that were found last.
 class RouteMemory {
   public:
-    // Of this pair, if it is remembered.
-    Route& at(uint32_t activity, uint32_t event) {
-        return mRoutes[(activity * 2 + event) % kRoutes];
+    // That of the pair, if it is remembered and nothing has changed since it was found, or NULL.
+    const Route* find(uint32_t activity, uint32_t event, uint64_t changes) const {
+        const Route& route = mRoutes[placeOf(activity, event)];
+        const bool holds =
+                route.changes == changes && route.activity == activity && route.event == event;
+        return holds ? &route : nullptr;
+    }
+    // Makes room for the pair's, which is not found until its changes are set.
+    Route* replace(uint32_t activity, uint32_t event) {
+        Route& route = mRoutes[placeOf(activity, event)];
+        route = {activity, event};
+        return &route;
     }
 
   private:
     static constexpr size_t kRoutes = 64;
+    static size_t placeOf(uint32_t activity, uint32_t event) {
+        return (activity * 2 + event) % kRoutes;
+    }
     Route mRoutes[kRoutes];
 };
 
@@ -90,12 +98,17 @@ class RoutedBatch {
         std::vector<ActivityEvent> eventsV1_0;
     };
 
-    // An event that goes to the processes of the plan. It is copied: the module may write its
-    // records anew while clients are called.
-    void add(const activity_event& event, const std::shared_ptr<DeliveryPlan>& plan) {
-        if (plan->batch != mNumber) startRun(plan);
-        mEvents.emplace_back(event, plan->run);
-        ++mLengths[plan->run];
+    // Takes in a plan that events of the batch are about to follow.
+    void start(const std::shared_ptr<DeliveryPlan>& plan);
+    // An event that goes to the processes of a plan that was taken in; at most
+    // ACTIVITY_RECOGNITION_MAX_EVENTS of them. It is copied: the module may write its records anew
+    // while clients are called.
+    void add(const activity_event& event, DeliveryPlan* plan) {
+        const uint32_t at = mLength++;
+        ConvertWhole(event, &mEvents[at]);
+        mRunOf[at] = plan->run;
+        plan->notes.last = at;
+        ++plan->length;
     }
 
     // Groups what was added by process. Answers the positions of the processes that have a share
@@ -118,21 +131,17 @@ class RoutedBatch {
         uint32_t grown;
         uint32_t list;  // 0: none yet
     };
-    struct Routed {
-        Routed(const activity_event& event, uint32_t run) : event(event), run(run) {}
-        activity_event event;
-        uint32_t run;
-    };
     enum : uint32_t { kNothing = 0, kNoShare = ~0u };  // kNothing: the share of who gets nothing
 
-    void startRun(const std::shared_ptr<DeliveryPlan>& plan);
     void fill(const Share& share, Lists* lists);
     template <typename Record>
     void fill(size_t length, std::vector<Record>* list) const;
 
-    std::vector<Routed> mEvents;
+    // The events, and which of the plans each one goes by.
+    ActivityEventV1_1 mEvents[ACTIVITY_RECOGNITION_MAX_EVENTS];
+    uint32_t mRunOf[ACTIVITY_RECOGNITION_MAX_EVENTS];
+    uint32_t mLength = 0;
     std::vector<std::shared_ptr<DeliveryPlan>> mRuns;  // the plans in order of appearance
-    std::vector<uint32_t> mLengths;                    // events of each run
     std::vector<Share> mShares;
     std::vector<uint32_t> mShareOf;  // by position; all kNothing between batches
     std::vector<uint32_t> mPositions;
