@@ -115,14 +115,15 @@ void visit() {
     if (gPlan.newer()) {
         const auto newer = there(V1_1::IActivityRecognition::getService());
         const auto side = there(sure(newer->getActivityInterfaceV1_1()));
+        note("found");
         sure(side->registerActivityCallbackV1_1(callback));
         root = newer;
         service = side;
     } else {
         root = there(V1_0::IActivityRecognition::getService());
         service = there(sure(root->getActivityInterface()));
+        note("found");
     }
-    note("found");
     const sp<Watcher> watcher = new Watcher;
     if (!sure(root->linkToDeath(watcher, 0))) throw Lost();
     if (gPlan.older()) sure(service->registerActivityCallback(callback));

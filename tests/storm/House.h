@@ -247,6 +247,7 @@ class House {
                 fail("version 1.0 survivors got different calls");
         }
         for (Survivor& survivor : survivors) survivor.activity = survivor.environment = {};
+        for (int64_t ns : std::exchange(mArrivals, {})) deliveries.push_back(ns - mHandedOverNs);
         ++checked;
     }
 
@@ -454,7 +455,7 @@ class House {
         if (what == "lost") lost.emplace(pid, ns);
         if (what == "found") found.emplace(pid, ns);
         if (what == "call" && stream >> ns) calls.push_back(ns);
-        if (what == "A") deliveries.push_back(ns - mHandedOverNs);
+        if (what == "A") mArrivals.push_back(ns);
         for (Survivor& survivor : survivors) {
             if (survivor.pid != pid || what.size() > 1) continue;
             if ((isupper(what[0]) != 0) != survivor.plan.newer())
@@ -502,6 +503,7 @@ class House {
     Library mLibrary;
     Events mBatch, mEnvironmentBatch;
     int64_t mHandedOverNs = 0;
+    std::vector<int64_t> mArrivals;  // of this batch at version 1.1 survivors
 };
 
 }  // namespace storm

@@ -52,9 +52,9 @@ class LineSource {
     std::vector<Line> mLines;
 };
 
-// Reads all sources until done() or the limit; returns what done() says at the end. It is asked after
-// each output, and now and then besides, as it may look at what tells nobody of its changes. Throws
-// Interrupted once this process was told to end (see throwOnSignals()).
+// Reads all sources until done() or the limit; returns what done() says at the end. It is asked
+// after each output, and now and then besides, as it may look at what tells nobody of its changes.
+// Throws Interrupted once this process was told to end (see throwOnSignals()).
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = kDeadline);
 // As above; throws std::runtime_error with what was waited for, and what describe() says.
 void require(const std::function<bool()>& done, const std::string& what,
