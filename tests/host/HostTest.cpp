@@ -541,45 +541,6 @@ TEST_F(HostTest, BytesThatAreNoValidMessageEndTheirConnectionAlone) {
     EXPECT_FALSE(mService->hasEnded());
 }
 
-TEST_F(HostTest, RefusesConnectionsForWhichNoThreadCanBeMade) {
-    constexpr size_t kRoom = 4 << 20;  // less than a thread's stack, enough for all else
-    size_t pages = 0;
-    std::ifstream("/proc/" + std::to_string(mService->pid()) + "/statm") >> pages;
-    const rlimit64 tight = {pages * getpagesize() + kRoom, RLIM64_INFINITY};
-    const rlimit64 ample = {RLIM64_INFINITY, RLIM64_INFINITY};
-    ASSERT_EQ(0, prlimit64(mService->pid(), RLIMIT_AS, &tight, nullptr));
-
-    // More calls than there are stacks left to use again. Those that are let in wait for each
-    // other.
-    Monitor<size_t> answered;
-    const auto begin = std::chrono::steady_clock::now();
-    std::vector<std::future<bool>> refused;
-    for (int i = 0; i < 16; ++i) {
-        refused.push_back(std::async(std::launch::async, [&] {
-            sp<Listener> listener = new Listener([&](int32_t) {
-                answered.waitFor([](size_t count) { return count >= 8; });
-                return 0;
-            });
-            auto result = mPeer->callBack(listener, 1);
-            answered.change([](size_t& count) { ++count; });
-            EXPECT_TRUE(result.isOk() || !result.isDeadObject()) << result.description();
-            return !result.isOk();
-        }));
-    }
-    size_t count = 0;
-    for (auto& one : refused) count += one.get();
-    EXPECT_GE(count, 8u);
-    ASSERT_TRUE(mPeer->note(5).isOk());
-    const auto seconds = (std::chrono::steady_clock::now() - begin) / 1s;
-    ASSERT_EQ(0, prlimit64(mService->pid(), RLIMIT_AS, &ample, nullptr));
-    EXPECT_TRUE(std::async(std::launch::async, [this] { return serves(); }).get());
-    EXPECT_EQ(std::vector<int32_t>{5}, notes(1));
-    EXPECT_FALSE(mService->hasEnded()) << mService->describe();
-    support::drainOutput();
-    EXPECT_THAT(mService->err().lines().size(),
-                testing::AllOf(testing::Ge(1u), testing::Le(seconds + 2u)));
-}
-
 TEST_F(HostTest, RepliesThatNobodyReadHoldUpNobody) {
     // The registry's answer puts the service's object under number 1.
     BadClient control;
@@ -632,50 +593,6 @@ TEST_F(HostTest, RepliesThatNobodyReadHoldUpNobody) {
         return mService->err().text().find("it leaves its replies unread") != std::string::npos;
     }));
     EXPECT_TRUE(serves());
-}
-
-TEST_F(HostTest, TakesAsManyProcessesAsItHasDescriptorsFor) {
-    Process service({"sh", "-c", "ulimit -n 64; exec \"$0\" --serve few", gProgram}, {});
-    ASSERT_TRUE(waitUntil([&] { return !service.out().lines().empty(); }));
-    const auto socket =
-            pathOf(std::filesystem::read_symlink(pathOf("hidl.hosttest@1.0::IPeer,few")));
-    // Silent ones make room for those that speak.
-    std::vector<std::unique_ptr<BadClient>> silent;
-    for (int i = 0; i < 100; ++i) silent.push_back(std::make_unique<BadClient>(socket));
-
-    std::vector<std::unique_ptr<Process>> clients;
-    const auto start = [&](size_t count) {
-        for (size_t i = 0; i < count; ++i) {
-            clients.push_back(
-                    std::make_unique<Process>(std::vector<std::string>{gProgram, "--ask", "few"},
-                                              std::map<std::string, std::string>{}));
-        }
-        EXPECT_TRUE(waitUntil([&] {
-            return std::all_of(clients.begin(), clients.end(),
-                               [](auto& one) { return !one->out().lines().empty(); });
-        }));
-        // Those that were not taken have ended.
-        clients.erase(std::remove_if(
-                              clients.begin(), clients.end(),
-                              [](auto& one) { return one->out().lines().back().text != "served"; }),
-                      clients.end());
-        return clients.size();
-    };
-    const size_t taken = start(40);
-    EXPECT_THAT(taken, testing::AllOf(testing::Ge(15u), testing::Le(30u)));
-    // All at once, for they share the connections that are left.
-    for (int round = 2; round < 5; ++round) {
-        for (auto& client : clients) client->write("\n");
-        EXPECT_TRUE(waitUntil([&] {
-            return std::all_of(clients.begin(), clients.end(), [&](auto& one) {
-                return one->out().lines().size() == static_cast<size_t>(round);
-            });
-        }));
-    }
-    for (auto& client : clients) EXPECT_EQ("served", client->out().lines().back().text);
-    // Others come when some have gone.
-    clients.resize(taken / 2);
-    EXPECT_EQ(taken, start(taken - taken / 2));
 }
 
 TEST_F(HostTest, AnIdleClientCostsTwoDescriptorsAndNoThread) {
