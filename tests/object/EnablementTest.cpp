@@ -42,6 +42,19 @@ TEST_F(EnablementTest, JoinersMergeAndTakeABarrier) {
                      "I AR_impl: enableActivityEventExtend end, pid[70]"}));
 }
 
+TEST_F(EnablementTest, ABarrierHoldsFromItsMomentOn) {
+    add<ActClient1>(70, "c");
+    enable(70, 1, 1, 0);
+    module.current = {Context(1, 1, 100)};
+    // Its joiner's thread delivers before the barrier is taken, and after.
+    module.inside = [this] { plain({{1, 1, 5, 0, {}}}); };
+    enable(71, 1, 1, 0);
+    EXPECT_EQ(TakeJournal().size(), 2u);
+    As joiner(71);
+    plain({{1, 1, 99, 0, {}}, {1, 1, 100, 0, {}}});
+    EXPECT_EQ(TakeJournal(), Lines{"c plain (1,1,100,0)"});
+}
+
 TEST_F(EnablementTest, WhatRemainsDecidesTheReEnable) {
     const OtherParams late = Params({1, 0, 0, 0}, "late");
     const struct {

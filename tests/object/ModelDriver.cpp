@@ -626,14 +626,16 @@ class ModelDriver : Objects, public ar_model::World {
                                                    : batch(caller);
         // From inside its callback a client calls; from inside others the module reports, too.
         const Step fromClient = rarely(3) ? clientCall(anyCaller()) : nullptr;
-        const Step fromOthers = below(3)   ? nullptr
-                                : below(2) ? batch(anyCaller())
-                                           : clientCall(anyCaller());
+        const bool reports = below(2);
+        const Step fromOthers = below(3)  ? nullptr
+                                : reports ? batch(below(2) ? caller : anyCaller())
+                                          : clientCall(anyCaller());
         for (const bool now : {false, true}) {
             onModel = now;
             nested[0] = caller ? fromOthers : nullptr;
             nested[1] = caller ? fromClient : nullptr;
             step();
+            if (fromOthers && reports) fromOthers();  // where it led before may have changed
         }
     }
 
