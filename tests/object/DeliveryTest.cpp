@@ -34,13 +34,13 @@ TEST_F(DeliveryTest, ABarrierHoldsFromItsMomentOn) {
     add<ActClient1>(70, "c");
     enable(70, 1, 1, 0);
     module.current = {Context(1, 1, 100)};
-    // Its joiner's thread delivers before the barrier is taken, and after.
-    module.inside = [this] { plain({Plain(1, 1, 5)}); };
-    enable(71, 1, 1, 0);
-    EXPECT_EQ(TakeJournal().size(), 2u);
-    As joiner(71);
-    plain({Plain(1, 1, 99), Plain(1, 1, 100)});
-    EXPECT_EQ(TakeJournal(), Lines{"c plain (1,1,100,0)"});
+    // In the middle of a batch: one more record comes just before the barrier is taken.
+    bool joined = false;
+    module.inside = [] { Act::route(Plain(1, 1, 5), 71); };
+    Act::deliver({Plain(1, 1, 4), Plain(1, 1, 99), Plain(1, 1, 100)}, 71, [&] {
+        if (!std::exchange(joined, true)) enable(71, 1, 1, 0);
+    });
+    EXPECT_EQ(TakeJournal(), Lines{"c plain (1,1,4,0) (1,1,5,0) (1,1,5,0) (1,1,100,0)"});
 }
 
 }}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
