@@ -54,13 +54,17 @@ struct ActivityInterfaceTestPeer {
     static auto& barriers() NO_THREAD_SAFETY_ANALYSIS { return I::firstReport; }
     static auto& lastEvents() NO_THREAD_SAFETY_ANALYSIS { return I::mLastActivityEvent.mRecords; }
     static auto& reported() NO_THREAD_SAFETY_ANALYSIS { return I::packageNames; }
+    // Of a batch that is being delivered.
+    static void route(const activity_event& event, int32_t pid) NO_THREAD_SAFETY_ANALYSIS {
+        I::PackageNamePush(&event, 1, pid, I::sBatch);
+    }
     // What a batch does between its log lines, with between() after each record.
     template <typename Between>
     static void deliver(const std::vector<activity_event>& events, int32_t pid,
                         const Between& between) NO_THREAD_SAFETY_ANALYSIS {
         ::android::Mutex::Autolock lock(I::mListMutex);
         for (const activity_event& event : events) {
-            I::PackageNamePush(&event, 1, pid, I::sBatch);
+            route(event, pid);
             if (event.event_type != 0) between();
         }
         I::ActivitiesReport(I::sBatch);

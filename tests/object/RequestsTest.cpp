@@ -1,5 +1,4 @@
-// Rules, lookups and removals on the request tables; records and conversions byte for byte.
-#include <math.h>
+// Lookups and removals on the request tables; records and conversions byte for byte.
 #include <string.h>
 
 #include <memory>
@@ -14,32 +13,6 @@ EnableRequestTable Table(const std::vector<EnableRequestData>& requests) {
     EnableRequestTable table;
     for (const EnableRequestData& request : requests) table.push_back(request);
     return table;
-}
-
-TEST(Rules, LatenciesAreWholeSeconds) {
-    const struct {
-        int64_t asked, rounded;
-    } cases[] = {
-            {0, 1000000000},          {999999999, 1000000000},  {1000000000, 1000000000},
-            {1999999999, 1000000000}, {2500000000, 2000000000}, {-1, -709551616},
-    };
-    for (const auto& c : cases) EXPECT_EQ(int64_t(I::RoundNumbers(c.asked)), c.rounded) << c.asked;
-}
-
-TEST(Rules, NoWakePattern) {
-    const struct {
-        OtherParams params;
-        bool noWake;
-    } cases[] = {
-            {Params({1, 0, 0, 0}, "any"), true}, {Params({1, -0.0, 0, 0}), true},
-            {Params({1, 0, 0, 0.5}), false},     {Params({0, 0, 0, 0}), false},
-            {Params({NAN, 0, 0, 0}), false},     {Params({1, NAN, 0, 0}), false},
-            {Params({1, 0, 2, 0}), false},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(I::IsNoWake(c.params), c.noWake) << toString(c.params);
-        EXPECT_EQ(I::IsRequestWake({1, 1, 1, 0, ToNativeParams(c.params)}), c.noWake);
-    }
 }
 
 TEST(Lookups, OfRequestsTakeTheFirstMatch) {
