@@ -318,17 +318,6 @@ TEST_F(HostTest, TellsEveryLinkedRecipientOnceOfADeath) {
     EXPECT_TRUE(unlinked->cookies.get().empty());
 }
 
-TEST_F(HostTest, ACallThatIsUnderWayFailsWhenTheOtherSideDies) {
-    sp<Listener> listener = new Listener([&](int32_t) {
-        mService->signal(SIGKILL);
-        mService->waitExit();
-        return 0;
-    });
-    auto result = mPeer->callBack(listener, 1);
-    EXPECT_FALSE(result.isOk());
-    EXPECT_TRUE(result.isDeadObject());
-}
-
 TEST_F(HostTest, ALocalObjectTakesALinkAndNeverDies) {
     sp<IListener> local = new Listener;
     sp<Recipient> recipient = new Recipient;
@@ -383,18 +372,6 @@ TEST_F(HostTest, ANameIsServedByOneLiveProcess) {
                                                      "hidl.hosttest@1.0::IPeer/odd/name.%1"));
     // An object of one process is not handed on to another: the caller is told.
     EXPECT_FALSE(IPeer::tryGetService("odd/name.%1")->keep(mPeer->make()).isOk());
-}
-
-TEST_F(HostTest, AServiceStartsOverWhatItsPredecessorLeft) {
-    EXPECT_EQ(-1, serverOf("absent"));
-    const std::string socket = socketName();
-    mService->signal(SIGKILL);
-    mService->waitExit();
-    EXPECT_EQ(-1, serverOf("default"));
-    mService = startService();
-    EXPECT_NE(socket, socketName());
-    EXPECT_EQ(mService->pid(), serverOf("default"));
-    EXPECT_FALSE(std::filesystem::exists(pathOf(socket)));
 }
 
 TEST_F(HostTest, GetServiceWaitsForOneToCome) {

@@ -114,26 +114,19 @@ TEST_F(SimulatorTest, ReportsOnlyWhatIsEnabled) {
 }
 
 TEST_F(SimulatorTest, LoopsAndRunsFaster) {
-    // By directives, and by the environment, which wins; a plain loop adds a second.
-    const std::string records = "5 activity still 1 times=2 every=10\n";
-    for (const bool byDirectives : {true, false}) {
-        setScenario((byDirectives ? "speed 2000\nloop 22\n" : "speed 0.001\n") + records);
-        if (!byDirectives) {
-            set("SPEED", "2000");
-            set("LOOP", "1");
-        }
-        start();
-        activity->enable_activity_event(0, 1, 0);
-        std::vector<int64_t> times;
-        while (times.size() < 10) {
-            for (const ar_context_event& event : next().events) times.push_back(event.timestamp);
-        }
-        std::set<int64_t> distances;
-        for (size_t i = 1; i < times.size(); ++i) distances.insert(times[i] - times[i - 1]);
-        const int64_t betweenRounds = byDirectives ? 12 * kSecond : 6 * kSecond;
-        EXPECT_THAT(distances, UnorderedElementsAre(10 * kSecond, betweenRounds));
-        ASSERT_EQ(0, close());
+    // The environment wins; a plain loop adds a second.
+    setScenario("speed 0.001\n5 activity still 1 times=2 every=10\n");
+    set("SPEED", "2000");
+    set("LOOP", "1");
+    start();
+    activity->enable_activity_event(0, 1, 0);
+    std::vector<int64_t> times;
+    while (times.size() < 10) {
+        for (const ar_context_event& event : next().events) times.push_back(event.timestamp);
     }
+    std::set<int64_t> distances;
+    for (size_t i = 1; i < times.size(); ++i) distances.insert(times[i] - times[i - 1]);
+    EXPECT_THAT(distances, UnorderedElementsAre(10 * kSecond, 6 * kSecond));
 }
 
 TEST_F(SimulatorTest, AnswersWhileItIsBehind) {
@@ -150,24 +143,6 @@ TEST_F(SimulatorTest, AnswersWhileItIsBehind) {
     while ((count = activity->get_current_activity(&events)) == 0) std::this_thread::yield();
     EXPECT_EQ(1, count) << "the last record is far away";
     EXPECT_EQ(1u, next().events[0].activity);
-}
-
-TEST_F(SimulatorTest, WaitsForItsNames) {
-    setScenario(
-            "loop\nwait one\n0.01 activity still 1 extra=1\nwait two\n"
-            "0.01 activity still 1 extra=2\n");
-    set("LOOP", "0");
-    start();
-    activity->enable_activity_event(0, 1, 0);
-    const int64_t beforeNs = systemTime(SYSTEM_TIME_MONOTONIC);
-    say("two");
-    say("three\n  one ");
-    const Batch first = next();
-    EXPECT_EQ(1u, first.events[0].extra);
-    // Time stood still until then.
-    EXPECT_GE(first.events[0].timestamp, beforeNs + 10 * kMs);
-    // The name that came early was kept.
-    EXPECT_EQ(2u, (first.events.size() > 1 ? first : next()).events.back().extra);
 }
 
 TEST_F(SimulatorTest, KeepsTheFiveNewestActivitiesCurrent) {
