@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # All that a product needs for the service. In its device.mk:
 #
 #     $(call inherit-product, hardware/zaltho/interfaces/activity_recognition/activity_recognition.mk)

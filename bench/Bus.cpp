@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // D-Bus, by systemd's library: between two processes, and through a broker.
 #include <fcntl.h>
 #include <sys/socket.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // HIDL over the host runtime: clients of the service, and a server that does no more than to call.
 #include <errno.h>
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Preloaded into a process whose log is to be off: nothing below a fatal line is formatted.
 #include <android/log.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The native module of the process benchmark: accepts everything, and sends a full batch whenever
 // the service's standard input tells it to. The service's standard output has the times.
 #include <zaltho/activity_recognition_native.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the process benchmark's servers and clients share: the batch, how a server takes its orders,
 // and how its clients come to be.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The plain ways between two processes, which the others are measured against.
 #include <linux/futex.h>
 #include <sys/mman.h>

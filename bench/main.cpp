@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A server of the process benchmark with its clients; scripts/bench says which, see Peers.h.
 #include <cstdio>
 #include <cstdlib>

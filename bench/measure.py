@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Runs the benchmark's programs: servers with their clients, the in-process benchmark, and both under
 tools that count. Times are in microseconds."""
 import concurrent.futures

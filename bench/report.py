@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the figures say: the table of goals, docs/performance.md, its chart, the instruction budget."""
 import dataclasses
 import json

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Android's base libraries as Debian packages them: android::log, android::utils, android::cutils, and
 # ANDROID_INCLUDE_DIR and ANDROID_LIBRARY_DIR. Used by the build and by the installed package.
 

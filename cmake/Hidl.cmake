@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 find_program(HIDL_GEN hidl-gen REQUIRED)
 
 # hidl_interface(<target> FQNAME <package@version> ROOTS <prefix:path>... [DEPENDS <target>...])

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What `cmake --install` and the Debian package put in place. Everything finds the rest by its own
 # place, so a prefix can be moved.
 #

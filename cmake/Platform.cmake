@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What every target shares: language, warnings, sanitizers, output folders, and the platform's base
 # libraries as Debian packages them.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Debian's cross compiler against the arm64 packages that scripts/arm64 unpacks below build/arm64.
 
 set(CMAKE_SYSTEM_NAME Linux)

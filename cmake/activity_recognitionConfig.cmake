@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # find_package(activity_recognition): activity_recognition::client for clients, and
 # activity_recognition::native for native modules.
 include(${CMAKE_CURRENT_LIST_DIR}/AndroidLibraries.cmake)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library and the model of its rules, driven by programs that the input stands for.
 #include <stdio.h>
 #include <stdlib.h>

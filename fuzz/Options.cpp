@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the sanitizers are told, so that a finding's input is all it takes to repeat it. The
 // interface compiler defines each enum's list of values in a header, which under clang is a
 // definition per file.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a fuzz target on files, and on all those in folders, as any compiler builds it.
 #include <stdint.h>
 #include <stdio.h>

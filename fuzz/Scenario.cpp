@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Any text as a scenario: refused for the line and the reason that is named, or accepted within the
 // documented bounds and played. The player runs on a clock of ours, so that nothing is waited for.
 #define LOG_TAG "fuzz_scenario"

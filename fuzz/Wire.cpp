@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bytes on the wire to live sessions of the host runtime, over real sockets: as a client that talks
 // to a service, and as a service that a client has dialled. Whatever comes, a session is lost with
 // a word only, every link is told of it, others are served, and nothing is left over.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Lists of single faults, and copies of the sources in which they are planted one at a time.
 
     [name] File.cpp

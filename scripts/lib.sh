@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What the scripts share. To be sourced, from the top folder of the repository.
 
 build_packages=(g++ cmake ninja-build hidl-gen android-libutils-dev android-liblog-dev

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A remote object, as this process knows it: one per object for as long as anybody holds it.
 #pragma once
 

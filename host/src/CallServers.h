@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads that serve the connections on which other processes call: one for each that is in use.
 // A connection on which nobody calls any more is let go, with its thread; the caller makes another
 // when it needs one. One thread is made at the start and stays: where there can be no others, it

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The descriptors of a process that serves: how many connections it can hold, and one in reserve,
 // so that whoever comes when there are none is told so.
 #pragma once

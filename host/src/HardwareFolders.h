@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where things are that a device has in /vendor/lib64/hw: implementation libraries, native modules.
 #pragma once
 

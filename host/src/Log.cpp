@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where log lines go on the host: stderr, as liblog writes them. A device's log never holds up or
 // ends who writes to it, so neither does this one, whoever reads it.
 #include <android/log.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // This process as others see it: its listening socket, its sessions, and the control thread that
 // accepts connections and sees other processes die.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where services are found: a folder, with a socket for each process that serves and a symbolic
 // link to it for each "interface/instance" that it serves. No daemon; what a dead process left
 // behind is told from what lives by connecting to it. Changes are made under a lock on the folder,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Everything between this process and one other: the connections, which objects each side has from
 // the other, and what happens when the other side is gone.
 //

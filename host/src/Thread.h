@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads of the runtime. Where none can be made, one piece of work is refused and the process goes
 // on.
 #pragma once

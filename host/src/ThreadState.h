@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the transport sets while it serves: the caller, and a place in the pool.
 #pragma once
 

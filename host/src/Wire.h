@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Messages between two processes, over one SOCK_SEQPACKET Unix socket.
 //
 // A message is a header, references to objects, and a parcel's bytes. It leaves in packets of at

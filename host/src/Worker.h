@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs tasks in order on a thread of its own, started by the first task.
 #pragma once
 

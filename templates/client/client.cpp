@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A client to start from: asks for one pair and prints its events, whatever becomes of the service.
 //
 //   activity_client ACTIVITY EVENT_TYPE

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A native module to start from: two activities, no environments, a timer in place of sensors. It
 // reports at once, which keeps every latency; holding records back would save wake-ups.
 #include <errno.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host runtime through generated code, between real processes: this program starts itself again
 // as the service.
 #include <fcntl.h>

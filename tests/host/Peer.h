@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The other side of the host runtime's tests: what the child process serves.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An implementation library, as the passthrough loader looks for it.
 #include <cstring>
 

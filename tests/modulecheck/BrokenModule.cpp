@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A module that keeps all rules but the one that the environment variable BREAK names.
 
 #include <errno.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // modulecheck against modules that break one rule each, and against sound ones.
 
 #include <signal.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What programs of the model driver seldom meet: a barrier that is taken between two records.
 #include "Harness.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the object tests stand on: a scripted native module, scripted clients, the captured log,
 // pretended callers, failing allocations, and a way into the working objects' tables.
 #pragma once

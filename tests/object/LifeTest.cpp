@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Death and the life of the objects. Registration is compared with the model, see ModelTest.
 #include <android/log.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Programs for the library and the model of its rules, side by side. After every step all that
 // shows is the same: log, native calls, what clients got, results, tables.
 #pragma once

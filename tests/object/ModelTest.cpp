@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Random programs for the library and the model of its rules.
 #include <algorithm>
 #include <random>

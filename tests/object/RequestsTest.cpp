@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lookups and removals on the request tables; records and conversions byte for byte.
 #include <string.h>
 

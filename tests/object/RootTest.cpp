@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The factory and the root object.
 #include "Harness.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Everything at once, for the thread sanitizer; and that nobody ends up in another's way.
 #include <atomic>
 #include <thread>

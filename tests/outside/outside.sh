@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs a build, moves it, and uses it as somebody does who has never seen the tree: builds both
 # templates against it, checks the module, and runs service and client from there.
 #

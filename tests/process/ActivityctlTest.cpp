@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // activityctl from its command line to what it prints and how it ends. What it prints of events in
 // either version is compared with the model in the demo.
 #include "ProcessTest.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Everything that cannot work: a clear line, a status of its own, and nobody else disturbed.
 #include "ProcessTest.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The suite that integrators run on a device, against the service and the simulator.
 #include "ProcessTest.h"
 

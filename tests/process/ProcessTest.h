@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of real processes share. Helpers throw past their deadlines, which fails the test
 // with the output of whoever was waited for. What a story of many clients shows stands in the demo,
 // which is a test of its own.

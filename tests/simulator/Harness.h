@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulator as the service meets it: a library that is loaded, opened and called by its tables.
 #pragma once
 

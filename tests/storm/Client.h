@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a client of the storm does with its life.
 #pragma once
 

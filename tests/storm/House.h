@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A service process, its module and its clients, watched closely: the service's log and the
 // module's trace say what each client is owed, and survivors tell what they got.
 //

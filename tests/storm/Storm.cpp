@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Clients that are killed by the hundred, stopped, refused and left without a service, as real
 // processes against the real service: what is left is what the rules keep, and nobody who lives
 // misses anything. scripts/storm and scripts/soak run it.
@@ -425,7 +426,11 @@ int main(int argc, char** argv) {
     app.add_option("--seed", seed, "of the random moments");
     app.add_option("--soak", minutes, "all of it at a low rate, for so many minutes");
     app.add_flag("--measure", measure, "how long cleanup, knowing and finding take");
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : 2;
+    }
 
     std::string logs = std::filesystem::temp_directory_path() / "ar-storm-XXXXXX";
     if (mkdtemp(logs.data()) == nullptr) return 2;

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Holds what a device tree relies on and no compiler here would notice.
 
     check_tree.py BUILD CHECK...     one line per finding; exit status 1 if there is any
@@ -303,7 +304,7 @@ def check_log(_):
 def check_licence(_):
     """Every source says under which licence it stands."""
     for path in sorted(p for p in TREE.rglob("*") if p.is_file()):
-        if path.relative_to(TREE).parts[0] in ("build", ".git"):
+        if path.relative_to(TREE).parts[0] == "build" or path.relative_to(TREE).parts[0][0] == ".":
             continue
         head = path.read_text(errors="replace").split("\n", 3)[:3]
         if (path.suffix in (".cpp", ".h", ".hal", ".py", ".sh", ".cmake", ".bp")
@@ -315,7 +316,9 @@ def check_licence(_):
 def check_lifecycle(_):
     """Every row of the contract names tests that exist."""
     page = TREE / "docs/lifecycle.md"
-    known = {"storm", "fuzz.library", "fuzz.module"}
+    built = "".join(list_.read_text() for list_ in [*(TREE / "tests").rglob("CMakeLists.txt"), TREE / "fuzz/CMakeLists.txt"])
+    known = set(re.findall(r"add_test\(NAME (?:process\.)?([\w.]+)", built))
+    known |= {f"fuzz.{target}" for target in re.findall(r"^fuzz_target\((\w+)", built, re.M)}
     for source in [*(TREE / "tests").rglob("*Test.cpp"), *DEFAULT.parent.rglob("*Test.cpp")]:
         known |= {".".join(name) for name in
                   re.findall(r"^(?:TYPED_)?TEST(?:_[FP])?\((\w+),\s*(\w+)\)", source.read_text(), re.M)}

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cost of the activity side in this process: the implementation library as it is installed, without
 // transport, between a native module that does nothing and clients that count.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The activity side: shares the native module's activity table among any number of clients.
 //
 // Sources: ActivityInterface (class-wide state, life, queries, flush), ActivityClients

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The root object: owns the native device and hands out the two working objects.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who is calling; registration, death and broadcast for the client table of one interface version
 // of one side. Versions and sides differ in the arguments only.
 #pragma once

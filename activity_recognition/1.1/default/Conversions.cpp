@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "Conversions.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records on their way between the native module and clients, in both directions.
 //
 // Lists of client records are made padding included: they go to other processes byte for byte, and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The standing requests of all clients, and what enabling, disabling, merging, dying and delivering
 // need to know of them.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The environment side: passes clients' control calls straight to the native module and sends
 // every event to every client. It keeps no record of who asked for what: one client's disable is
 // the module's, whatever other clients still want.

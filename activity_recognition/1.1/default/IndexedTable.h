@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A table in insertion order that is also found by key.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The event type that was routed last to each client for each activity.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The log texts of what both versions and both sides do alike but tell in words of their own. A
 // text stands whole where its row is made, so that a line from a device's log is found by one
 // search.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Queries that a client's call answers from the native module: name lists and current states. Both
 // sides and versions answer alike.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rules on requests: what is valid, how latencies are rounded and merged, how the tables are
 // searched and thinned. Functions of their arguments alone; callers hold the tables' locks, but
 // that of last events, which locks itself.

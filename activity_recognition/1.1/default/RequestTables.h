@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the activity side keeps about requests, native enables, barriers and routed events.
 // All records are plain values, copied freely; none owns anything.
 #pragma once

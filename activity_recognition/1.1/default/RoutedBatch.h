@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A batch of plain events between routing and report: which event goes to which processes, and each
 // process's share as client records.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Serves the implementation library to other processes under the instance name "default".
 #define LOG_TAG "AR_service"
 

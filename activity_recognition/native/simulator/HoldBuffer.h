@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Enabled pairs and the records that are held back for them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module record, its device and the two tables.
 
 #include <errno.h>

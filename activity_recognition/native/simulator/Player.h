@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Plays a scenario: says which record comes next and when.
 #pragma once
 

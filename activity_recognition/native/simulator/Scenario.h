@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A scenario file, read into memory. The format is described in docs/scenarios.md.
 #pragma once
 

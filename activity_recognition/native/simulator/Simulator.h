@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine behind the module's tables.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The JSON trace: one object a line for every native call and every batch, as docs/scenarios.md
 // describes it.
 #pragma once

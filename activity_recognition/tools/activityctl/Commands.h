@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sub-commands. Each returns kOk or throws Failure.
 #pragma once
 

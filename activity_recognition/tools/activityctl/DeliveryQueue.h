@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where callbacks leave what they were given. The service calls one client after the other and
 // holds a lock meanwhile, so a callback must return at once: the main thread does the printing.
 #pragma once

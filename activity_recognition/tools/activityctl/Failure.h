@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a command ends when it does not succeed: thrown anywhere below main(), which prints the one
 // line and leaves with the status.
 #pragma once

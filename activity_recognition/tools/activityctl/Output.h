@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Standard output: lines for people, or with --json one object per line. Every object has "t"
 // (CLOCK_MONOTONIC, nanoseconds), "pid" and "what".
 #pragma once

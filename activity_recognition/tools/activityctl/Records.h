@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Events of both interface versions in one form, and that form as text and as JSON.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The service as a client sees it, with what differs between interface versions and between the
 // two sides put behind one class each. Every call throws Failure(kServiceLost) when it fails in
 // transport.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a person writes on the command line: latencies, pairs, parameters. Texts that cannot be
 // meant are usage errors; numbers in range of their type are left for the service to judge.
 #pragma once

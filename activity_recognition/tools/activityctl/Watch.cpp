@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The commands that stay: register, enable, print what comes, disable, leave. One thread waits on
 // everything at once (events, signals, the clock, standard input); the service's threads only fill
 // the queue.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Bash completion for activityctl. Names come from the running service, if there is one.
 
 _activityctl() {

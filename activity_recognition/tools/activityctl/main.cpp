@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // activityctl: the service from a terminal. This file is the command line; see Commands.h for what
 // the sub-commands do and docs/activityctl.md for the guide.
 #include <CLI/CLI.hpp>

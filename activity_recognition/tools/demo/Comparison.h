@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compares what happened with what the model expects. Every difference is one line of text.
 #pragma once
 

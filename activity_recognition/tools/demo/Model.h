@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The model of the rules in the demo's words: clients have names, calls and events are JSON as the
 // module's trace and the clients show them.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The scenario as the demo's model reads it: on purpose not the simulator's own reader, so that a
 // mistake there shows. It knows the columns that scenarios/demo.scn uses and refuses the rest.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The demo's cast and its steps. Every step does the same thing twice: with real processes, and in
 // the model.
 #pragma once

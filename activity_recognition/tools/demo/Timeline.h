@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The readable account: what happened, where and when, in order of time.
 #pragma once
 

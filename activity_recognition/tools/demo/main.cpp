@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The demo: a service process with the simulator, client processes of both interface versions, a
 // timeline of what happens between them, and a comparison with what the model says must happen.
 // Exit status: 0 when reality and model agree, 2 for a wrong command line, 1 otherwise.

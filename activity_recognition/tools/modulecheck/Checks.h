@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a module is put through. Each check runs in a child of its own with the module loaded anew.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One check at work: runs in a child process, so that a crash or a hang is a finding like others.
 #pragma once
 

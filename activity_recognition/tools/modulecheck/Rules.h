@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rules that a module is held to, and what became of them.
 #pragma once
 

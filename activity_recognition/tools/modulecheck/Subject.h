@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The module under check, and the callbacks that it is given.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Checks a native activity-recognition module against what the service asks of it.
 
 #include <stdlib.h>

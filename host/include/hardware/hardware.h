@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The platform's legacy hardware-module convention: records, constants and the loader.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Between HIDL's types and the parcel, and between interfaces and the objects that carry them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The smallest parts of HIDL: tags, the 8-byte pointer, the fatal log.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Wrapping of local objects, so that passthrough calls behave like calls across processes.
 #pragma once
 

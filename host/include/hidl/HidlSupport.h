@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // HIDL's value types. Layouts are those of the wire: a string or vector is 16 bytes, a pointer to
 // the elements first, then their count and who owns them.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What services, clients and generated code call of the transport.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fast message queues are in no interface that the host serves. Generated code asserts the size.
 #pragma once
 

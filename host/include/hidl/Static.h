@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tables that generated code fills and asks: how to make a stub or a wrapper for an interface, and
 // which stub an object has.
 #pragma once

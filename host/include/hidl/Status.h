@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a call across processes ended: transport status, and the value that came back.
 #pragma once
 

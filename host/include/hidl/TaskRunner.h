@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A queue of oneway calls in passthrough mode, run in order by a thread of its own.
 #pragma once
 

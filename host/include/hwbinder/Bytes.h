@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bytes of a parcel or message: grows at its end, leaves what is about to be overwritten as it is,
 // and has room in front for a message's header. A thread keeps the room of the last ones that went,
 // for its next.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An object that can be called across processes, local or remote.
 #pragma once
 

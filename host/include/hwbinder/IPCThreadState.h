@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calling thread as a party to calls: who is being served.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The content of one call or reply: scalars, objects and buffers, in the order of writing.
 //
 // A buffer is written by copy: a header, then its bytes, 8-aligned. A buffer that another one

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The process as a party to calls: its pool of threads that serve incoming ones.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Child processes whose output is read line by line, against deadlines. One thread only: whoever
 // waits for one child reads the output of all of them meanwhile, so that none blocks on its pipe.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What one client can ask for and what it is answered, without any event.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The other end of ClientProcess.
 #include <hidl/HidlTransportSupport.h>
 

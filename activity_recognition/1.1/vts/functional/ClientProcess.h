@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A client of the service in a process of its own: this program, started once more. Killed and
 // reaped by its destructor.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who gets which events. These tests need a module that reports something by itself.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The environment side: nothing is kept per client, the module decides.
 #include <gtest/gtest.h>
 

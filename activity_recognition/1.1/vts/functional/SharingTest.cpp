@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Several processes share one module.
 #include <gtest/gtest.h>
 

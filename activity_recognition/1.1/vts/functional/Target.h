@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The service under test, as the command line names it, and access to it from this process.
 #pragma once
 

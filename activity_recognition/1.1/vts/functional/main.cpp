@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of a running activity recognition service, through its public interface alone.
 //
 //   --instance NAME   the instance to test; "default" otherwise

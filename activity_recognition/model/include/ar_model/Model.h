@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the implementation library must do, written to be read: every operation from top to bottom,
 // over plain vectors that are searched from the front. Shares nothing with the library, so that a
 // mistake in either shows when both are driven alike. Slow, and without locks.

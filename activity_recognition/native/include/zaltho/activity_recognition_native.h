@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The native module ABI: what the service expects of the module below it.
 //
 // A module follows the platform's legacy hardware-module convention: hw_get_module() finds it

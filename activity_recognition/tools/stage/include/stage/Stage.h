@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A service process of its own, with its registry, its simulator and its clients, below a temporary
 // folder that goes with it.
 #pragma once
