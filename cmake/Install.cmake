@@ -67,8 +67,7 @@ install(FILES activity_recognition/tools/activityctl/completion.bash
 # It names the prefix, which is known when it is installed.
 install(CODE "
     configure_file(\"${PROJECT_SOURCE_DIR}/cmake/activity_recognition.service.in\"
-        \"${PROJECT_BINARY_DIR}/activity_recognition.service\" @ONLY)")
-install(FILES ${PROJECT_BINARY_DIR}/activity_recognition.service DESTINATION lib/systemd/user)
+        \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/lib/systemd/user/activity_recognition.service\" @ONLY)")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME activity-recognition)
