@@ -4,7 +4,6 @@
 #include <errno.h>
 
 #include <future>
-#include <set>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -14,7 +13,6 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::UnorderedElementsAre;
 
 // The numbers that the scenarios put into `extra`.
 std::vector<uint32_t> extrasOf(const Batch& batch) {
@@ -112,22 +110,6 @@ TEST_F(SimulatorTest, ReportsOnlyWhatIsEnabled) {
     say("c");
     EXPECT_THAT(extrasOf(next()), ElementsAre(1, 99));
     EXPECT_THAT(extrasOf(next()), ElementsAre(3));
-}
-
-TEST_F(SimulatorTest, LoopsAndRunsFaster) {
-    // The environment wins; a plain loop adds a second.
-    setScenario("speed 0.001\n5 activity still 1 times=2 every=10\n");
-    set("SPEED", "2000");
-    set("LOOP", "1");
-    start();
-    activity->enable_activity_event(0, 1, 0);
-    std::vector<int64_t> times;
-    while (times.size() < 10) {
-        for (const ar_context_event& event : next().events) times.push_back(event.timestamp);
-    }
-    std::set<int64_t> distances;
-    for (size_t i = 1; i < times.size(); ++i) distances.insert(times[i] - times[i - 1]);
-    EXPECT_THAT(distances, UnorderedElementsAre(10 * kSecond, 6 * kSecond));
 }
 
 TEST_F(SimulatorTest, AnswersWhileItIsBehind) {
