@@ -6,7 +6,7 @@
 #   outside.sh BUILD TEMPLATES CXX
 set -euo pipefail
 build=$1 templates=$2
-export CXX=$3
+export CXX=$3 CMAKE_GENERATOR=Ninja
 
 work=$(mktemp -d)
 trap 'kill -9 $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
