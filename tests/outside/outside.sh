@@ -53,6 +53,7 @@ waits_for 1 "activity 1, event type 1" "$work/events"
 "$work/prefix/bin/activityctl" status | grep -q "supported: still, walking"
 before=$(wc -l <"$work/events")
 kill -9 "$service"
+wait "$service" || true # its name is taken until it is gone
 waits_for 1 "the service died" "$work/said"
 start_service
 waits_for 2 "waiting for activity 1" "$work/said"
