@@ -24,6 +24,11 @@ help_or_refuse() {
     exit 0
 }
 
+# check_sanitizer <name>   it names a preset, too
+check_sanitizer() {
+    [[ $1 == address || $1 == thread ]] || refuse "--sanitize takes address or thread, not '$1'"
+}
+
 # take_ctest_arguments [argument]...   into ctest_arguments
 take_ctest_arguments() {
     ctest_arguments=()
