@@ -12,7 +12,9 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 set(HW_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/hw)
 
-add_compile_options(-Wall -Wextra -Werror -fvisibility-inlines-hidden)
+# Without a PLT a call between libraries touches a page less, in each process that comes back to cold
+# caches.
+add_compile_options(-Wall -Wextra -Werror -fvisibility-inlines-hidden -fno-plt)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety>)
 endif()

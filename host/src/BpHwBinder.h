@@ -20,8 +20,9 @@ class BpHwBinder : public IBinder {
   public:
     BpHwBinder(std::shared_ptr<host::Session> session, uint64_t id);
 
-    status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0,
-                      TransactCallback callback = nullptr) override;
+    [[gnu::hot]] status_t transact(uint32_t code, const Parcel& data, Parcel* reply,
+                                   uint32_t flags = 0,
+                                   TransactCallback callback = nullptr) override;
     status_t linkToDeath(const sp<DeathRecipient>& recipient) override;
     status_t unlinkToDeath(const wp<DeathRecipient>& recipient) override;
     BpHwBinder* remoteBinder() override { return this; }

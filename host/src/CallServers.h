@@ -31,9 +31,9 @@ class ServedConnection {
     const ConnectionPtr& connection() const { return mConnection; }
 
     // By its thread: waits from now on.
-    void rest();
+    [[gnu::hot]] void rest();
     // By its thread, when a call has come: false when the connection is let go.
-    bool wake();
+    [[gnu::hot]] bool wake();
     // By any thread: takes the connection from its waiting thread, which is woken. False when it is
     // in a call, or let go already.
     bool letGo();

@@ -29,18 +29,6 @@ size_t roundUp(size_t size) {
 
 }  // namespace
 
-status_t Parcel::append(const void* bytes, size_t length) {
-    mData.append(bytes, length);
-    return OK;
-}
-
-status_t Parcel::extract(void* bytes, size_t length) const {
-    if (length > mData.size() - mPosition) return NOT_ENOUGH_DATA;
-    memcpy(bytes, mData.data() + mPosition, length);
-    mPosition += length;
-    return OK;
-}
-
 void Parcel::align() {
     const size_t gap = roundUp(mData.size()) - mData.size();
     if (gap > 0) memset(mData.extend(gap), 0, gap);

@@ -81,7 +81,7 @@ class Session::Patience {
     using Clock = std::chrono::steady_clock;
 
     // Whether to try to make a connection now; once it has failed, after a pause.
-    bool tries() {
+    [[gnu::cold]] bool tries() {
         const auto now = Clock::now();
         if (now < mNextTry || now >= deadline()) return false;
         mNextTry = now + mPause;
@@ -89,14 +89,14 @@ class Session::Patience {
         return true;
     }
     // False when there is none left; else waits for a change, but not for long.
-    bool wait(std::condition_variable_any& freed, Mutex& mutex) {
+    [[gnu::cold]] bool wait(std::condition_variable_any& freed, Mutex& mutex) {
         const auto now = Clock::now();
         if (now >= deadline()) return false;
         const auto soon = now + std::chrono::milliseconds(320);
         freed.wait_until(mutex, mNextTry > now ? std::min(mNextTry, soon) : soon);
         return true;
     }
-    std::chrono::milliseconds left() {
+    [[gnu::cold]] std::chrono::milliseconds left() {
         const auto left = deadline() - Clock::now();
         return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(left),
                         std::chrono::milliseconds(1));
@@ -141,7 +141,7 @@ class Session::Loan {
     Received receive(Message* message) {
         return mLimited ? mConnection->receiveInTime(message) : mConnection->receive(message);
     }
-    status_t broken(status_t status) {
+    [[gnu::cold]] status_t broken(status_t status) {
         mBroken = true;
         mConnection->shutdown();
         return status;
@@ -491,7 +491,9 @@ bool Session::answer(const ConnectionPtr& connection, const Parcel& reply, statu
     MessageHeader header = Message::of(MessageType::kReply).header;
     std::vector<ObjectRef> refs;
     if (status == OK) status = encode(reply, &refs);
-    if (status == OK) status = awaitAcknowledgement(reply, refs, &header.target);
+    if (status == OK && !refs.empty()) {
+        status = awaitAcknowledgement(reply, refs, &header.target);
+    }
     header.status = status;
     const Bytes nothing;
     const Bytes& bytes = status == OK ? reply.bytes() : nothing;
@@ -540,7 +542,10 @@ status_t Session::encode(const Parcel& parcel, std::vector<ObjectRef>* refs) {
               kMaxTransactionSize);
         return FAILED_TRANSACTION;
     }
-    if (parcel.objects().empty()) return OK;
+    return parcel.objects().empty() ? static_cast<status_t>(OK) : encodeObjects(parcel, refs);
+}
+
+status_t Session::encodeObjects(const Parcel& parcel, std::vector<ObjectRef>* refs) {
     Mutex::Autolock lock(mMutex);
     if (mEnded) return DEAD_OBJECT;
     for (const sp<IBinder>& binder : parcel.objects()) {

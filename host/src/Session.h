@@ -7,6 +7,10 @@
 // which its pool waits for the other's calls: one, and one more whenever a call of the other side
 // finds none free. A call is written to a connection of which the caller is the only user, and the
 // same thread reads the reply from it; calls that come back meanwhile are served right there.
+//
+// [[gnu::hot]] is what every call goes through. It lies together in the library, and [[gnu::cold]]
+// away from it: a process that is called now and then starts each time with few pages of code to
+// find, which between many clients is a good part of what a call takes.
 #pragma once
 
 #include <stdint.h>
@@ -57,8 +61,8 @@ class Session : public std::enable_shared_from_this<Session> {
     // FAILED_TRANSACTION when the call does not fit, or no connection for it can be had within
     // kPeerLimit; DEAD_OBJECT when the other process is gone; TIMED_OUT when there is no answer
     // within `limit`, unless that is 0; else what the other side answered.
-    status_t call(uint64_t target, uint32_t code, const Parcel& data, Parcel* reply,
-                  std::chrono::milliseconds limit = {});
+    [[gnu::hot]] status_t call(uint64_t target, uint32_t code, const Parcel& data, Parcel* reply,
+                               std::chrono::milliseconds limit = {});
     // As above, but comes back at once; FAILED_TRANSACTION also when the other side does not keep
     // up.
     status_t callOneway(uint64_t target, uint32_t code, const Parcel& data);
@@ -78,7 +82,7 @@ class Session : public std::enable_shared_from_this<Session> {
     void awaitServing(std::chrono::steady_clock::time_point deadline) EXCLUDES(mMutex);
 
     // The body of a thread that serves what the other side calls.
-    void serveCalls(ServedConnection* served);
+    [[gnu::hot]] void serveCalls(ServedConnection* served);
 
     // On the control thread: takes what has arrived and sends what found the socket full. False
     // when the session must end.
@@ -116,46 +120,48 @@ class Session : public std::enable_shared_from_this<Session> {
     static constexpr size_t kMaxUnacknowledged = 1024;
 
     // NULL when there is none within the caller's patience, or the session has ended.
-    ConnectionPtr borrow(Patience* patience) EXCLUDES(mMutex);
+    [[gnu::hot]] ConnectionPtr borrow(Patience* patience) EXCLUDES(mMutex);
     // One that nobody uses, or NULL: then `dial` says whether to make one.
-    ConnectionPtr takeIdle(Patience* patience, bool* dial) EXCLUDES(mMutex);
-    void giveBack(ConnectionPtr connection) EXCLUDES(mMutex);
+    [[gnu::hot]] ConnectionPtr takeIdle(Patience* patience, bool* dial) EXCLUDES(mMutex);
+    [[gnu::hot]] void giveBack(ConnectionPtr connection) EXCLUDES(mMutex);
     // It is of no use any more.
-    void drop() EXCLUDES(mMutex);
+    [[gnu::cold]] void drop() EXCLUDES(mMutex);
     // Those that nobody uses have probably been let go too.
-    void dropIdle() EXCLUDES(mMutex);
+    [[gnu::cold]] void dropIdle() EXCLUDES(mMutex);
     // False when the session has ended.
     bool remember(const ConnectionPtr& connection) EXCLUDES(mMutex);
     ConnectionPtr control() EXCLUDES(mMutex);
     // Why there was no connection for a call.
-    status_t goneStatus() EXCLUDES(mMutex);
+    [[gnu::cold]] status_t goneStatus() EXCLUDES(mMutex);
     // The answer to a call that was sent. False when it was not taken, and may be sent elsewhere.
-    bool awaitReply(Loan* loan, Parcel* reply, status_t* status);
+    [[gnu::hot]] bool awaitReply(Loan* loan, Parcel* reply, status_t* status);
     // The body of a thread that serves on a connection which it dials.
-    void serveOffered();
+    [[gnu::hot]] void serveOffered();
 
     // Serves a call that has come; unless it says OK, the connection must end.
-    status_t serveMessage(const ConnectionPtr& connection, Message* message);
+    [[gnu::hot]] status_t serveMessage(const ConnectionPtr& connection, Message* message);
     // Does what a call asks for. False when it is not valid.
-    bool execute(const ConnectionPtr& connection, Message* message, Parcel* reply,
-                 status_t* status);
+    [[gnu::hot]] bool execute(const ConnectionPtr& connection, Message* message, Parcel* reply,
+                              status_t* status);
     // False when the reply cannot be sent.
-    bool answer(const ConnectionPtr& connection, const Parcel& reply, status_t status);
+    [[gnu::hot]] bool answer(const ConnectionPtr& connection, const Parcel& reply, status_t status);
     // A reply that takes this room has not been read for kPeerLimit: whether to go on waiting.
     // counted: whether it stands in mUnreadRoom.
     bool waitsForReader(size_t room, bool* counted) EXCLUDES(mMutex);
     // The object that the other side has under this number, or NULL.
-    sp<IBinder> exported(uint64_t id) EXCLUDES(mMutex);
+    [[gnu::hot]] sp<IBinder> exported(uint64_t id) EXCLUDES(mMutex);
 
     // References for the wire; each object of ours counts as sent. FAILED_TRANSACTION when the
     // parcel is too large, INVALID_OPERATION for an object of a third process.
-    status_t encode(const Parcel& parcel, std::vector<ObjectRef>* refs) EXCLUDES(mMutex);
+    [[gnu::hot]] status_t encode(const Parcel& parcel, std::vector<ObjectRef>* refs)
+            EXCLUDES(mMutex);
+    status_t encodeObjects(const Parcel& parcel, std::vector<ObjectRef>* refs) EXCLUDES(mMutex);
     void undoEncode(const std::vector<ObjectRef>& refs) EXCLUDES(mMutex);
     void undoEncodeLocked(const std::vector<ObjectRef>& refs) REQUIRES(mMutex);
     bool takeBackLocked(uint64_t id, uint64_t amount, sp<IBinder>* last) REQUIRES(mMutex);
     // BAD_VALUE when it refers to an object that the sender does not have; NO_MEMORY when this side
     // has too many of its objects: what finds no place is given back.
-    status_t decode(Message* message, Parcel* parcel);
+    [[gnu::hot]] status_t decode(Message* message, Parcel* parcel);
     sp<IBinder> proxyFor(uint64_t id) EXCLUDES(mMutex);
 
     // ack: what the receiver of this reply must acknowledge. FAILED_TRANSACTION when it

@@ -107,7 +107,7 @@ namespace details {
 
 return_status& return_status::operator=(return_status&& other) noexcept {
     if (this != &other) {
-        onIgnored();
+        if (!mCheckedStatus) assertOk();
         mStatus = std::move(other.mStatus);
         // This is what will be looked at from now on.
         mCheckedStatus = other.mCheckedStatus;
@@ -116,13 +116,8 @@ return_status& return_status::operator=(return_status&& other) noexcept {
     return *this;
 }
 
-void return_status::assertOk() const {
-    if (isOk()) return;
+void return_status::die() const {
     LOG_ALWAYS_FATAL("Failed HIDL return status not checked: %s", description().c_str());
-}
-
-void return_status::onIgnored() const {
-    if (!mCheckedStatus) assertOk();
 }
 
 }  // namespace details

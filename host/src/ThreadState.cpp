@@ -6,12 +6,12 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 
 #include <hidl/HidlTransportSupport.h>
 #include <hwbinder/ProcessState.h>
 #include <log/log.h>
+#include <utils/Condition.h>
 #include <utils/Mutex.h>
 
 #include "Node.h"
@@ -22,6 +22,19 @@ namespace android { namespace hardware {
 namespace {
 
 std::atomic<bool> gShutdown{false};
+
+// Places in the pool, which nearly every call takes and leaves without another look at it.
+std::atomic<size_t> gPlaces{0};  // how many calls the pool may serve at a time; 0 until it starts
+std::atomic<size_t> gBusy{0};
+std::atomic<size_t> gWaiting{0};  // changed under the pool's lock
+
+bool tryEnter() {
+    size_t busy = gBusy;
+    while (busy < gPlaces) {
+        if (gBusy.compare_exchange_weak(busy, busy + 1)) return true;
+    }
+    return false;
+}
 
 // How many threads serve, and may. Calls are served by the threads of their connections; what comes
 // from no connection is run by threads of the pool's own. The first of these is made at the start
@@ -39,49 +52,40 @@ class Pool {
         Mutex::Autolock lock(mMutex);
         if (mStarted) return false;
         mStarted = true;
-        mPlaces = mSize;
-        mChanged.notify_all();
+        gPlaces = mSize;
+        mChanged.broadcast();
         addRunner();
         return true;
     }
     void setSize(size_t size) {
         Mutex::Autolock lock(mMutex);
         mSize = size;
-        if (mStarted) mPlaces = size;
-        mChanged.notify_all();
+        if (mStarted) gPlaces = size;
+        mChanged.broadcast();
     }
-    // 0 until it is started.
-    size_t size() const { return mPlaces; }
 
-    void enter() {
-        if (tryEnter()) return;  // nearly every call, without the lock
+    void waitForPlace() {
         Mutex::Autolock lock(mMutex);
-        ++mWaiting;
+        ++gWaiting;
         while (!tryEnter()) mChanged.wait(mMutex);
-        --mWaiting;
+        --gWaiting;
     }
-    void leave() {
-        --mBusy;
-        if (mWaiting == 0) return;  // who is not counted yet will see the free place
+    void placeIsFree() {
         Mutex::Autolock lock(mMutex);
-        mChanged.notify_one();
+        mChanged.signal();
     }
 
     void post(std::function<void()> task) {
-        Mutex::Autolock lock(mMutex);
-        mTasks.push_back(std::move(task));
-        mPosted.notify_one();
-        if (mStarted && mTasks.size() > mIdleRunners && mRunners < mSize) addRunner();
+        {
+            Mutex::Autolock lock(mMutex);
+            mTasks.push_back(std::move(task));
+            if (mStarted && mTasks.size() > mIdleRunners && mRunners < mSize) addRunner();
+        }
+        // Who is woken would only wait again, for the lock.
+        mPosted.signal();
     }
 
   private:
-    bool tryEnter() {
-        size_t busy = mBusy;
-        while (busy < mPlaces) {
-            if (mBusy.compare_exchange_weak(busy, busy + 1)) return true;
-        }
-        return false;
-    }
     void addRunner() REQUIRES(mMutex) {
         // Without one, those that run do it, or the next task tries again.
         if (host::startThread("hidl-pool", [this] { run(); })) ++mRunners;
@@ -108,14 +112,11 @@ class Pool {
     }
 
     Mutex mMutex;
-    std::condition_variable_any mChanged;
+    Condition mChanged;
     size_t mSize GUARDED_BY(mMutex) = 1;
     bool mStarted GUARDED_BY(mMutex) = false;
-    std::atomic<size_t> mPlaces{0};  // mSize once it is started
-    std::atomic<size_t> mBusy{0};
-    std::atomic<size_t> mWaiting{0};  // changed under the lock
 
-    std::condition_variable_any mPosted;
+    Condition mPosted;
     std::deque<std::function<void()>> mTasks GUARDED_BY(mMutex);
     size_t mRunners GUARDED_BY(mMutex) = 0;
     size_t mIdleRunners GUARDED_BY(mMutex) = 0;
@@ -177,15 +178,17 @@ ScopedCaller::~ScopedCaller() {
 namespace host {
 
 PoolSlot::PoolSlot() {
-    Pool::self().enter();
+    if (!tryEnter()) Pool::self().waitForPlace();
 }
 
 PoolSlot::~PoolSlot() {
-    Pool::self().leave();
+    --gBusy;
+    // Who is not counted yet will see the free place.
+    if (gWaiting > 0) Pool::self().placeIsFree();
 }
 
 size_t startedPoolSize() {
-    return Pool::self().size();
+    return gPlaces;
 }
 
 void runOnPool(std::function<void()> task) {

@@ -14,8 +14,8 @@ namespace android { namespace hardware {
 class ScopedCaller {
   public:
     // pid: 0 in a oneway call.
-    explicit ScopedCaller(pid_t pid);
-    ~ScopedCaller();
+    [[gnu::hot]] explicit ScopedCaller(pid_t pid);
+    [[gnu::hot]] ~ScopedCaller();
     ScopedCaller(const ScopedCaller&) = delete;
     ScopedCaller& operator=(const ScopedCaller&) = delete;
 
@@ -31,8 +31,8 @@ namespace host {
 class PoolSlot {
   public:
     // Waits for a free one.
-    PoolSlot();
-    ~PoolSlot();
+    [[gnu::hot]] PoolSlot();
+    [[gnu::hot]] ~PoolSlot();
     PoolSlot(const PoolSlot&) = delete;
     PoolSlot& operator=(const PoolSlot&) = delete;
 };

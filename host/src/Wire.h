@@ -80,7 +80,7 @@ struct Message {
     std::vector<ObjectRef> objects;
     Bytes data;
 
-    static Message of(MessageType type, uint64_t target = 0);
+    [[gnu::hot]] static Message of(MessageType type, uint64_t target = 0);
     size_t payloadSize() const { return objects.size() * sizeof(ObjectRef) + data.size(); }
     // What it counts for while it waits.
     size_t room() const { return kMessageRoom + payloadSize(); }
@@ -106,8 +106,8 @@ class Connection {
     // Waits for as long as the other side does not read; goOn is asked each time that it has not
     // for what limitSend() says. False when it has hung up or takes nothing any more, so has not
     // taken the message; or when goOn says so.
-    bool send(const MessageHeader& header, const std::vector<ObjectRef>& objects, const Bytes& data,
-              const std::function<bool()>* goOn = nullptr);
+    [[gnu::hot]] bool send(const MessageHeader& header, const std::vector<ObjectRef>& objects,
+                           const Bytes& data, const std::function<bool()>* goOn = nullptr);
     bool send(const Message& message) {
         return send(message.header, message.objects, message.data);
     }
@@ -141,9 +141,9 @@ class Connection {
 
   private:
     enum class Wait { kNever, kLimited, kForever };
-    bool sendWhole(iovec* parts, size_t count, const std::function<bool()>* goOn);
-    Received receive(Message* message, Wait wait);
-    Received invalid(const char* why);
+    [[gnu::hot]] bool sendWhole(iovec* parts, size_t count, const std::function<bool()>* goOn);
+    [[gnu::hot]] Received receive(Message* message, Wait wait);
+    [[gnu::cold]] Received invalid(const char* why);
 
     const base::unique_fd mFd;
     const pid_t mPeer;

@@ -37,8 +37,8 @@ class hidl_binder_death_recipient : public IBinder::DeathRecipient {
     const wp<::android::hidl::base::V1_0::IBase> mBase;
 };
 
-status_t readFromParcel(Status* status, const Parcel& parcel);
-status_t writeToParcel(const Status& status, Parcel* parcel);
+[[gnu::hot]] status_t readFromParcel(Status* status, const Parcel& parcel);
+[[gnu::hot]] status_t writeToParcel(const Status& status, Parcel* parcel);
 
 status_t readEmbeddedFromParcel(const hidl_string& string, const Parcel& parcel,
                                 size_t parentHandle, size_t parentOffset);

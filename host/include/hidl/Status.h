@@ -38,7 +38,7 @@ class Status final {
     Status() = default;
 
     void setException(int32_t exceptionCode, const char* message);
-    void setFromStatusT(status_t status);
+    [[gnu::hot]] void setFromStatusT(status_t status);
 
     int32_t exceptionCode() const { return mException; }
     const char* exceptionMessage() const { return mMessage.c_str(); }
@@ -68,7 +68,9 @@ class return_status {
     return_status(const Status& status) : mStatus(status) {}
     return_status(return_status&& other) noexcept { *this = std::move(other); }
     return_status& operator=(return_status&& other) noexcept;
-    ~return_status() { onIgnored(); }
+    ~return_status() {
+        if (!mCheckedStatus) assertOk();
+    }
 
     bool isOk() const {
         mCheckedStatus = true;
@@ -81,10 +83,12 @@ class return_status {
     }
     std::string description() const { return mStatus.description(); }
     // Ends the process unless the call went well.
-    void assertOk() const;
+    void assertOk() const {
+        if (!isOk()) die();
+    }
 
   private:
-    void onIgnored() const;
+    [[noreturn]] void die() const;
 
     Status mStatus;
     mutable bool mCheckedStatus = false;

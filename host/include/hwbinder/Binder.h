@@ -14,8 +14,8 @@ namespace android { namespace hardware {
 
 class BHwBinder : public IBinder {
   public:
-    status_t transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags = 0,
-                      TransactCallback callback = nullptr) final;
+    [[gnu::hot]] status_t transact(uint32_t code, const Parcel& data, Parcel* reply,
+                                   uint32_t flags = 0, TransactCallback callback = nullptr) final;
     status_t linkToDeath(const sp<DeathRecipient>& recipient) final;
     status_t unlinkToDeath(const wp<DeathRecipient>& recipient) final;
     BHwBinder* localBinder() final { return this; }

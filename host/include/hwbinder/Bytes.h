@@ -54,8 +54,8 @@ class Bytes {
     Bytes copy() const;
 
   private:
-    void grow(size_t capacity);
-    static void release(uint8_t* room, size_t capacity);
+    [[gnu::hot]] void grow(size_t capacity);
+    [[gnu::hot]] static void release(uint8_t* room, size_t capacity);
     void swap(Bytes& other) {
         std::swap(mRoom, other.mRoom);
         std::swap(mSize, other.mSize);

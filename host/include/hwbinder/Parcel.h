@@ -28,8 +28,8 @@ class Parcel {
     Parcel& operator=(const Parcel&) = delete;
 
     // The first thing in every call: the interface that its code belongs to.
-    status_t writeInterfaceToken(const char* interface);
-    bool enforceInterface(const char* interface) const;
+    [[gnu::hot]] status_t writeInterfaceToken(const char* interface);
+    [[gnu::hot]] bool enforceInterface(const char* interface) const;
 
     status_t writeBool(bool value) { return writeScalar<uint32_t>(value); }
     status_t writeInt32(int32_t value) { return writeScalar(value); }
@@ -49,13 +49,13 @@ class Parcel {
     status_t readNullableStrongBinder(sp<IBinder>* binder) const;
 
     // handle: what embedded buffers name as their parent.
-    status_t writeBuffer(const void* bytes, size_t length, size_t* handle);
-    status_t writeEmbeddedBuffer(const void* bytes, size_t length, size_t* handle,
-                                 size_t parentHandle, size_t parentOffset);
+    [[gnu::hot]] status_t writeBuffer(const void* bytes, size_t length, size_t* handle);
+    [[gnu::hot]] status_t writeEmbeddedBuffer(const void* bytes, size_t length, size_t* handle,
+                                              size_t parentHandle, size_t parentOffset);
     // length: what the buffer must have. bytes stay valid and writable as long as the parcel.
-    status_t readBuffer(size_t length, size_t* handle, const void** bytes) const;
-    status_t readEmbeddedBuffer(size_t length, size_t* handle, size_t parentHandle,
-                                size_t parentOffset, const void** bytes) const;
+    [[gnu::hot]] status_t readBuffer(size_t length, size_t* handle, const void** bytes) const;
+    [[gnu::hot]] status_t readEmbeddedBuffer(size_t length, size_t* handle, size_t parentHandle,
+                                             size_t parentOffset, const void** bytes) const;
 
     // Descriptors do not travel on the host: INVALID_OPERATION for any handle but NULL.
     status_t writeNativeHandleNoDup(const native_handle_t* handle);
@@ -65,7 +65,7 @@ class Parcel {
     const Bytes& bytes() const { return mData; }
     const std::vector<sp<IBinder>>& objects() const { return mObjects; }
     // Replaces the content by what arrived and starts reading it.
-    void setReceived(Bytes bytes, std::vector<sp<IBinder>> objects);
+    [[gnu::hot]] void setReceived(Bytes bytes, std::vector<sp<IBinder>> objects);
 
   private:
     template <typename T>
@@ -77,10 +77,18 @@ class Parcel {
         return extract(value, sizeof(*value));
     }
 
-    status_t append(const void* bytes, size_t length);
-    status_t extract(void* bytes, size_t length) const;
-    void align();
-    bool alignForReading() const;
+    status_t append(const void* bytes, size_t length) {
+        mData.append(bytes, length);
+        return OK;
+    }
+    status_t extract(void* bytes, size_t length) const {
+        if (length > mData.size() - mPosition) return NOT_ENOUGH_DATA;
+        memcpy(bytes, mData.data() + mPosition, length);
+        mPosition += length;
+        return OK;
+    }
+    [[gnu::hot]] void align();
+    [[gnu::hot]] bool alignForReading() const;
 
     Bytes mData;
     std::vector<sp<IBinder>> mObjects;
