@@ -49,8 +49,10 @@ bool CallServers::start() {
 }
 
 void CallServers::serve(const std::shared_ptr<Session>& session, const ConnectionPtr& connection) {
-    const Waiting waiting = {session, connection, Clock::now()};
-    if (startThread("hidl-pool", [this, waiting] { run(waiting, false); })) return;
+    Waiting waiting = {session, connection, Clock::now()};
+    // Handed over whole: the thread may go on to serve others, and must keep nothing of this one.
+    const auto body = [this, waiting]() mutable { run(std::move(waiting), false); };
+    if (startThread("hidl-pool", body)) return;
     {
         Mutex::Autolock lock(mMutex);
         mLine.push_back(waiting);
