@@ -209,7 +209,10 @@ void Process::closeInput() {
 }
 
 void Process::signal(int number) {
-    if (!hasEnded()) kill(mPid, number);
+    if (hasEnded()) return;
+    kill(mPid, number);
+    siginfo_t stopped;
+    if (number == SIGSTOP) waitid(P_PID, mPid, &stopped, WSTOPPED | WEXITED | WNOWAIT);
 }
 
 bool Process::hasEnded() {

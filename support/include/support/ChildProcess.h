@@ -86,6 +86,7 @@ class Process {
 
     void write(const std::string& text);
     void closeInput();
+    // After SIGSTOP it has stopped when this returns: it goes on for a while.
     void signal(int number);
 
     // Waits for the end and all output. The exit status, or 128 plus the signal; throws
