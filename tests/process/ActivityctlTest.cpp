@@ -43,13 +43,19 @@ TEST_F(Activityctl, StatusTellsVersionsInterfacesListsAndWhatIsCurrent) {
 
 TEST_F(Activityctl, WatchForPeopleIsALinePerEvent) {
     const auto process = speaking("activityctl", "watch walking:1@1s --count 1");
+    support::require([&] { return process->out().lines().size() == 3; }, "what is current",
+                     [&] { return process->describe(); });
     stage().release("go");
     EXPECT_EQ(0, process->waitExit());
     const auto& lines = process->out().lines();
-    ASSERT_EQ(2u, lines.size()) << process->describe();
+    ASSERT_EQ(5u, lines.size()) << process->describe();
     EXPECT_THAT(lines[0].text,
                 HasSubstr(fmt::format("watching walking:1@1s as process {}", process->pid())));
-    EXPECT_THAT(lines[1].text, ::testing::MatchesRegex("\\+.*s walking:1 timestamp .* extra 11.*"));
+    EXPECT_EQ("current now:", lines[1].text);
+    EXPECT_EQ("nothing is current", lines[2].text);
+    EXPECT_THAT(lines[3].text,
+                ::testing::MatchesRegex("\\+.*s walking:1 timestamp .*\\....s extra 11"));
+    EXPECT_THAT(lines[4].text, ::testing::MatchesRegex("1 events in .*s; ended by: count"));
     EXPECT_EQ((Calls{"enable 1 1 1000000000", "disable 1 1"}), told());
 }
 
@@ -82,7 +88,22 @@ TEST_F(Activityctl, WatchersAreToldWhenTheServiceDies) {
     for (Client* client : {watching.get(), inside.get()}) {
         EXPECT_EQ(5, client->process().waitExit()) << client->process().describe();
         EXPECT_THAT(client->process().err().text(), HasSubstr("died"));
+        EXPECT_EQ("service died", client->output("end")[0].at("reason"));
     }
+}
+
+TEST_F(Activityctl, WatchGoesOnWithTheNextServiceAndCommandsCanWaitForIt) {
+    const auto watching = ready("watch walking:1@2s --reconnect");
+    stage().service().signal(SIGKILL);
+    watching->waitFor("disconnected");
+    const auto waiting = stage().client(words("list --wait"));
+    run("list --wait=10ms", 3);
+    told();
+    stage().startService();
+    EXPECT_EQ(0, waiting->process().waitExit());
+    watching->waitFor("ready", 2);
+    EXPECT_EQ(Calls{"enable 1 1 2000000000"}, told());
+    EXPECT_EQ(0, watching->leave());
 }
 
 TEST_F(Activityctl, PairsLatenciesAndExtrasAreUnderstood) {

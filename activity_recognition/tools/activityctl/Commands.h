@@ -2,6 +2,8 @@
 // The sub-commands. Each returns kOk or throws Failure.
 #pragma once
 
+#include <functional>
+#include <memory>
 #include <string>
 
 #include "Failure.h"
@@ -24,7 +26,8 @@ ExitStatus initEnvironments(EnvironmentSide& side, const Options& options, Outpu
 ExitStatus exitEnvironments(EnvironmentSide& side, const Options& options, Output& output);
 
 // Watch.cpp: enables, stays, and on leaving disables what it enabled. quiet: prints no events.
-ExitStatus watch(Service& service, Side& side, const Options& options, Output& output, bool quiet);
+using OpenSide = std::function<std::unique_ptr<Side>(Service&)>;
+ExitStatus watch(const OpenSide& open, const Options& options, Output& output, bool quiet);
 
 // Looks names up in the service's list; a pair without an event type becomes both.
 std::vector<Pair> resolve(const Side& side, const std::vector<std::string>& names,

@@ -9,7 +9,7 @@ namespace {
 constexpr size_t kLongestName = 32;
 
 // What can be known from here of a refusal; the service says only that it refused.
-std::string reasonFor(const Side& side, const Pair& pair, const Extras& extras) {
+std::string reasonFor(Side& side, const Pair& pair, const Extras& extras) {
     const bool activity = std::string(side.noun()) == "activity";
     if (extras.params.name.size() > kLongestName) {
         return fmt::format(": the name has {} characters, at most {} are allowed",
@@ -17,6 +17,10 @@ std::string reasonFor(const Side& side, const Pair& pair, const Extras& extras) 
     }
     if (activity && (pair.eventType < 1 || pair.eventType > 2)) {
         return fmt::format(": event type {} is neither 1 nor 2", pair.eventType);
+    }
+    const size_t known = side.names().size();
+    if (pair.id >= known) {
+        return fmt::format(": the native module's list of {} has {}", side.plural(), known);
     }
     return "";
 }
@@ -34,7 +38,7 @@ ExitStatus forEachEnvironment(EnvironmentSide& side, const Options& options, Out
         const uint32_t id = resolveId(text.what, names, side.noun());
         if ((side.*method)(id, options.extras) != 0) {
             refused(fmt::format("{} environment {} ({})", what, nameOf(id, names), id),
-                    reasonFor(side, {}, options.extras));
+                    reasonFor(side, {id, 1, 0, {}}, options.extras));
         }
         output.print(what, {{"environment", id}},
                      fmt::format("{} {}: done", what, nameOf(id, names)));
@@ -66,9 +70,10 @@ nlohmann::json toJson(const Side& side, const Pair& pair) {
 
 void enableOrFail(Side& side, const Pair& pair, const Extras& extras) {
     if (side.enable(pair, extras) == 0) return;
+    const std::string reason = reasonFor(side, pair, extras);
     refused(fmt::format("enable {} ({} {}, event type {}, latency {})", pair.text, side.noun(),
                         pair.id, pair.eventType, formatLatency(pair.latencyNs)),
-            reasonFor(side, pair, extras));
+            reason.empty() ? ": its native module did, and its log may say why" : reason);
 }
 
 void disableOrFail(Side& side, const Pair& pair) {

@@ -16,6 +16,7 @@ enum ExitStatus : int {
     kNoService = 3,    // nobody serves the instance
     kUnavailable = 4,  // the service runs, but its native module lacks this side
     kServiceLost = 5,  // the service died, or a call to it failed
+    kOutput = 6,       // standard output could not be written
 };
 
 class Failure : public std::runtime_error {

@@ -16,6 +16,8 @@ struct Options {
     std::string instance = "default";
     Version version = Version::k1_1;
     bool json = false;
+    bool raw = false;    // times as they are, in nanoseconds
+    int64_t waitNs = 0;  // for a service to come; INT64_MAX: for ever
 
     std::vector<PairText> pairs;
     int64_t latencyNs = 1'000'000'000;  // of pairs that bring none of their own
@@ -24,8 +26,9 @@ struct Options {
     // Watching, and holding an enable.
     std::optional<uint64_t> count;  // events
     std::optional<int64_t> forNs;
-    bool control = false;  // commands come on standard input
-    bool leave = false;    // enable and go, without registering
+    bool control = false;    // commands come on standard input
+    bool leave = false;      // enable and go, without registering
+    bool reconnect = false;  // wait for a service that has died to come back
 };
 
 }  // namespace activityctl

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -12,7 +13,7 @@ namespace activityctl {
 
 class Output {
   public:
-    explicit Output(bool json);
+    Output(bool json, bool raw);
 
     bool json() const { return mJson; }
 
@@ -22,19 +23,31 @@ class Output {
     void printAt(int64_t ns, const std::string& what, nlohmann::json object,
                  const std::string& text);
 
-    // Whether somebody still reads; a closed pipe is a way to end a watch.
-    bool isOpen() const { return mOpen; }
+    // Whether what is printed arrives.
+    bool isOpen() const { return mError == 0; }
+    // Why not; 0 also when the reader has gone, which is a way to end a watch.
+    int error() const { return mError == EPIPE ? 0 : mError; }
 
     // Since this object was made, for lines that people read: "+1.234s".
     std::string sinceStart(int64_t ns) const;
+    double secondsSinceStart() const;
+    // A time of the module's: seconds, or with --raw nanoseconds.
+    std::string timestamp(int64_t ns) const;
+    // On a terminal, unless NO_COLOR is set.
+    std::string dim(const std::string& text) const { return inStyle("2", text); }
+    std::string bold(const std::string& text) const { return inStyle("1", text); }
 
-    // One line on standard error.
+    // One line on standard error. That it may not arrive changes nothing.
     static void complain(const std::string& line);
 
   private:
+    std::string inStyle(const char* style, const std::string& text) const;
+
     const bool mJson;
+    const bool mRaw;
+    const bool mColour;
     const int64_t mStartNs;
-    bool mOpen = true;
+    int mError = 0;  // errno of the first line that did not arrive
 };
 
 }  // namespace activityctl

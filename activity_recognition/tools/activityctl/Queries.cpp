@@ -21,17 +21,18 @@ nlohmann::json currentJson(Side& side, const std::vector<std::string>& names) {
 }
 
 std::string currentText(Side& side, const std::vector<std::string>& names,
-                        const std::string& indent) {
+                        const std::string& indent, const Output& output) {
     std::string text;
     for (const Record& record : side.current()) {
         if (!text.empty()) text += '\n';
-        text += indent + toText(record, names);
+        text += indent + toText(record, names, output);
     }
     return text.empty() ? indent + "nothing is current" : text;
 }
 
 // One side's part of the status; side may be NULL.
-void addStatus(Side* side, const char* noun, nlohmann::json& json, std::string& text) {
+void addStatus(Side* side, const char* noun, const Output& output, nlohmann::json& json,
+               std::string& text) {
     text += fmt::format("\n{}", noun);
     if (side == nullptr) {
         json[noun] = nullptr;
@@ -41,8 +42,9 @@ void addStatus(Side* side, const char* noun, nlohmann::json& json, std::string& 
     const auto names = side->names();
     json[noun] = listJson(*side, names);
     json[noun]["current"] = currentJson(*side, names);
-    text += fmt::format("\n  supported: {}\n  current:\n{}", fmt::join(names, ", "),
-                        currentText(*side, names, "    "));
+    text += fmt::format("\n  supported: {}\n  current:\n{}",
+                        printable(fmt::format("{}", fmt::join(names, ", "))),
+                        currentText(*side, names, "    ", output));
 }
 
 }  // namespace
@@ -51,7 +53,7 @@ ExitStatus list(Side& side, Output& output) {
     const auto names = side.names();
     std::string text;
     for (size_t i = 0; i < names.size(); ++i) {
-        text += fmt::format("{}{:>3} {}", i ? "\n" : "", i, names[i]);
+        text += fmt::format("{}{:>3} {}", i ? "\n" : "", i, printable(names[i]));
     }
     if (names.empty()) text = fmt::format("the service supports no {}", side.plural());
     output.print("list", listJson(side, names), text);
@@ -63,13 +65,13 @@ ExitStatus current(Side& side, Output& output) {
     if (output.json()) {
         output.print("current", {{"records", currentJson(side, names)}}, {});
     } else {
-        output.print("current", {}, currentText(side, names, ""));
+        output.print("current", {}, currentText(side, names, "", output));
     }
     return kOk;
 }
 
 ExitStatus status(const Options& options, Output& output) {
-    Service service(options.instance, options.version);
+    Service service(options.instance, options.version, options.waitNs);
     nlohmann::json json{{"service", service.fullName()}};
     std::string text = service.fullName();
 
@@ -85,8 +87,8 @@ ExitStatus status(const Options& options, Output& output) {
     json["versions"] = versions;
     text += fmt::format("\nversions\n  {}", fmt::join(versions, ", "));
 
-    addStatus(service.findActivities().get(), "activity", json, text);
-    addStatus(service.findEnvironments().get(), "environment", json, text);
+    addStatus(service.findActivities().get(), "activity", output, json, text);
+    addStatus(service.findEnvironments().get(), "environment", output, json, text);
     output.print("status", std::move(json), text);
     return kOk;
 }

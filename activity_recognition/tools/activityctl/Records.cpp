@@ -3,6 +3,9 @@
 
 #include <fmt/format.h>
 
+#include "Output.h"
+#include "Text.h"
+
 namespace activityctl {
 namespace {
 
@@ -34,7 +37,7 @@ Record toRecord(const V1_1::ActivityEventExtendV1_1& event) {
 }
 
 std::string nameOf(uint32_t id, const std::vector<std::string>& names) {
-    return id < names.size() ? names[id] : fmt::format("{}", id);
+    return id < names.size() ? printable(names[id]) : fmt::format("{}", id);
 }
 
 nlohmann::json toJson(const Record& record, const char* noun,
@@ -51,13 +54,16 @@ nlohmann::json toJson(const Record& record, const char* noun,
     return json;
 }
 
-std::string toText(const Record& record, const std::vector<std::string>& names) {
-    std::string text = fmt::format("{}:{} timestamp {}", nameOf(record.id, names), record.eventType,
-                                   record.timestamp);
+std::string toText(const Record& record, const std::vector<std::string>& names,
+                   const Output& output) {
+    const std::string pair = fmt::format("{}:{}", nameOf(record.id, names), record.eventType);
+    std::string text =
+            fmt::format("{} timestamp {}", output.bold(pair), output.timestamp(record.timestamp));
     if (record.extra) text += fmt::format(" extra {}", *record.extra);
     if (record.payload) {
-        text += fmt::format(" value {} name '{}' data {:x}", record.payload->value,
-                            record.payload->name, fmt::join(record.payload->contextData, ","));
+        text += fmt::format(" value {} name '{}' data {}", record.payload->value,
+                            printable(record.payload->name),
+                            fmt::join(record.payload->contextData, ","));
     }
     return text;
 }

@@ -14,6 +14,8 @@
 
 namespace activityctl {
 
+class Output;
+
 namespace V1_0 = ::vendor::zaltho::hardware::activity_recognition::V1_0;
 namespace V1_1 = ::vendor::zaltho::hardware::activity_recognition::V1_1;
 
@@ -47,9 +49,10 @@ std::vector<Record> toRecords(const Events& events) {
 // names: the service's list, where an id's text is found; noun: the key of the id.
 nlohmann::json toJson(const Record& record, const char* noun,
                       const std::vector<std::string>& names);
-std::string toText(const Record& record, const std::vector<std::string>& names);
+std::string toText(const Record& record, const std::vector<std::string>& names,
+                   const Output& output);
 
-// "walking", or the number where the list has no such position.
+// "walking", printable, or the number where the list has no such position.
 std::string nameOf(uint32_t id, const std::vector<std::string>& names);
 
 }  // namespace activityctl

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 #include <hidl/HidlTransportSupport.h>
+#include <signal.h>
 
 #include "Failure.h"
 
@@ -48,6 +49,9 @@ auto ask(const sp<Interface>& object, const Method<Pointer>& method, Arguments&&
     check(result, method.name);
     return result;
 }
+
+// Between two looks for a service that is not there yet.
+constexpr int64_t kPauseNs = 50'000'000;
 
 using Queue = std::shared_ptr<DeliveryQueue>;
 
@@ -292,16 +296,36 @@ Service::Service(const std::string& instance, Version version)
     : mInstance(instance), mVersion(version) {
     // One thread is enough: deliveries come one at a time, and none of them blocks.
     ::android::hardware::configureRpcThreadpool(1, false /* callerWillJoin */);
-    // tryGetService: a person at a terminal wants to hear now that nobody is there.
-    if (version == Version::k1_1) {
-        mRootV1_1 = V1_1::IActivityRecognition::tryGetService(instance);
+}
+
+Service::Service(const std::string& instance, Version version, int64_t waitNs)
+    : Service(instance, version) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
+    const timespec pause = {0, kPauseNs};
+    for (int64_t waited = 0; !find(); waited += kPauseNs) {
+        // Those signals may be blocked, to be taken later.
+        if (waited >= waitNs || sigtimedwait(&signals, nullptr, &pause) > 0) {
+            throw Failure(kNoService, fmt::format("no service: nobody serves {}", fullName()));
+        }
+    }
+}
+
+std::unique_ptr<Service> Service::find(const std::string& instance, Version version) {
+    std::unique_ptr<Service> service(new Service(instance, version));
+    return service->find() ? std::move(service) : nullptr;
+}
+
+bool Service::find() {
+    // Not getService, which cannot be told to end.
+    if (mVersion == Version::k1_1) {
+        mRootV1_1 = V1_1::IActivityRecognition::tryGetService(mInstance);
         mRoot = mRootV1_1;
     } else {
-        mRoot = V1_0::IActivityRecognition::tryGetService(instance);
+        mRoot = V1_0::IActivityRecognition::tryGetService(mInstance);
     }
-    if (mRoot == nullptr) {
-        throw Failure(kNoService, fmt::format("no service: nobody serves {}", fullName()));
-    }
+    return mRoot != nullptr;
 }
 
 std::string Service::fullName() const {

@@ -66,8 +66,10 @@ class EnvironmentSide : public Side {
 
 class Service {
   public:
-    // Throws Failure(kNoService) at once if nobody serves the instance in that version.
-    Service(const std::string& instance, Version version);
+    // NULL if nobody serves the instance in that version.
+    static std::unique_ptr<Service> find(const std::string& instance, Version version);
+    // Throws Failure(kNoService) instead, after so long, or when a signal comes that ends commands.
+    Service(const std::string& instance, Version version, int64_t waitNs);
 
     Version version() const { return mVersion; }
     std::string fullName() const;  // as lshal writes it
@@ -86,6 +88,9 @@ class Service {
     void watchDeath(const std::shared_ptr<DeliveryQueue>& queue);
 
   private:
+    Service(const std::string& instance, Version version);
+    bool find();
+
     const std::string mInstance;
     const Version mVersion;
     ::android::sp<V1_0::IActivityRecognition> mRoot;

@@ -5,8 +5,11 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cstdlib>
+#include <numeric>
+#include <utility>
 
 #include "Failure.h"
 
@@ -31,42 +34,40 @@ struct Unit {
 // Largest first, as formatLatency() tries them.
 constexpr Unit kUnits[] = {{"min", 6, 10}, {"s", 1, 9}, {"ms", 1, 6}, {"us", 1, 3}, {"ns", 1, 0}};
 
-[[noreturn]] void badLatency(const std::string& text, const char* why) {
-    throw Failure(kUsage, fmt::format("'{}' is no latency: {} (examples: 2s, 500ms, 1.5s, 20ns)",
-                                      text, why));
-}
-
 }  // namespace
 
 // Not CLI::AsNumberWithUnit, which for decimals goes through a double printed with six digits.
-int64_t parseLatency(const std::string& text) {
+int64_t parseTime(const std::string& text, const std::string& noun) {
+    const auto bad = [&](const char* why) {
+        throw Failure(kUsage, fmt::format("'{}' is no {}: {} (examples: 2s, 500ms, 1.5s, 20ns)",
+                                          text, noun, why));
+    };
     const size_t sign = text.compare(0, 1, "-") == 0 ? 1 : 0;
     const size_t point = std::min(text.find_first_not_of(kDigits, sign), text.size());
     const std::string whole = text.substr(sign, point - sign);
-    if (whole.empty()) badLatency(text, "it has no number");
+    if (whole.empty()) bad("it has no number");
     if (point == text.size() && whole.find_first_not_of('0') == std::string::npos) return 0;
     std::string fraction, unitName = text.substr(point);
     if (unitName.compare(0, 1, ".") == 0) {
         const size_t end = std::min(unitName.find_first_not_of(kDigits, 1), unitName.size());
         fraction = unitName.substr(1, end - 1);
         unitName.erase(0, end);
-        if (fraction.empty()) badLatency(text, "digits are missing after the point");
+        if (fraction.empty()) bad("digits are missing after the point");
     }
     fraction.erase(fraction.find_last_not_of('0') + 1);
 
     const auto* unit = std::find_if(std::begin(kUnits), std::end(kUnits),
                                     [&](const Unit& known) { return unitName == known.name; });
     if (unit == std::end(kUnits)) {
-        badLatency(text,
-                   unitName.empty() ? "it has no unit" : "the unit is none of min, s, ms, us, ns");
+        bad(unitName.empty() ? "it has no unit" : "the unit is none of min, s, ms, us, ns");
     }
-    if (fraction.size() > unit->zeros) badLatency(text, "it is finer than a nanosecond");
+    if (fraction.size() > unit->zeros) bad("it is finer than a nanosecond");
     // The point moved to the end, what is left is a whole number.
     const std::string digits = whole + fraction + std::string(unit->zeros - fraction.size(), '0');
     int64_t ns = 0;
     const auto read = std::from_chars(digits.data(), digits.data() + digits.size(), ns);
     if (read.ec != std::errc() || __builtin_mul_overflow(ns, unit->factor, &ns)) {
-        badLatency(text, "it is too long");
+        bad("it is too long");
     }
     return sign != 0 ? -ns : ns;
 }
@@ -130,9 +131,50 @@ uint32_t resolveId(const std::string& what, const std::vector<std::string>& name
     for (size_t i = 0; i < names.size(); ++i) {
         if (strcasecmp(names[i].c_str(), what.c_str()) == 0) return static_cast<uint32_t>(i);
     }
-    throw Failure(kUsage, fmt::format("unknown {} '{}'; the service supports: {}", noun, what,
+    const std::string meant = nearest(what, names);
+    throw Failure(kUsage, fmt::format("unknown {} '{}'; {}the service supports: {}", noun, what,
+                                      meant.empty() ? "" : fmt::format("did you mean {}? ", meant),
                                       names.empty() ? std::string("none")
                                                     : fmt::format("{}", fmt::join(names, ", "))));
+}
+
+std::string nearest(const std::string& word, const std::vector<std::string>& known) {
+    std::string best;
+    size_t least = std::min<size_t>(3, word.size());  // so many letters wrong are another word
+    for (const std::string& candidate : known) {
+        // Letters to insert, to leave out or to change: row by row of the usual table.
+        std::vector<size_t> row(candidate.size() + 1);
+        std::iota(row.begin(), row.end(), 0);
+        for (size_t i = 0; i < word.size(); ++i) {
+            size_t corner = std::exchange(row[0], i + 1);
+            for (size_t j = 0; j < candidate.size(); ++j) {
+                const bool same = tolower(word[i]) == tolower(candidate[j]);
+                corner = std::exchange(row[j + 1],
+                                       std::min({corner + !same, row[j] + 1, row[j + 1] + 1}));
+            }
+        }
+        if (row.back() >= least) continue;
+        least = row.back();
+        best = candidate;
+    }
+    return best;
+}
+
+std::string printable(const std::string& text) {
+    std::string shown;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        // In UTF-8 the second half of control characters starts with this one.
+        const bool second = byte == 0xc2 && i + 1 < text.size() &&
+                            static_cast<unsigned char>(text[i + 1]) < 0xa0;
+        if (byte >= 0x20 && byte != 0x7f && !second) {
+            shown += text[i];
+        } else {
+            shown += fmt::format("\\x{:02x}", byte);
+            if (second) shown += fmt::format("\\x{:02x}", static_cast<unsigned char>(text[++i]));
+        }
+    }
+    return shown;
 }
 
 }  // namespace activityctl

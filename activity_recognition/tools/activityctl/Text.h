@@ -12,7 +12,11 @@
 namespace activityctl {
 
 // "2s", "1.5s", "500ms", "20us", "7ns", "1min", "0"; a sign is allowed. Nanoseconds.
-int64_t parseLatency(const std::string& text);
+// noun: what it should have been, for the error.
+int64_t parseTime(const std::string& text, const std::string& noun);
+inline int64_t parseLatency(const std::string& text) {
+    return parseTime(text, "latency");
+}
 
 // The shortest of the above that says the same.
 std::string formatLatency(int64_t ns);
@@ -39,6 +43,13 @@ struct Pair {
 // Finds a name's position in the service's list, which is its id; a number is itself.
 uint32_t resolveId(const std::string& what, const std::vector<std::string>& names,
                    const std::string& noun);
+
+// The one of them that was probably meant, or an empty text.
+std::string nearest(const std::string& word, const std::vector<std::string>& known);
+
+// Names come from the native module, in whatever bytes it likes: control characters are shown, as
+// \x1b, not sent to the terminal.
+std::string printable(const std::string& text);
 
 // The decimal digits of a uint32, or nothing.
 std::optional<uint32_t> parseNumber(const std::string& text);

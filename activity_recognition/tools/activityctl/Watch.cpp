@@ -43,21 +43,47 @@ unique_fd openTimer(std::optional<int64_t> ns) {
 
 class Watch {
   public:
-    Watch(Service& service, Side& side, const Options& options, Output& output, bool quiet)
-        : mService(service),
-          mSide(side),
+    Watch(const OpenSide& open, const Options& options, Output& output, bool quiet)
+        : mOpenSide(open),
           mOptions(options),
           mOutput(output),
           mQuiet(quiet),
           mSignals(openSignals()),
-          mTimer(openTimer(options.forNs)),
-          mQueue(std::make_shared<DeliveryQueue>()) {}
+          mTimer(openTimer(options.forNs)) {}
 
     ExitStatus run() {
-        mNames = mSide.names();
-        const auto wanted = resolve(mSide, mNames, mOptions.pairs, mOptions.latencyNs);
-        mService.watchDeath(mQueue);
-        mSide.receive(mQueue);
+        mService = std::make_unique<Service>(mOptions.instance, mOptions.version, mOptions.waitNs);
+        ExitStatus status = kOk;
+        while (mService != nullptr) {
+            try {
+                status = serve();
+                break;
+            } catch (const Failure& failure) {
+                if (failure.status != kServiceLost) throw;
+                if (!mOptions.reconnect) {
+                    mEnd = "service died";
+                    printEnd();
+                    throw;
+                }
+                Output::complain(std::string(failure.what()) + "; waiting for it to come back");
+                mOutput.print("disconnected", {}, "");
+                awaitService();
+            }
+        }
+        printEnd();
+        return status;
+    }
+
+  private:
+    // With a service, from its finding until the end of the watch.
+    ExitStatus serve() {
+        mSide = mOpenSide(*mService);
+        mEnabled.clear();
+        mQueue = std::make_shared<DeliveryQueue>();
+        mNames = mSide->names();
+        const auto wanted = resolve(*mSide, mNames, mOptions.pairs, mOptions.latencyNs);
+        mService->watchDeath(mQueue);
+        mSide->receive(mQueue);
         try {
             for (const Pair& pair : wanted) enable(pair);
             printReady();
@@ -68,15 +94,29 @@ class Watch {
         }
         const bool clean = disableAll(false);
         drain();
-        nlohmann::json json{{"reason", mEnd}, {"events", mEvents}};
-        mOutput.print("end", std::move(json), "");
         return clean ? kOk : kRefused;
     }
 
-  private:
+    // NULL when the watch has ended meanwhile.
+    void awaitService() {
+        mSide = nullptr;
+        do {
+            mService = nullptr;
+            wait(-1, 50 /* milliseconds */);
+            if (!mEnd.empty()) return;
+            mService = Service::find(mOptions.instance, mOptions.version);
+        } while (mService == nullptr);
+    }
+
+    void printEnd() {
+        mOutput.print("end", {{"reason", mEnd}, {"events", mEvents}},
+                      fmt::format("{} events in {:.1f}s; ended by: {}", mEvents,
+                                  mOutput.secondsSinceStart(), mEnd));
+    }
+
     void enable(const Pair& pair) {
-        if (mSide.refusalWithdraws()) forget(pair);
-        enableOrFail(mSide, pair, mOptions.extras);
+        if (mSide->refusalWithdraws()) forget(pair);
+        enableOrFail(*mSide, pair, mOptions.extras);
         forget(pair);  // enabled once more, it is still one request
         mEnabled.push_back(pair);
     }
@@ -95,7 +135,7 @@ class Watch {
         bool clean = true;
         for (const Pair& pair : mEnabled) {
             try {
-                disableOrFail(mSide, pair);
+                disableOrFail(*mSide, pair);
             } catch (const Failure& failure) {
                 if (failure.status == kServiceLost && !afterFailure) throw;
                 Output::complain(failure.what());
@@ -110,41 +150,48 @@ class Watch {
         nlohmann::json enabled = nlohmann::json::array();
         std::string text = mQuiet ? "holding" : "watching";
         for (const Pair& pair : mEnabled) {
-            enabled.push_back(toJson(mSide, pair));
+            enabled.push_back(toJson(*mSide, pair));
             enabled.back()["latency_ns"] = pair.latencyNs;
             text += fmt::format(" {}@{}", pair.text, formatLatency(pair.latencyNs));
         }
         if (mEnabled.empty()) text += " without enabling anything";
         text += fmt::format(" as process {} through version {}; Ctrl-C to leave", getpid(),
-                            toText(mService.version()));
+                            toText(mService->version()));
         mOutput.print("ready",
-                      {{"interface", toText(mService.version())}, {"enabled", std::move(enabled)}},
+                      {{"interface", toText(mService->version())}, {"enabled", std::move(enabled)}},
                       text);
+        if (mOutput.json() || mQuiet) return;
+        mOutput.print("current", {}, "current now:");
+        activityctl::current(*mSide, mOutput);
     }
 
     void waitAndServe() {
+        if (wait(mQueue->fd(), -1)) drain();
+        if (mEnd.empty() && mReadable) readCommands();
+    }
+
+    // For anything to happen; whether it did on this descriptor. Takes note of what ends the watch.
+    bool wait(int fd, int milliseconds) {
         pollfd fds[] = {
-                {mQueue->fd(), POLLIN, 0},
+                {fd, POLLIN, 0},
                 {mSignals.get(), POLLIN, 0},
                 {mTimer.get(), POLLIN, 0},
                 // Also tells of a reader of standard output that has gone away.
                 {STDOUT_FILENO, 0, 0},
-                {mOptions.control ? STDIN_FILENO : -1, POLLIN, 0},
+                {mOptions.control && fd >= 0 ? STDIN_FILENO : -1, POLLIN, 0},
         };
-        if (poll(fds, std::size(fds), -1) < 0 && errno != EINTR) {
-            throw Failure(kServiceLost, fmt::format("poll failed: error {}", errno));
+        if (poll(fds, std::size(fds), milliseconds) < 0 && errno != EINTR) {
+            throw Failure(kOutput, fmt::format("poll failed: error {}", errno));
         }
-        if (fds[0].revents) drain();
-        if (!mEnd.empty()) return;
         if (fds[1].revents) {
             mEnd = "signal";
         } else if (fds[2].revents) {
             mEnd = "time";
         } else if (!mOutput.isOpen() || (fds[3].revents & (POLLERR | POLLHUP))) {
             mEnd = "output closed";
-        } else if (fds[4].revents) {
-            readCommands();
         }
+        mReadable = fds[4].revents != 0;
+        return fds[0].revents != 0;
     }
 
     // Prints what has arrived, up to the count that was asked for.
@@ -165,7 +212,7 @@ class Watch {
         }
         if (mOptions.count && mEvents >= *mOptions.count) mEnd = "count";
         if (content.serviceDied) {
-            throw Failure(kServiceLost, fmt::format("the service {} died", mService.fullName()));
+            throw Failure(kServiceLost, fmt::format("the service {} died", mService->fullName()));
         }
     }
 
@@ -173,15 +220,15 @@ class Watch {
         if (mOutput.json()) {
             nlohmann::json events = nlohmann::json::array();
             for (const Record& record : delivery.records) {
-                events.push_back(activityctl::toJson(record, mSide.noun(), mNames));
+                events.push_back(activityctl::toJson(record, mSide->noun(), mNames));
             }
             mOutput.printAt(delivery.arrivedNs, delivery.call, {{"events", std::move(events)}}, {});
             return;
         }
         for (const Record& record : delivery.records) {
             mOutput.print(delivery.call, {},
-                          fmt::format("{} {}", mOutput.sinceStart(delivery.arrivedNs),
-                                      toText(record, mNames)));
+                          fmt::format("{} {}", mOutput.dim(mOutput.sinceStart(delivery.arrivedNs)),
+                                      toText(record, mNames, mOutput)));
         }
     }
 
@@ -216,27 +263,27 @@ class Watch {
         for (std::string word; words >> word;) texts.push_back(parsePair(word));
 
         if (command == "enable" && !texts.empty()) {
-            for (const Pair& pair : resolve(mSide, mNames, texts, mOptions.latencyNs)) {
+            for (const Pair& pair : resolve(*mSide, mNames, texts, mOptions.latencyNs)) {
                 enable(pair);
-                auto json = activityctl::toJson(mSide, pair);
+                auto json = activityctl::toJson(*mSide, pair);
                 json["latency_ns"] = pair.latencyNs;
                 mOutput.print(
                         "enabled", std::move(json),
                         fmt::format("enabled {}@{}", pair.text, formatLatency(pair.latencyNs)));
             }
         } else if (command == "disable" && !texts.empty()) {
-            for (const Pair& pair : resolve(mSide, mNames, texts, mOptions.latencyNs)) {
-                disableOrFail(mSide, pair);
+            for (const Pair& pair : resolve(*mSide, mNames, texts, mOptions.latencyNs)) {
+                disableOrFail(*mSide, pair);
                 forget(pair);
-                mOutput.print("disabled", activityctl::toJson(mSide, pair),
+                mOutput.print("disabled", activityctl::toJson(*mSide, pair),
                               fmt::format("disabled {}", pair.text));
             }
         } else if (command == "flush" && texts.empty()) {
-            auto* activities = mSide.asActivities();
+            auto* activities = mSide->asActivities();
             if (activities == nullptr) throw Failure(kUsage, "environments have no flush");
             activityctl::flush(*activities, mOutput);
         } else if (command == "current" && texts.empty()) {
-            activityctl::current(mSide, mOutput);
+            activityctl::current(*mSide, mOutput);
         } else if (command == "quit" && texts.empty()) {
             mEnd = "quit";
         } else {
@@ -246,26 +293,29 @@ class Watch {
         }
     }
 
-    Service& mService;
-    Side& mSide;
+    const OpenSide& mOpenSide;
     const Options& mOptions;
     Output& mOutput;
     const bool mQuiet;
     const unique_fd mSignals;
     const unique_fd mTimer;
-    const std::shared_ptr<DeliveryQueue> mQueue;
 
+    // New with each connection.
+    std::unique_ptr<Service> mService;
+    std::unique_ptr<Side> mSide;
+    std::shared_ptr<DeliveryQueue> mQueue;
     std::vector<std::string> mNames;
     std::vector<Pair> mEnabled;
     uint64_t mEvents = 0;
-    std::string mInput;  // of standard input, not yet a whole line
-    std::string mEnd;    // why the watch ends; empty while it goes on
+    bool mReadable = false;  // standard input
+    std::string mInput;      // of it, not yet a whole line
+    std::string mEnd;        // why the watch ends; empty while it goes on
 };
 
 }  // namespace
 
-ExitStatus watch(Service& service, Side& side, const Options& options, Output& output, bool quiet) {
-    return Watch(service, side, options, output, quiet).run();
+ExitStatus watch(const OpenSide& open, const Options& options, Output& output, bool quiet) {
+    return Watch(open, options, output, quiet).run();
 }
 
 }  // namespace activityctl

@@ -16,11 +16,12 @@ _activityctl() {
         --instance,*) words=default ;;
         *,env,) words="list current init exit enable disable watch --help" ;;
         *,,) words="status list current watch enable disable flush env
-            --help --version --instance --interface --json" ;;
+            --help --version --instance --interface --json --raw --wait" ;;
         *,watch | *,enable | *,disable | *,init | *,exit)
             words="$(activityctl $side list 2>/dev/null | awk '{print $2}')
                 --help --latency --params --name --no-wake"
-            [[ $command != watch ]] || words+=" --for --count --control"
+            [[ $command != watch ]] || words+=" --count"
+            [[ $command != watch && $command != enable ]] || words+=" --for --control --reconnect"
             ;;
         *) words=--help ;;
     esac

@@ -2,7 +2,9 @@
 // activityctl: the service from a terminal. This file is the command line; see Commands.h for what
 // the sub-commands do and docs/activityctl.md for the guide.
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
@@ -37,6 +39,7 @@ Exit status:
   0  done                         3  nobody serves the instance
   1  the service refused          4  the native module lacks this side
   2  wrong command line           5  the service died or a call failed
+  6  the output could not be written
 )";
 
 // Signals that end a command that stays are waited for like everything else; threads that the
@@ -66,6 +69,9 @@ class CommandLine {
                 ->check(CLI::IsMember({"1.0", "1.1"}))
                 ->default_str(toText(mOptions.version));
         mApp.add_flag("--json", mOptions.json, "One JSON object per line instead of text");
+        mApp.add_flag("--raw", mOptions.raw, "Text with the module's times in nanoseconds");
+        mApp.add_flag("--wait{forever}", mWait,
+                      "Wait for a service that is not there yet, with --wait=TIME for so long");
         addGeneral();
         addActivities();
         addEnvironments(*mApp.add_subcommand("env", "The same for environments"));
@@ -74,12 +80,23 @@ class CommandLine {
     int run(int argc, char** argv) {
         try {
             mApp.parse(argc, argv);
-            Output output(mOptions.json);
-            return mRun(output);
+            if (mWait == "forever")
+                mOptions.waitNs = INT64_MAX;
+            else if (!mWait.empty())
+                mOptions.waitNs = parseTime(mWait, "time for --wait");
+            Output output(mOptions.json, mOptions.raw);
+            const ExitStatus status = mRun(output);
+            if (status != kOk || output.error() == 0) return status;
+            Output::complain(std::string("the output could not be written: ") +
+                             strerror(output.error()));
+            return kOutput;
         } catch (const CLI::Success& help) {
             return mApp.exit(help);
         } catch (const CLI::ParseError& error) {
-            Output::complain(std::string(error.what()) + " (activityctl --help explains)");
+            const std::string meant = meantCommand();
+            Output::complain(std::string(error.what()) +
+                             (meant.empty() ? "" : "; did you mean " + meant + "?") +
+                             " (activityctl --help explains)");
             return kUsage;
         } catch (const Failure& failure) {
             Output::complain(failure.what());
@@ -102,7 +119,7 @@ class CommandLine {
                   std::unique_ptr<S> (Service::*open)(),
                   std::function<ExitStatus(S&, Output&)> run) {
         return add(parent, name, help, [this, open, run = std::move(run)](Output& output) {
-            Service service(mOptions.instance, mOptions.version);
+            Service service(mOptions.instance, mOptions.version, mOptions.waitNs);
             return run(*(service.*open)(), output);
         });
     }
@@ -112,12 +129,13 @@ class CommandLine {
     CLI::App* addStaying(CLI::App& parent, const char* name, const char* help,
                          std::unique_ptr<S> (Service::*open)(), bool quiet) {
         CLI::App* command = add(parent, name, help, [this, open, quiet](Output& output) {
-            const bool leave = mOptions.leave;
-            if (!leave) takeOverSignals();
-            Service service(mOptions.instance, mOptions.version);
-            const auto side = (service.*open)();
-            return leave ? enableAndLeave(*side, mOptions, output)
-                         : watch(service, *side, mOptions, output, quiet);
+            if (mOptions.leave) {
+                Service service(mOptions.instance, mOptions.version, mOptions.waitNs);
+                return enableAndLeave(*(service.*open)(), mOptions, output);
+            }
+            takeOverSignals();
+            const auto openSide = [open](Service& service) { return (service.*open)(); };
+            return watch(openSide, mOptions, output, quiet);
         });
         addLatency(*command);
         addExtras(*command);
@@ -125,13 +143,15 @@ class CommandLine {
                 "--for",
                 [this](const std::string& text) {
                     if (text.empty()) return;
-                    mOptions.forNs = parseLatency(text);
+                    mOptions.forNs = parseTime(text, "time for --for");
                     if (*mOptions.forNs < 0) throw Failure(kUsage, "--for is a time of at least 0");
                 },
                 "Leave after this time, such as 30s");
         command->add_flag("--control", mOptions.control,
                           "Obey lines on standard input: enable PAIR..., disable PAIR..., flush, "
                           "current, quit");
+        command->add_flag("--reconnect", mOptions.reconnect,
+                          "When the service dies wait for it to come back, and go on");
         return command;
     }
 
@@ -284,7 +304,22 @@ class CommandLine {
         addCount(*watching);
     }
 
+    // The command that was probably meant by a line that names none.
+    std::string meantCommand() {
+        CLI::App* parent = mApp.got_subcommand("env") ? mApp.get_subcommand("env") : &mApp;
+        if (!parent->get_subcommands().empty()) return {};
+        std::vector<std::string> names;
+        for (const CLI::App* command : parent->get_subcommands(nullptr)) {
+            names.push_back(command->get_name());
+        }
+        for (const std::string& word : mApp.remaining(true)) {
+            if (const std::string name = nearest(word, names); !name.empty()) return name;
+        }
+        return {};
+    }
+
     CLI::App mApp;
+    std::string mWait;
     Options mOptions;
     Run mRun;
 };
