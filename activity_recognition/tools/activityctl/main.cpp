@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include "Commands.h"
 #include "Failure.h"
@@ -327,6 +329,10 @@ class CommandLine {
 }}  // namespace activityctl
 
 int main(int argc, char** argv) {
+    // Where one is closed, nothing else must come to lie; what is written there fails as before.
+    for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
     // A reader that goes away ends a watch in order, with its requests withdrawn.
     signal(SIGPIPE, SIG_IGN);
     return activityctl::CommandLine().run(argc, argv);
