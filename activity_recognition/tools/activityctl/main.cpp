@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -93,7 +94,8 @@ class CommandLine {
                              strerror(output.error()));
             return kOutput;
         } catch (const CLI::Success& help) {
-            return mApp.exit(help);
+            mApp.exit(help);
+            return std::cout.flush() ? kOk : kOutput;
         } catch (const CLI::ParseError& error) {
             const std::string meant = meantCommand();
             Output::complain(std::string(error.what()) +
