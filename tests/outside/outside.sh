@@ -9,7 +9,8 @@ build=$1 templates=$2
 export CXX=$3 CMAKE_GENERATOR=Ninja
 
 work=$(mktemp -d)
-trap 'kill -9 $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
+# Until all have gone: whoever still runs writes there.
+trap 'kill $(jobs -p) 2>/dev/null || true; wait || true; rm -rf "$work"' EXIT
 unset "${!HIDL_@}" "${!AR_@}"
 export XDG_RUNTIME_DIR=$work/run
 mkdir -m 700 "$work/run"
