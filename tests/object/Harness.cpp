@@ -117,6 +117,8 @@ void Objects::make(const activity_interface* activity, const environment_interfa
     __android_log_set_logger(Capture);
     __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
     module = {};
+    Act::forgetCounts();
+    Env::forgetCounts();
     Act::requests().clear();
     Act::barriers().clear();
     Act::lastEvents().clear();

@@ -76,6 +76,10 @@ struct ActivityInterfaceTestPeer {
         I::sRoutes = RouteMemory();
         I::sBatch = RoutedBatch();
     }
+    static void forgetCounts() {
+        new (&I::sCounters) ActivityCounters();
+        new (&I::sHistory) AttemptHistory();
+    }
     // What a re-enable of the pair needs, by walking all requests.
     static auto merge(uint32_t activity, uint32_t event) NO_THREAD_SAFETY_ANALYSIS {
         EnableRequestTable::Merge merge;
@@ -102,6 +106,7 @@ struct EnvironmentInterfaceTestPeer {
     static auto& clientsV1_1() NO_THREAD_SAFETY_ANALYSIS { return I::mClientVectorV1_1; }
     static auto& clientsV1_0() NO_THREAD_SAFETY_ANALYSIS { return I::mClientVectorV1_0; }
     static auto& sharedRecipient(I& on) { return Recipients::of(on.mDeathRecipient); }
+    static void forgetCounts() { new (&I::sCounters) SideCounters(); }
 };
 
 using Act = ActivityInterfaceTestPeer;

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <thread>
 
+#include "Dump.h"
 #include "Harness.h"
 
 namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation { namespace {
@@ -58,6 +59,9 @@ TEST_F(ThreadsTest, ClientsDeathsAndTheModuleAtOnce) {
             }
         });
     }
+    threads.emplace_back([this] {
+        for (int i = 0; i < kRounds; ++i) Dump({"--json"}, act.get(), env.get());
+    });
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(Act::clientsV1_1().size(), 0u);
     EXPECT_EQ(Env::clientsV1_1().size(), 0u);

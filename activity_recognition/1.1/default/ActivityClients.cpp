@@ -63,6 +63,7 @@ Return<void> ActivityInterface::registerActivityCallbackV1_1(
 
 void ActivityInterface::HandleHidlDeath(uint64_t cookie, const wp<IBase>& who) {
     ALOGI("serviceDied, cookie is %lu", cookie);
+    sCounters.deaths.add();
     const sp<RemoteListenerHidlDeathRecipient> own = mDeathRecipientVectorV1_1.find(cookie);
     const sp<IBase> object = who.promote();
     if (object == nullptr) {

@@ -32,17 +32,28 @@ constexpr BroadcastTexts kPlainV1_0 = {
         "ActChangedCbV1_0",
 };
 
+constexpr char kListMutex[] = "activity mListMutex";
+constexpr CallSite kCallPlainV1_1 = {"activity", "onActivityChangedV1_1", kListMutex};
+constexpr CallSite kCallPlainV1_0 = {"activity", "onActivityChanged", kListMutex};
+constexpr CallSite kCallExtendV1_1 = {"activity", "onActivityExtendChangedV1_1", kListMutex};
+constexpr CallSite kCallExtendV1_0 = {"activity", "onActivityExtendChanged", kListMutex};
+
 }  // namespace
 
 void ActivityInterface::ActChangedCb(const activity_event* events, int32_t count) {
     ALOGI("ActChangedCb start count[%d]", count);
     if (events == nullptr || !CountFits(count, ACTIVITY_RECOGNITION_MAX_EVENTS)) {
         ALOGE("(%s:%d) Invalid actChangedCb. Count: %d", "ActChangedCb", 297, count);
+        sCounters.refusedBatches.add();
         return;
     }
     const int32_t pid = CallingPidOrZero();
     Mutex::Autolock lock(mListMutex);
     PackageNamePush(events, count, pid, sBatch);
+    sCounters.batches.add();
+    sCounters.records.add(count);
+    sCounters.routed.add(sBatch.routed());
+    sCounters.belowBarrier.add(sBatch.heldBack());
     ActivitiesReport(sBatch);
     sBatch.clear();
     ALOGI("ActChangedCb end, pid[%d]", pid);
@@ -57,7 +68,11 @@ void ActivityInterface::PackageNamePush(const activity_event* events, int32_t co
         Mutex::Autolock lock(eventMutex);
         const Route* route = sRoutes.find(event.activity, event.event_type, RouteChanges());
         if (route == nullptr) route = FindRoute(event, pid, batch);
-        if (route->plan == nullptr || event.timestamp < route->barrier) continue;
+        if (route->plan == nullptr) continue;
+        if (event.timestamp < route->barrier) {
+            batch.holdBack();
+            continue;
+        }
         batch.add(event, route->plan);
     }
 }
@@ -68,7 +83,10 @@ const Route* ActivityInterface::FindRoute(const activity_event& event, int32_t p
     route->barrier = GetLastTime(ClientKey(pid), event.activity, event.event_type);
     EnableRequestTable::Pair* const pair = mEventData.find({event.activity, event.event_type});
     if (pair != nullptr) {
-        if (event.timestamp < route->barrier) return route;  // nothing is walked for it
+        if (event.timestamp < route->barrier) {  // nothing is walked for it
+            batch.holdBack();
+            return route;
+        }
         // An event for the same requests as one before repeats what walking them did.
         const bool repeats = pair->plan != nullptr && mLastActivityEvent.defer(pair->plan->notes);
         if (!repeats) WalkRequests(*pair, event, pid);
@@ -132,10 +150,13 @@ void ActivityInterface::ActivitiesReport(RoutedBatch& batch) {
 
 void ActivityInterface::ReportV1_1(uint32_t position, RoutedBatch& batch) {
     // Of an entry without a callback nothing is said, unlike elsewhere.
-    for (const sp<V1_1::IActivityChangedCallback> callback :
-         mClientVectorV1_1.callbacksOf(packageNames[position])) {
+    const unsigned long pid = packageNames[position];
+    for (const auto& client : mClientVectorV1_1.clientsOf(pid)) {
+        const sp<V1_1::IActivityChangedCallback> callback = client.callback;
         const Return<void> sent =
-                callback->onActivityChangedV1_1(CopyForClient(batch.listsOf(position).eventsV1_1));
+                CallClient(callback.get(), pid, client.calls.get(),
+                           &V1_1::IActivityChangedCallback::onActivityChangedV1_1,
+                           batch.listsOf(position).eventsV1_1, kCallPlainV1_1, sCounters);
         if (!sent.isOk()) {
             // Prints the process id at this position of the client table, usually another client's:
             // fixed, like the text. 0 when there is none.
@@ -150,26 +171,29 @@ void ActivityInterface::ReportV1_1(uint32_t position, RoutedBatch& batch) {
 
 void ActivityInterface::ActChangedCbV1_0(const std::vector<ActivityEvent>& events) {
     Broadcast(mClientVectorV1_0, &V1_0::IActivityChangedCallback::onActivityChanged, events,
-              kPlainV1_0);
+              kPlainV1_0, kCallPlainV1_0, sCounters);
 }
 
 // Unlike plain events, these go to everybody, whatever they enabled.
 void ActivityInterface::ActExtendChangedCb(const ar_context_event* events, int32_t count) {
     if (events == nullptr || !CountFits(count, ACTIVITY_RECOGNITION_MAX_EVENTS)) {
         ALOGE("(%s:%d) Invalid actExtendChangedCb. Count: %d", "ActExtendChangedCb", 64, count);
+        sCounters.refusedBatches.add();
         return;
     }
+    sCounters.extendedBatches.add();
+    sCounters.extendedRecords.add(count);
     const auto eventsV1_1 = ConvertAll(events, count, convertACEToAEEV1_1);
     const auto eventsV1_0 = ConvertAll(events, count, convertACEToAEEV1_0);
     Mutex::Autolock lock(mListMutex);
     Broadcast(mClientVectorV1_1, &V1_1::IActivityChangedCallback::onActivityExtendChangedV1_1,
-              eventsV1_1, kExtendV1_1);
+              eventsV1_1, kExtendV1_1, kCallExtendV1_1, sCounters);
     ActExtendChangedCbV1_0(eventsV1_0);
 }
 
 void ActivityInterface::ActExtendChangedCbV1_0(const std::vector<ActivityEventExtend>& events) {
     Broadcast(mClientVectorV1_0, &V1_0::IActivityChangedCallback::onActivityExtendChanged, events,
-              kExtendV1_0);
+              kExtendV1_0, kCallExtendV1_0, sCounters);
 }
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -8,15 +8,50 @@
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
 
+namespace {
+
+constexpr CallSite kEnable = {"activity", "enable_activity_event", nullptr};
+constexpr CallSite kEnableExtend = {"activity", "enable_activity_event_extend", nullptr};
+constexpr CallSite kDisable = {"activity", "disable_activity_event", nullptr};
+constexpr CallSite kFlush = {"activity", "flush", nullptr};
+constexpr CallSite kGetCurrent = {"activity", "get_current_activity", nullptr};
+
+}  // namespace
+
+// What it answers stands in the attempt, and of a pair in the table of what was told. That comes
+// after the call: of two clients' calls for a pair at the same time the table has the one whose
+// answer came last.
+template <typename Slot, typename... Arguments>
+int32_t ActivityInterface::Tell(const CallSite& site, int64_t latencyNs, Attempt* attempt,
+                                Slot slot, Arguments... arguments) {
+    attempt->slot = site.call;
+    attempt->toldNs = latencyNs;
+    attempt->answer = CallModule(site, attempt->pid, mImpl, slot, arguments...);
+    if (attempt->answer != 0) sCounters.nativeRefusals.add();
+    if (&site == &kFlush) return attempt->answer;
+    if (&site == &kDisable) {
+        Mutex::Autolock events(eventMutex);
+        const bool asked = mEventData.find({attempt->activity, attempt->event}) != nullptr;
+        Mutex::Autolock lock(mNativeLock);
+        mTold.note(*attempt, /*disables=*/true, asked);
+    } else {
+        Mutex::Autolock lock(mNativeLock);
+        mTold.note(*attempt, /*disables=*/false, /*asked=*/true);
+    }
+    return attempt->answer;
+}
+
 Return<int32_t> ActivityInterface::enableActivityEvent(uint32_t activity, uint32_t event,
                                                        int64_t reportLatencyNs) {
     ALOGI("enableActivityEvent activity[%d], event[%d] reportLatency[%ld]ns", activity, event,
           reportLatencyNs);
-    if (!ValidEventType(event)) return kFailure;
     const int32_t pid = CallingPidOrZero();
+    NotedAttempt attempt(sHistory, {NowNs(), ClientKey(pid), "enableActivityEvent", activity, event,
+                                    reportLatencyNs});
+    if (!ValidEventType(event)) return attempt.end(kFailure);
     const int64_t latencyNs = RoundNumbers(reportLatencyNs);
     const EnableRequestData request = {ClientKey(pid), activity, event, latencyNs, {}};
-    AddRequest(request);
+    AddRequest(request, reportLatencyNs);
 
     bool joins;
     {
@@ -25,17 +60,19 @@ Return<int32_t> ActivityInterface::enableActivityEvent(uint32_t activity, uint32
     }
     bool accepted = false;
     if (!joins) {
-        accepted = UpdateEnableNative({request.pid, activity, event, latencyNs, /*noWake=*/0});
+        accepted = UpdateEnableNative({request.pid, activity, event, latencyNs, /*noWake=*/0},
+                                      &attempt);
     } else if (mImpl == nullptr) {
         ALOGE("%s: mImpl interface is not available", "enableActivityEvent");
     } else {
         const int64_t merged = MergedLatency(activity, event);
-        accepted = mImpl->enable_activity_event(activity, event, merged) == 0;
+        accepted = Tell(kEnable, merged, &attempt, &activity_interface::enable_activity_event,
+                        activity, event, merged) == 0;
     }
     if (!accepted) TakeBack(request);
     if (accepted && joins) HandleFirstReport(request.pid, activity, event);
     ALOGI("enableActivityEvent end, pid[%d]", pid);
-    return accepted ? kSuccess : kFailure;
+    return attempt.end(accepted ? kSuccess : kFailure);
 }
 
 Return<int32_t> ActivityInterface::enableActivityEventExtend(uint32_t activity, uint32_t event,
@@ -44,12 +81,14 @@ Return<int32_t> ActivityInterface::enableActivityEventExtend(uint32_t activity, 
     ALOGI("enableActivityEventExtend activity[%d], event[%d] report_latency[%ld]ns", activity,
           event, reportLatencyNs);
     const int32_t pid = CallingPidOrZero();
-    if (ValidActivityEventExtend(event, pid, params) != 0) return kFailure;
+    NotedAttempt attempt(sHistory, {NowNs(), ClientKey(pid), "enableActivityEventExtend", activity,
+                                    event, reportLatencyNs});
+    if (ValidActivityEventExtend(event, pid, params) != 0) return attempt.end(kFailure);
     const bool noWake = IsNoWake(params);
     const int64_t latencyNs = noWake ? NO_WAKE_REPORT_LATENCY_NS : RoundNumbers(reportLatencyNs);
     const EnableRequestData request = {ClientKey(pid), activity, event, latencyNs,
                                        ToNativeParams(params)};
-    AddRequest(request);
+    AddRequest(request, reportLatencyNs);
 
     bool joins;
     {
@@ -60,23 +99,23 @@ Return<int32_t> ActivityInterface::enableActivityEventExtend(uint32_t activity, 
     // The module gets the caller's own parameters, also for a pair that others share.
     bool accepted;
     if (!joins) {
-        accepted =
-                UpdateEnableNativeExend({request.pid, activity, event, latencyNs, noWake}, params);
+        accepted = UpdateEnableNativeExend({request.pid, activity, event, latencyNs, noWake},
+                                           params, &attempt);
     } else {
-        accepted =
-                EnableActivityEvent(activity, event, MergedLatency(activity, event), params) == 0;
+        accepted = EnableActivityEvent(activity, event, MergedLatency(activity, event), params,
+                                       &attempt) == 0;
     }
     if (!accepted) TakeBack(request);
     if (accepted && joins) HandleFirstReport(request.pid, activity, event);
     ALOGI("enableActivityEventExtend end, pid[%d]", pid);
-    return accepted ? kSuccess : kFailure;
+    return attempt.end(accepted ? kSuccess : kFailure);
 }
 
 // A client's new request replaces its old one and becomes the last.
-void ActivityInterface::AddRequest(const EnableRequestData& request) {
+void ActivityInterface::AddRequest(const EnableRequestData& request, int64_t askedNs) {
     Mutex::Autolock lock(eventMutex);
     RemoveActivityEvent(request.pid, request.activity, request.event, mEventData);
-    mEventData.push_back(request);
+    mEventData.push_back(request, askedNs);
 }
 
 int64_t ActivityInterface::MergedLatency(uint32_t activity, uint32_t event) {
@@ -92,22 +131,27 @@ void ActivityInterface::TakeBack(const EnableRequestData& request) {
 }
 
 int32_t ActivityInterface::EnableActivityEvent(uint32_t activity, uint32_t event,
-                                               int64_t reportLatencyNs, const OtherParams& params) {
+                                               int64_t reportLatencyNs, const OtherParams& params,
+                                               Attempt* attempt) {
     if (mImpl == nullptr || !NameFits(params)) {
         // The same words for a name that is too long.
         ALOGI("%s: mImpl interface is not available", "EnableActivityEvent");
         return kFailure;
     }
     const other_params native = ToNativeParams(params);
-    return mImpl->enable_activity_event_extend(activity, event, reportLatencyNs, &native);
+    return Tell(kEnableExtend, reportLatencyNs, attempt,
+                &activity_interface::enable_activity_event_extend, activity, event, reportLatencyNs,
+                &native);
 }
 
-bool ActivityInterface::UpdateEnableNative(const EnableToNativeData& record) {
+bool ActivityInterface::UpdateEnableNative(const EnableToNativeData& record, Attempt* attempt) {
     if (mImpl == nullptr) {
         ALOGE("%s: mImpl interface is not available", "UpdateEnableNative");
         return false;
     }
-    if (mImpl->enable_activity_event(record.activity, record.event, record.reportLatencyNs) != 0) {
+    const int64_t latencyNs = record.reportLatencyNs;
+    if (Tell(kEnable, latencyNs, attempt, &activity_interface::enable_activity_event,
+             uint32_t{record.activity}, uint32_t{record.event}, latencyNs) != 0) {
         return false;
     }
     Mutex::Autolock lock(mNativeLock);
@@ -116,8 +160,9 @@ bool ActivityInterface::UpdateEnableNative(const EnableToNativeData& record) {
 }
 
 bool ActivityInterface::UpdateEnableNativeExend(const EnableToNativeData& record,
-                                                const OtherParams& params) {
-    if (EnableActivityEvent(record.activity, record.event, record.reportLatencyNs, params) != 0) {
+                                                const OtherParams& params, Attempt* attempt) {
+    if (EnableActivityEvent(record.activity, record.event, record.reportLatencyNs, params,
+                            attempt) != 0) {
         return false;
     }
     Mutex::Autolock lock(mNativeLock);
@@ -127,7 +172,8 @@ bool ActivityInterface::UpdateEnableNativeExend(const EnableToNativeData& record
 
 void ActivityInterface::HandleFirstReport(uint64_t pid, uint32_t activity, uint32_t event) {
     ar_context_event* current = nullptr;
-    const int count = mImpl->get_current_activity(&current);
+    const int count = CallModule(kGetCurrent, pid, mImpl, &activity_interface::get_current_activity,
+                                 &current);
     // A module that counts records but hands over none is taken as one that has none.
     if (count == 0 || (count > 0 && current == nullptr)) return;
     // The last record in the module's order, not the newest time.
@@ -139,19 +185,22 @@ void ActivityInterface::HandleFirstReport(uint64_t pid, uint32_t activity, uint3
 
 Return<int32_t> ActivityInterface::disableActivityEvent(uint32_t activity, uint32_t event) {
     ALOGI("disableActivityEvent acivity[%d] event[%d]", activity, event);
-    if (!ValidEventType(event)) return kFailure;
     const uint64_t pid = ClientKey(CallingPidOrZero());
+    NotedAttempt attempt(sHistory, {NowNs(), pid, "disableActivityEvent", activity, event, 0});
+    if (!ValidEventType(event)) return attempt.end(kFailure);
     {
         Mutex::Autolock lock(eventMutex);
-        if (!mEventData.erase(pid, activity, event)) return kFailure;
+        if (!mEventData.erase(pid, activity, event)) return attempt.end(kFailure);
         RemoveFirst(pid, activity, event);
         mLastActivityEvent.announceErase(activity);
     }
     RemoveLastActivityEvent(pid, activity, event, mLastActivityEvent);
-    return DisableOtherActivityEvent(activity, event) == 0 ? kSuccess : kFailure;
+    const bool accepted = DisableOtherActivityEvent(activity, event, &attempt) == 0;
+    return attempt.end(accepted ? kSuccess : kFailure);
 }
 
-int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t event) {
+int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t event,
+                                                     Attempt* attempt) {
     EnableRequestTable::Merge merge;
     {
         Mutex::Autolock lock(eventMutex);
@@ -163,7 +212,9 @@ int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t
             RemoveEnableToNativeData(activity, event, mEnableToNativeData);
         }
         // Success also when there is no module to tell: no request is left.
-        return mImpl == nullptr ? kSuccess : mImpl->disable_activity_event(activity, event);
+        if (mImpl == nullptr) return kSuccess;
+        return Tell(kDisable, 0, attempt, &activity_interface::disable_activity_event, activity,
+                    event);
     }
     {
         Mutex::Autolock lock(mNativeLock);
@@ -174,9 +225,25 @@ int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t
     if (mImpl == nullptr) return kFailure;
     // A request whose first parameter is 0.0 makes the re-enable a plain one. Of the others'
     // parameters only a no-wake request's are passed on, the last one's.
-    return merge.allExtended ? mImpl->enable_activity_event_extend(activity, event, merge.latencyNs,
-                                                                   &merge.noWakeParams)
-                             : mImpl->enable_activity_event(activity, event, merge.latencyNs);
+    const int64_t latencyNs = merge.latencyNs;
+    if (!merge.allExtended) {
+        return Tell(kEnable, latencyNs, attempt, &activity_interface::enable_activity_event,
+                    activity, event, latencyNs);
+    }
+    const other_params* const params = &merge.noWakeParams;
+    return Tell(kEnableExtend, latencyNs, attempt,
+                &activity_interface::enable_activity_event_extend, activity, event, latencyNs,
+                params);
+}
+
+Return<int32_t> ActivityInterface::flush() {
+    NotedAttempt attempt(sHistory, {NowNs(), ClientKey(CallingPidOrZero()), "flush", 0, 0, 0});
+    if (mImpl == nullptr) {
+        ALOGE("%s: mImpl interface is not available", "flush");
+        return attempt.end(kFailure);
+    }
+    const bool accepted = Tell(kFlush, 0, &attempt, &activity_interface::flush) == 0;
+    return attempt.end(accepted ? kSuccess : kFailure);
 }
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -5,6 +5,7 @@
 
 #include <log/log.h>
 
+#include "LockInTime.h"
 #include "NativeQueries.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
@@ -32,6 +33,10 @@ constexpr QueryTexts kCurrentV1_1 = {
         "getCurrentActivityV1_1",
 };
 
+constexpr CallSite kRegister = {"activity", "register_activity_callbacks", nullptr};
+constexpr CallSite kGetNames = {"activity", "get_supported_activities_list", nullptr};
+constexpr CallSite kGetCurrent = {"activity", "get_current_activity", nullptr};
+
 }  // namespace
 
 Mutex ActivityInterface::mListMutex;
@@ -46,13 +51,16 @@ ReportList ActivityInterface::packageNames;
 RoutedBatch ActivityInterface::sBatch;
 bool ActivityInterface::sInterfaceExists = false;
 const activity_callbacks ActivityInterface::sActCb = {ActChangedCb, ActExtendChangedCb};
+ActivityCounters ActivityInterface::sCounters;
+AttemptHistory ActivityInterface::sHistory;
 
 ActivityInterface::ActivityInterface(const activity_interface* impl)
     : mDeathRecipient(this), mImpl(impl) {
     ALOGI("Construct ActivityInterface");
     LOG_ALWAYS_FATAL_IF(sInterfaceExists);
     if (mImpl != nullptr) {
-        mImpl->register_activity_callbacks(&sActCb);
+        CallModule(kRegister, ClientKey(CallingPidOrZero()), mImpl,
+                   &activity_interface::register_activity_callbacks, &sActCb);
     } else {
         ALOGE("%s: mImpl interface is not available", "ActivityInterface");
     }
@@ -69,25 +77,56 @@ ActivityInterface::~ActivityInterface() {
 
 Return<void> ActivityInterface::getSupportedActivitiesList(getSupportedActivitiesList_cb answer) {
     return AnswerNames(mImpl, &activity_interface::get_supported_activities_list, answer,
-                       kSupported);
+                       kSupported, kGetNames);
 }
 
 Return<void> ActivityInterface::getCurrentActivity(getCurrentActivity_cb answer) {
     return AnswerCurrent(mImpl, &activity_interface::get_current_activity, convertACEToAEEV1_0,
-                         answer, kCurrentV1_0);
+                         answer, kCurrentV1_0, kGetCurrent);
 }
 
 Return<void> ActivityInterface::getCurrentActivityV1_1(getCurrentActivityV1_1_cb answer) {
     return AnswerCurrent(mImpl, &activity_interface::get_current_activity, convertACEToAEEV1_1,
-                         answer, kCurrentV1_1);
+                         answer, kCurrentV1_1, kGetCurrent);
 }
 
-Return<int32_t> ActivityInterface::flush() {
-    if (mImpl == nullptr) {
-        ALOGE("%s: mImpl interface is not available", "flush");
-        return kFailure;
+ActivityState ActivityInterface::look() {
+    ActivityState state;
+    state.hasClients = LockInTime(mListMutex);
+    if (state.hasClients) {
+        CopyClients(mClientVectorV1_1, "1.1", &state);
+        CopyClients(mClientVectorV1_0, "1.0", &state);
+        state.reportList = packageNames.size();
+        mListMutex.unlock();
+    } else {
+        state.held.push_back("activity mListMutex");
     }
-    return mImpl->flush() == 0 ? kSuccess : kFailure;
+    state.hasRequests = LockInTime(eventMutex);
+    if (state.hasRequests) {
+        for (const auto& standing : mEventData) {
+            state.requests.push_back({standing, standing.askedNs});
+        }
+        state.barriers.assign(firstReport.begin(), firstReport.end());
+        eventMutex.unlock();
+    } else {
+        state.held.push_back("activity eventMutex");
+    }
+    state.hasNative = LockInTime(mNativeLock);
+    if (state.hasNative) {
+        state.recorded.assign(mEnableToNativeData.begin(), mEnableToNativeData.end());
+        state.told = mTold.copy();
+        mNativeLock.unlock();
+    } else {
+        state.held.push_back("activity mNativeLock");
+    }
+    state.hasLastEvents = mLastActivityEvent.look(&state.lastEvents);
+    if (!state.hasLastEvents) state.held.push_back("activity mLastActivityEvent");
+    state.hasShared = mDeathRecipient.look(&state.shared);
+    if (!state.hasShared) state.held.push_back("activity mDeathRecipient");
+    state.hasOwn = mDeathRecipientVectorV1_1.look(&state.own);
+    if (!state.hasOwn) state.held.push_back("activity mDeathRecipientVectorV1_1");
+    state.history = sHistory.copy();
+    return state;
 }
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The activity side: shares the native module's activity table among any number of clients.
 //
-// Sources: ActivityInterface (class-wide state, life, queries, flush), ActivityClients
-// (registration, death), ActivityEnablement (enable, disable, barriers), ActivityDelivery (events).
+// Sources: ActivityInterface (class-wide state, life, queries, what the dump shows),
+// ActivityClients (registration, death), ActivityEnablement (enable, disable, flush, barriers),
+// ActivityDelivery (events).
 //
 // Threads: clients' calls and death notices come on binder threads, native callbacks on the
 // module's. Locks are taken in the order mListMutex, eventMutex, then one of the leaf locks
@@ -25,11 +26,14 @@
 
 #include "ClientTable.h"
 #include "Conversions.h"
+#include "Counters.h"
 #include "EnableRequestTable.h"
+#include "EnablementHistory.h"
 #include "LastEventTable.h"
 #include "RequestRules.h"
 #include "RequestTables.h"
 #include "RoutedBatch.h"
+#include "SideState.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
@@ -64,6 +68,10 @@ class ActivityInterface : public V1_1::IActivityInterface,
             const sp<V1_1::IActivityChangedCallback>& callback) override;
     Return<void> getCurrentActivityV1_1(getCurrentActivityV1_1_cb answer) override;
 
+    // For the dump: a copy of each table, from any thread. Asks the module nothing, logs nothing.
+    ActivityState look() EXCLUDES(mListMutex, eventMutex, mNativeLock);
+    static const ActivityCounters& counters() { return sCounters; }
+
   private:
     friend struct ActivityInterfaceTestPeer;
 
@@ -78,20 +86,28 @@ class ActivityInterface : public V1_1::IActivityInterface,
         RequestRules::RemoveFirst(pid, activity, event, firstReport);
     }
 
-    void AddRequest(const EnableRequestData& request) EXCLUDES(eventMutex);
+    // askedNs: the latency that the client named.
+    void AddRequest(const EnableRequestData& request, int64_t askedNs) EXCLUDES(eventMutex);
     int64_t MergedLatency(uint32_t activity, uint32_t event) EXCLUDES(eventMutex);
     void TakeBack(const EnableRequestData& request) EXCLUDES(eventMutex);
+    // What follows notes in the attempt what the module is told.
     // The module's result, or 1 without a table or with a name that is too long.
     int32_t EnableActivityEvent(uint32_t activity, uint32_t event, int64_t reportLatencyNs,
-                                const OtherParams& params);
+                                const OtherParams& params, Attempt* attempt)
+            EXCLUDES(eventMutex, mNativeLock);
     // Tell the module of a pair's first client; false when it refuses.
-    bool UpdateEnableNative(const EnableToNativeData& record) EXCLUDES(mNativeLock);
-    bool UpdateEnableNativeExend(const EnableToNativeData& record, const OtherParams& params)
-            EXCLUDES(mNativeLock);
+    bool UpdateEnableNative(const EnableToNativeData& record, Attempt* attempt)
+            EXCLUDES(eventMutex, mNativeLock);
+    bool UpdateEnableNativeExend(const EnableToNativeData& record, const OtherParams& params,
+                                 Attempt* attempt) EXCLUDES(eventMutex, mNativeLock);
     // Re-merges the pair from the requests that remain: the module's result, 1 without a table, or
     // -1 when no native enable is recorded.
-    int32_t DisableOtherActivityEvent(uint32_t activity, uint32_t event)
+    int32_t DisableOtherActivityEvent(uint32_t activity, uint32_t event, Attempt* attempt)
             EXCLUDES(eventMutex, mNativeLock);
+    // Calls a slot, with no lock held. Requires mImpl.
+    template <typename Slot, typename... Arguments>
+    int32_t Tell(const CallSite& site, int64_t latencyNs, Attempt* attempt, Slot slot,
+                 Arguments... arguments) EXCLUDES(eventMutex, mNativeLock);
 
     // Takes the barrier of a client that joined a pair. Requires mImpl.
     void HandleFirstReport(uint64_t pid, uint32_t activity, uint32_t event) EXCLUDES(eventMutex);
@@ -140,6 +156,7 @@ class ActivityInterface : public V1_1::IActivityInterface,
     SharedRecipient<ActivityInterface> mDeathRecipient;
     const activity_interface* const mImpl;
     EnableToNativeTable mEnableToNativeData GUARDED_BY(mNativeLock);
+    ToldTable mTold GUARDED_BY(mNativeLock);
     // One per version 1.1 registration. Only a replacement removes one, the first of its process:
     // those of dead clients and of failed links stay.
     RecipientTable<ActivityInterface> mDeathRecipientVectorV1_1;
@@ -162,6 +179,9 @@ class ActivityInterface : public V1_1::IActivityInterface,
     // Unguarded: only the root object makes instances, one at a time.
     static bool sInterfaceExists;
     static const activity_callbacks sActCb;
+    // For the dump alone; neither needs a lock.
+    static ActivityCounters sCounters;
+    static AttemptHistory sHistory;
 };
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

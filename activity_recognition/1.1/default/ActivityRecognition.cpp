@@ -8,16 +8,20 @@
 #include <hardware/hardware.h>
 #include <log/log.h>
 
+#include "Dump.h"
+#include "HandleWriter.h"
+
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
 
 namespace {
 
 // Makes a side on its first request. *side stays NULL when the module doesn't offer it or memory is
-// short. notOffered: the log's format, of the method.
+// short. shown: told of what was made. notOffered: the log's format, of the method.
 template <typename Slot, typename Side>
 void MakeOnce(activity_recognition_device* device, Slot slot, sp<Side>* side,
-              const char* notOffered, const char* method, const char* noMemory) {
+              std::atomic<Side*>* shown, const char* notOffered, const char* method,
+              const char* noMemory) {
     if (*side != nullptr) return;
     const auto* impl = (device->*slot)(device);
     if (impl == nullptr) {
@@ -25,6 +29,7 @@ void MakeOnce(activity_recognition_device* device, Slot slot, sp<Side>* side,
         return;
     }
     *side = new (std::nothrow) Side(impl);
+    shown->store(side->get(), std::memory_order_release);
     if (*side == nullptr) __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s", noMemory);
 }
 
@@ -55,6 +60,7 @@ Return<sp<V1_0::IEnvironmentInterface>> ActivityRecognition::getEnvironmentInter
 
 Return<sp<V1_1::IActivityInterface>> ActivityRecognition::getActivityInterfaceV1_1() {
     MakeOnce(mDevice, &activity_recognition_device::get_activity_interface, &mActivityInterface,
+             &mShownActivity,
              AR_FORMAT("%s ActivityInterface interface not implemented by ar HAL", ""),
              "getActivityInterfaceV1_1", "getActivityInterfaceV1_1 mActivityInterface new failed");
     return mActivityInterface;
@@ -62,11 +68,20 @@ Return<sp<V1_1::IActivityInterface>> ActivityRecognition::getActivityInterfaceV1
 
 Return<sp<V1_1::IEnvironmentInterface>> ActivityRecognition::getEnvironmentInterfaceV1_1() {
     MakeOnce(mDevice, &activity_recognition_device::get_environment_interface,
-             &mEnvironmentInterface,
+             &mEnvironmentInterface, &mShownEnvironment,
              AR_FORMAT("%s EnvironmentInterface interface not implemented by ar HAL", ""),
              "getEnvironmentInterfaceV1_1",
              "getEnvironmentInterfaceV1_1 mEnvironmentInterface new failed");
     return mEnvironmentInterface;
+}
+
+Return<void> ActivityRecognition::debug(const hidl_handle& handle,
+                                        const hidl_vec<hidl_string>& options) {
+    const native_handle_t* const native = handle.getNativeHandle();
+    if (native == nullptr || native->numFds < 1) return Void();
+    WriteToHandle(native->data[0], Dump(options, mShownActivity.load(std::memory_order_acquire),
+                                        mShownEnvironment.load(std::memory_order_acquire)));
+    return Void();
 }
 
 V1_1::IActivityRecognition* HIDL_FETCH_IActivityRecognition(const char* /*name*/) {

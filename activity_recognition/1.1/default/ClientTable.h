@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <algorithm>
+#include <memory>
 #include <new>
 #include <set>
 #include <unordered_map>
@@ -23,6 +24,9 @@
 #include <utils/RefBase.h>
 
 #include "Conversions.h"
+#include "Counters.h"
+#include "InFlight.h"
+#include "LockInTime.h"
 #include "LogTexts.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
@@ -61,50 +65,78 @@ inline uint64_t ClientKey(int32_t pid) {
     return static_cast<uint64_t>(static_cast<int64_t>(pid));
 }
 
+// What a client table holds of a client. Plain, so that the table may move it as bytes.
+struct ClientEntry {
+    unsigned long pid;
+    ClientCalls* calls;  // NULL without a callback
+};
+
+}}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation
+
+namespace android {
+ANDROID_TRIVIAL_MOVE_TRAIT(
+        ::vendor::zaltho::hardware::activity_recognition::V1_1::implementation::ClientEntry)
+}  // namespace android
+
+namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
+namespace V1_1 { namespace implementation {
+
 // Callback to the process id that registered it, ordered by the callbacks' addresses; also finds a
 // process's callbacks without walking the others. One with a NULL callback is found by walking
 // only.
 template <typename Callback>
 class ClientTable {
   public:
-    using Callbacks = std::vector<Callback*>;
+    struct Client {
+        Callback* callback;
+        std::unique_ptr<ClientCalls> calls;
+    };
+    using Clients = std::vector<Client>;
 
     size_t size() const { return mClients.size(); }
     bool isEmpty() const { return mClients.isEmpty(); }
     const sp<Callback>& keyAt(size_t index) const { return mClients.keyAt(index); }
-    unsigned long valueAt(size_t index) const { return mClients.valueAt(index); }
+    unsigned long valueAt(size_t index) const { return mClients.valueAt(index).pid; }
+    ClientCalls* callsAt(size_t index) const { return mClients.valueAt(index).calls; }
     // A callback that stands already becomes this process's.
     void add(const sp<Callback>& callback, unsigned long pid) {
         const ssize_t known = mClients.indexOfKey(callback);
         if (known >= 0) removeItemsAt(known);
-        if (mClients.add(callback, pid) < 0 || callback == nullptr) return;
-        Callbacks& callbacks = mCallbacks[pid];
-        callbacks.insert(std::lower_bound(callbacks.begin(), callbacks.end(), callback.get()),
-                         callback.get());
+        std::unique_ptr<ClientCalls> calls;
+        if (callback != nullptr) calls.reset(new ClientCalls{NowNs(), 0, 0, 0, 0, 0, 0});
+        if (mClients.add(callback, {pid, calls.get()}) < 0 || callback == nullptr) return;
+        Clients& clients = mOfProcess[pid];
+        clients.insert(find(clients, callback.get()), {callback.get(), std::move(calls)});
     }
     void removeItemsAt(size_t index) {
-        const auto of = mCallbacks.find(valueAt(index));
+        const auto of = mOfProcess.find(valueAt(index));
         if (keyAt(index) != nullptr) {
-            Callbacks& callbacks = of->second;
-            callbacks.erase(std::find(callbacks.begin(), callbacks.end(), keyAt(index).get()));
-            if (callbacks.empty()) mCallbacks.erase(of);
+            of->second.erase(find(of->second, keyAt(index).get()));
+            if (of->second.empty()) mOfProcess.erase(of);
         }
         mClients.removeItemsAt(index);
     }
     void clear() {
         mClients.clear();
-        mCallbacks.clear();
+        mOfProcess.clear();
     }
     // In the table's order. Valid until the table changes.
-    const Callbacks& callbacksOf(unsigned long pid) const {
-        static const Callbacks kNone;
-        const auto of = mCallbacks.find(pid);
-        return of == mCallbacks.end() ? kNone : of->second;
+    const Clients& clientsOf(unsigned long pid) const {
+        static const Clients kNone;
+        const auto of = mOfProcess.find(pid);
+        return of == mOfProcess.end() ? kNone : of->second;
     }
 
   private:
-    ::android::KeyedVector<sp<Callback>, unsigned long> mClients;
-    std::unordered_map<unsigned long, Callbacks> mCallbacks;
+    // Where it stands, or belongs.
+    static typename Clients::iterator find(Clients& clients, Callback* callback) {
+        return std::lower_bound(
+                clients.begin(), clients.end(), callback,
+                [](const Client& client, Callback* other) { return client.callback < other; });
+    }
+
+    ::android::KeyedVector<sp<Callback>, ClientEntry> mClients;
+    std::unordered_map<unsigned long, Clients> mOfProcess;
 };
 
 // Hands death notices to the object that linked it. It holds that object and is held by it, and
@@ -142,6 +174,13 @@ class SharedRecipient {
         Mutex::Autolock lock(mLock);
         return mRecipient;
     }
+    // Whether there is one; false when the lock cannot be had in time.
+    bool look(bool* made) const EXCLUDES(mLock) {
+        if (!LockInTime(mLock)) return false;
+        *made = mRecipient != nullptr;
+        mLock.unlock();
+        return true;
+    }
 
   private:
     friend struct ClientTableTestPeer;
@@ -173,6 +212,13 @@ class RecipientTable {
         Mutex::Autolock lock(mLock);
         const auto found = mRecipients.lower_bound({pid, nullptr});
         if (found != mRecipients.end() && found->first == pid) mRecipients.erase(found);
+    }
+    // Whose there are; false when the lock cannot be had in time.
+    bool look(std::vector<uint64_t>* pids) const EXCLUDES(mLock) {
+        if (!LockInTime(mLock)) return false;
+        for (const auto& entry : mRecipients) pids->push_back(entry.first);
+        mLock.unlock();
+        return true;
     }
 
   private:
@@ -302,11 +348,34 @@ void RemoveDeadClient(const wp<IBase>& who, ClientTable<CallbackV1_1>& clientsV1
     }
 }
 
+// Sends a client its own copy of the list, and keeps what came of it.
+template <typename Callback, typename Record>
+Return<void> CallClient(Callback* callback, unsigned long pid, ClientCalls* calls,
+                        Return<void> (Callback::*send)(const hidl_vec<Record>&),
+                        const std::vector<Record>& records, const CallSite& site,
+                        SideCounters& counters) {
+    const int64_t beginNs = NowNs();
+    const InFlight::Mark mark(site, pid, beginNs);
+    Return<void> sent = (callback->*send)(CopyForClient(records));
+    calls->lastNs = NowNs() - beginNs;
+    calls->worstNs = std::max(calls->worstNs, calls->lastNs);
+    ++calls->calls;
+    calls->empty += records.empty();
+    calls->records += records.size();
+    counters.calls.add();
+    if (!sent.isOk()) {
+        ++calls->failed;
+        counters.failedCalls.add();
+    }
+    return sent;
+}
+
 // Sends every client its own copy of the whole list, in the table's order.
 template <typename Callback, typename Record>
 void Broadcast(const ClientTable<Callback>& clients,
                Return<void> (Callback::*send)(const hidl_vec<Record>&),
-               const std::vector<Record>& records, const BroadcastTexts& texts) {
+               const std::vector<Record>& records, const BroadcastTexts& texts,
+               const CallSite& site, SideCounters& counters) {
     for (size_t i = 0; i < clients.size(); ++i) {
         const sp<Callback> callback = clients.keyAt(i);
         const unsigned long pid = clients.valueAt(i);
@@ -314,7 +383,8 @@ void Broadcast(const ClientTable<Callback>& clients,
             __android_log_print(ANDROID_LOG_ERROR, texts.tag, texts.nullCallback, pid);
             continue;
         }
-        const Return<void> sent = (callback.get()->*send)(CopyForClient(records));
+        const Return<void> sent =
+                CallClient(callback.get(), pid, clients.callsAt(i), send, records, site, counters);
         if (!sent.isOk()) {
             __android_log_print(ANDROID_LOG_ERROR, texts.tag, texts.failed, texts.function, pid);
         }

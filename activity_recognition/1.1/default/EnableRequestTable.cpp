@@ -18,8 +18,8 @@ typename List::iterator Append(List& list, Pointer pointer) {
 
 }  // namespace
 
-void EnableRequestTable::push_back(const EnableRequestData& request) {
-    Standing& standing = mRecords.push_back(Standing(request));
+void EnableRequestTable::push_back(const EnableRequestData& request, int64_t askedNs) {
+    Standing& standing = mRecords.push_back(Standing(request, askedNs));
     Pair& pair = mPairs[PairOf()(request)];
     pair.key = PairOf()(request);
     pair.plan = nullptr;

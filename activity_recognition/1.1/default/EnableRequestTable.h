@@ -54,7 +54,8 @@ class EnableRequestTable {
     auto begin() const { return mRecords.begin(); }
     auto end() const { return mRecords.end(); }
 
-    void push_back(const EnableRequestData& request);
+    // askedNs: the latency that the client named, which is kept to be shown.
+    void push_back(const EnableRequestData& request, int64_t askedNs = 0);
     // Removes the client's first request for the pair; false when there is none.
     bool erase(uint64_t pid, uint32_t activity, uint32_t event);
     // Removes all requests of a client.
@@ -75,7 +76,9 @@ class EnableRequestTable {
     struct Standing;
     using Standings = std::list<Standing*>;
     struct Standing : EnableRequestData {
-        explicit Standing(const EnableRequestData& request) : EnableRequestData(request) {}
+        Standing(const EnableRequestData& request, int64_t asked)
+            : EnableRequestData(request), askedNs(asked) {}
+        int64_t askedNs;
         Requests::iterator inPair, inNoWakes;
         Standings::iterator inClient;
     };

@@ -73,18 +73,32 @@ constexpr QueryTexts kCurrentV1_1 = {
         "getCurrentEnvironmentV1_1",
 };
 
+constexpr char kListMutex[] = "environment mListMutex";
+constexpr CallSite kCallV1_1 = {"environment", "onEnvironmentChangedV1_1", kListMutex};
+constexpr CallSite kCallV1_0 = {"environment", "onEnvironmentChanged", kListMutex};
+constexpr CallSite kRegister = {"environment", "register_environment_callbacks", nullptr};
+constexpr CallSite kGetNames = {"environment", "get_supported_environments_list", nullptr};
+constexpr CallSite kGetCurrent = {"environment", "get_current_environment", nullptr};
+constexpr CallSite kInit = {"environment", "init_environment", nullptr};
+constexpr CallSite kExit = {"environment", "exit_environment", nullptr};
+constexpr CallSite kEnable = {"environment", "enable_environment", nullptr};
+constexpr CallSite kDisable = {"environment", "disable_environment", nullptr};
+
 // Calls a slot with the arguments and the native form of params. A name that is too long is refused
 // in the words of a missing table; clients learn that the module refused, not with which code.
 // refusal: the log's format, of the method.
 template <typename Slot, typename... Arguments>
-int32_t Control(const environment_interface* impl, Slot slot, const char* refusal,
-                const char* method, const OtherParams& params, Arguments... arguments) {
+int32_t Control(const environment_interface* impl, const CallSite& site, Slot slot,
+                const char* refusal, const char* method, const OtherParams& params,
+                Arguments... arguments) {
     if (impl == nullptr || !NameFits(params)) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, refusal, method);
         return kFailure;
     }
     const other_params native = ToNativeParams(params);
-    return (impl->*slot)(arguments..., &native) == 0 ? kSuccess : kFailure;
+    return CallModule(site, ClientKey(CallingPidOrZero()), impl, slot, arguments..., &native) == 0
+                   ? kSuccess
+                   : kFailure;
 }
 
 }  // namespace
@@ -94,6 +108,7 @@ ClientTable<V1_1::IEnvironmentChangedCallback> EnvironmentInterface::mClientVect
 ClientTable<V1_0::IEnvironmentChangedCallback> EnvironmentInterface::mClientVectorV1_0;
 bool EnvironmentInterface::sInterfaceExists = false;
 const environment_callbacks EnvironmentInterface::sEnvCb = {EnvChangedCb};
+SideCounters EnvironmentInterface::sCounters;
 
 EnvironmentInterface::EnvironmentInterface(const environment_interface* impl)
     : mImpl(impl), mDeathRecipient(this) {
@@ -103,7 +118,8 @@ EnvironmentInterface::EnvironmentInterface(const environment_interface* impl)
         ALOGE("%s: mImpl interface is not available", "EnvironmentInterface");
         return;
     }
-    mImpl->register_environment_callbacks(&sEnvCb);
+    CallModule(kRegister, ClientKey(CallingPidOrZero()), mImpl,
+               &environment_interface::register_environment_callbacks, &sEnvCb);
 }
 
 // Unlinks nobody and tells the module nothing: sEnvCb stays valid.
@@ -126,6 +142,7 @@ Return<void> EnvironmentInterface::registerEnvironmentCallbackV1_1(
 
 void EnvironmentInterface::HandleHidlDeath(uint64_t cookie, const wp<IBase>& who) {
     ALOGI("ENV serviceDied, cookie is %lu", cookie);
+    sCounters.deaths.add();
     const sp<IBase> object = who.promote();
     if (object == nullptr) {
         ALOGE("Invalide IBase object, ENV");
@@ -138,14 +155,14 @@ void EnvironmentInterface::HandleHidlDeath(uint64_t cookie, const wp<IBase>& who
 
 Return<int32_t> EnvironmentInterface::initEnvironment(uint32_t environment,
                                                       const OtherParams& params) {
-    return Control(mImpl, &environment_interface::init_environment,
+    return Control(mImpl, kInit, &environment_interface::init_environment,
                    AR_FORMAT("%s: initEnvironment mImpl interface is not available", ""),
                    "initEnvironment", params, environment);
 }
 
 Return<int32_t> EnvironmentInterface::exitEnvironment(uint32_t environment,
                                                       const OtherParams& params) {
-    return Control(mImpl, &environment_interface::exit_environment,
+    return Control(mImpl, kExit, &environment_interface::exit_environment,
                    AR_FORMAT("%s: exitEnvironment mImpl interface is not available", ""),
                    "exitEnvironment", params, environment);
 }
@@ -153,7 +170,7 @@ Return<int32_t> EnvironmentInterface::exitEnvironment(uint32_t environment,
 Return<int32_t> EnvironmentInterface::enableEnvironment(uint32_t environment, uint32_t eventType,
                                                         int64_t reportLatencyNs,
                                                         const OtherParams& params) {
-    return Control(mImpl, &environment_interface::enable_environment,
+    return Control(mImpl, kEnable, &environment_interface::enable_environment,
                    AR_FORMAT("%s: enableEnvironment mImpl interface is not available", ""),
                    "enableEnvironment", params, environment, eventType, reportLatencyNs);
 }
@@ -163,42 +180,63 @@ Return<int32_t> EnvironmentInterface::disableEnvironment(uint32_t environment, u
         ALOGE("%s: mImpl interface is not available", "disableEnvironment");
         return kFailure;
     }
-    return mImpl->disable_environment(environment, eventType) == 0 ? kSuccess : kFailure;
+    const int result =
+            CallModule(kDisable, ClientKey(CallingPidOrZero()), mImpl,
+                       &environment_interface::disable_environment, environment, eventType);
+    return result == 0 ? kSuccess : kFailure;
 }
 
 void EnvironmentInterface::EnvChangedCb(const ar_context_event* events, int count) {
     if (events == nullptr || !CountFits(count, ACTIVITY_RECOGNITION_MAX_EVENTS)) {
         ALOGE("(%s:%d) Invalid envChangedCb. Count: %d", "EnvChangedCb", 73, count);
+        sCounters.refusedBatches.add();
         return;
     }
+    sCounters.batches.add();
+    sCounters.records.add(count);
     const auto eventsV1_1 = ConvertAll(events, count, RecordConversions::convertACEToAEEV1_1);
     const auto eventsV1_0 = ConvertAll(events, count, RecordConversions::convertACEToAEEV1_0);
     Mutex::Autolock lock(mListMutex);
     Broadcast(mClientVectorV1_1, &V1_1::IEnvironmentChangedCallback::onEnvironmentChangedV1_1,
-              eventsV1_1, kChangedV1_1);
+              eventsV1_1, kChangedV1_1, kCallV1_1, sCounters);
     env_extend_changed_cb_v1_0(eventsV1_0);
 }
 
 void EnvironmentInterface::env_extend_changed_cb_v1_0(
         const std::vector<ActivityEventExtend>& events) {
     Broadcast(mClientVectorV1_0, &V1_0::IEnvironmentChangedCallback::onEnvironmentChanged, events,
-              kChangedV1_0);
+              kChangedV1_0, kCallV1_0, sCounters);
 }
 
 Return<void> EnvironmentInterface::getSupportedEnvironmentsList(
         getSupportedEnvironmentsList_cb answer) {
     return AnswerNames(mImpl, &environment_interface::get_supported_environments_list, answer,
-                       kSupported);
+                       kSupported, kGetNames);
 }
 
 Return<void> EnvironmentInterface::getCurrentEnvironment(getCurrentEnvironment_cb answer) {
     return AnswerCurrent(mImpl, &environment_interface::get_current_environment,
-                         RecordConversions::convertACEToAEEV1_0, answer, kCurrentV1_0);
+                         RecordConversions::convertACEToAEEV1_0, answer, kCurrentV1_0, kGetCurrent);
 }
 
 Return<void> EnvironmentInterface::getCurrentEnvironmentV1_1(getCurrentEnvironmentV1_1_cb answer) {
     return AnswerCurrent(mImpl, &environment_interface::get_current_environment,
-                         RecordConversions::convertACEToAEEV1_1, answer, kCurrentV1_1);
+                         RecordConversions::convertACEToAEEV1_1, answer, kCurrentV1_1, kGetCurrent);
+}
+
+CommonState EnvironmentInterface::look() {
+    CommonState state;
+    state.hasClients = LockInTime(mListMutex);
+    if (state.hasClients) {
+        CopyClients(mClientVectorV1_1, "1.1", &state);
+        CopyClients(mClientVectorV1_0, "1.0", &state);
+        mListMutex.unlock();
+    } else {
+        state.held.push_back(kListMutex);
+    }
+    state.hasShared = mDeathRecipient.look(&state.shared);
+    if (!state.hasShared) state.held.push_back("environment mDeathRecipient");
+    return state;
 }
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -21,6 +21,8 @@
 
 #include "ClientTable.h"
 #include "Conversions.h"
+#include "Counters.h"
+#include "SideState.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
@@ -51,6 +53,10 @@ class EnvironmentInterface : public V1_1::IEnvironmentInterface {
             const sp<V1_1::IEnvironmentChangedCallback>& callback) override;
     Return<void> getCurrentEnvironmentV1_1(getCurrentEnvironmentV1_1_cb answer) override;
 
+    // For the dump: a copy of the tables, from any thread. Asks the module nothing, logs nothing.
+    CommonState look() EXCLUDES(mListMutex);
+    static const SideCounters& counters() { return sCounters; }
+
   private:
     friend struct EnvironmentInterfaceTestPeer;
 
@@ -70,6 +76,7 @@ class EnvironmentInterface : public V1_1::IEnvironmentInterface {
     // Unguarded: only the root object makes instances, one at a time.
     static bool sInterfaceExists;
     static const environment_callbacks sEnvCb;
+    static SideCounters sCounters;  // for the dump alone; needs no lock
 };
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "LockInTime.h"
+
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
 
@@ -30,6 +32,13 @@ void LastEventTable::erase(uint64_t pid, uint32_t activity, uint32_t event) {
     --mErasing[slotOf(activity)];
     const auto fits = [event](const EventResponseData& record) { return record.event == event; };
     if (mRecords.erase({pid, activity}, fits)) ++mRemovals[slotOf(activity)];
+}
+
+bool LastEventTable::look(size_t* size) {
+    if (!LockInTime(mLock)) return false;
+    *size = mRecords.size();
+    mLock.unlock();
+    return true;
 }
 
 LastEventTable::Notes LastEventTable::startWalk(const PairKey& key) {

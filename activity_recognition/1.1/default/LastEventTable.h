@@ -42,6 +42,8 @@ class LastEventTable {
     void announceErase(uint32_t activity) EXCLUDES(mLock);
     // Removes the client's first record of this activity and event, if any. Was announced.
     void erase(uint64_t pid, uint32_t activity, uint32_t event) EXCLUDES(mLock);
+    // How many records there are; false when the lock cannot be had in time.
+    bool look(size_t* size) EXCLUDES(mLock);
 
     // ---- Delivery's. All but settle() are called with the requests' lock.
 

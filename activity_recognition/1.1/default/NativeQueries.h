@@ -11,16 +11,19 @@
 #include <log/log.h>
 #include <zaltho/activity_recognition_native.h>
 
+#include "ClientTable.h"
 #include "Conversions.h"
+#include "InFlight.h"
 #include "LogTexts.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
 
-// answer: the caller's result callback, called before this returns.
+// answer: the caller's result callback, called before this returns. site: the slot's.
 template <typename Native, typename Answer>
 ::android::hardware::Return<void> AnswerNames(const Native* impl, int (*Native::*slot)(char***),
-                                              const Answer& answer, const QueryTexts& texts) {
+                                              const Answer& answer, const QueryTexts& texts,
+                                              const CallSite& site) {
     using ::android::hardware::hidl_string;
     using ::android::hardware::hidl_vec;
     if (impl == nullptr) {
@@ -29,7 +32,7 @@ template <typename Native, typename Answer>
         return ::android::hardware::Void();
     }
     char** list = nullptr;
-    const int count = (impl->*slot)(&list);
+    const int count = CallModule(site, ClientKey(CallingPidOrZero()), impl, slot, &list);
     if (count < 1 || list == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, texts.tag, texts.badCount, texts.method, count);
         answer(hidl_vec<hidl_string>());
@@ -53,7 +56,8 @@ template <typename Native, typename Record, typename Answer>
 ::android::hardware::Return<void> AnswerCurrent(const Native* impl,
                                                 int (*Native::*slot)(ar_context_event**),
                                                 Record (*convert)(const ar_context_event&),
-                                                const Answer& answer, const QueryTexts& texts) {
+                                                const Answer& answer, const QueryTexts& texts,
+                                                const CallSite& site) {
     using Records = ::android::hardware::hidl_vec<Record>;
     if (impl == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, texts.tag, texts.noTable, texts.method);
@@ -61,7 +65,7 @@ template <typename Native, typename Record, typename Answer>
         return ::android::hardware::Void();
     }
     ar_context_event* events = nullptr;
-    const int count = (impl->*slot)(&events);
+    const int count = CallModule(site, ClientKey(CallingPidOrZero()), impl, slot, &events);
     if (!CountFits(count, ACTIVITY_RECOGNITION_MAX_CURRENT) || events == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, texts.tag, texts.badCount, texts.method, count);
         answer(Records());

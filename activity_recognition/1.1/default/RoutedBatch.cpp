@@ -21,6 +21,12 @@ void RoutedBatch::start(const std::shared_ptr<DeliveryPlan>& plan) {
     mRuns.push_back(plan);
 }
 
+size_t RoutedBatch::routed() const {
+    size_t routed = 0;
+    for (const auto& run : mRuns) routed += run->length * run->processes.size();
+    return routed;
+}
+
 const std::vector<uint32_t>& RoutedBatch::group(size_t all, bool everybody) {
     constexpr uint32_t kNoRun = ~0u;
     mEverybody = everybody;
@@ -98,6 +104,7 @@ void RoutedBatch::clear() {
     for (const uint32_t position : mPositions) mShareOf[position] = kNothing;
     mPositions.clear();
     mLength = 0;
+    mHeldBack = 0;
     mRuns.clear();
     // Many lists go with the first batch that needs fewer.
     mLists.resize(std::max<size_t>(std::min(mLists.size(), kKeptLists), mUsedLists));

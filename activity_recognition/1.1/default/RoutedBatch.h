@@ -112,6 +112,12 @@ class RoutedBatch {
         ++plan->length;
     }
 
+    // A wanted event that a barrier holds back.
+    void holdBack() { ++mHeldBack; }
+    size_t heldBack() const { return mHeldBack; }
+    // How often what was added goes to a request.
+    size_t routed() const;
+
     // Groups what was added by process. Answers the positions of the processes that have a share
     // or, with everybody, all of the report list; ascending. all: how many the report list has.
     const std::vector<uint32_t>& group(size_t all, bool everybody);
@@ -142,6 +148,7 @@ class RoutedBatch {
     ActivityEventV1_1 mEvents[ACTIVITY_RECOGNITION_MAX_EVENTS];
     uint32_t mRunOf[ACTIVITY_RECOGNITION_MAX_EVENTS];
     uint32_t mLength = 0;
+    size_t mHeldBack = 0;
     std::vector<std::shared_ptr<DeliveryPlan>> mRuns;  // the plans in order of appearance
     std::vector<Share> mShares;
     std::vector<uint32_t> mShareOf;  // by position; all kNothing between batches
