@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include <android-base/cmsg.h>
 #include <hidl/hosttest/1.0/BnHwPeer.h>
 #include <hidl/hosttest/1.0/BpHwPeer.h>
 #include <log/log.h>
@@ -107,6 +108,7 @@ void use() {
     outer.more[0].words = hidl_vec<hidl_string>{"word", ""};
     peer->echo(outer, [&](const Outer& same) { outer = same; }).isOk();
     peer->blob({1, 2}, [&](const auto& same) { outer.id = same.size(); }).isOk();
+    peer->handOn(Handed().handle, [&](const auto& same) { outer.id = same == nullptr; }).isOk();
     peer->note(1).isOk();
     peer->keep(mine).isOk();
     peer->callKeptFromThread(3).isOk();
@@ -127,11 +129,19 @@ unique_fd socketOf(const std::string& name, bool listens) {
     return fd;
 }
 
-// A step is a byte, with the number of a connection above what is done there, and what is sent; it
-// ends with kEnd.
-enum Action { kReceive, kHalfClose, kClose, kSend, kSendInPieces, kSendAsItIs };
+// A step is a byte, with the number of a connection above what is done there, and what is sent,
+// with one or two descriptors in each packet or none; it ends with kEnd.
+enum Action { kReceive, kHalfClose, kClose, kSend, kSendInPieces, kSendAsItIs, kSendOne, kSendTwo };
 constexpr int kActions = 8, kConnections = 8;
 const std::string kEnd = "\xf5\x5a\xa9";
+
+// With so many descriptors. Does not wait: what can be written has room for a packet.
+void sendTo(int fd, const void* bytes, size_t size, int descriptors) {
+    pollfd room = {fd, POLLOUT, 0};
+    const Handed file;
+    const std::vector<int> all(std::max(descriptors, 0), file.handle->data[0]);
+    if (poll(&room, 1, 0) > 0) ::android::base::SendFileDescriptorVector(fd, bytes, size, all);
+}
 
 // The other side of sessions.
 class Peers {
@@ -189,8 +199,7 @@ class Peers {
         }
         const size_t most = action == kSendInPieces ? sizeof(header) : kPacketSize;
         for (size_t sent = 0; action >= kSend && sent < bytes.size(); sent += most) {
-            send(fd, &bytes[sent], std::min(most, bytes.size() - sent),
-                 MSG_NOSIGNAL | MSG_DONTWAIT);
+            sendTo(fd, &bytes[sent], std::min(most, bytes.size() - sent), action - kSendAsItIs);
         }
         // In words, too.
         mHasLeft |= leaves || header.type == MessageType::kRefused ||
@@ -262,9 +271,11 @@ void record(const std::string& folder) {
                 idle = 0;
                 auto* header = reinterpret_cast<MessageHeader*>(bytes);
                 header->token[0] = header->token[1] = 7;
-                send(sides[to].at(number), bytes, size, 0);
+                const bool brings = header->descriptorCount > 0;
+                sendTo(sides[to].at(number), bytes, size, brings);
                 const std::string sent(bytes, bytes + size);
-                inputs[from] += static_cast<char>(kSend + kActions * number) + sent + kEnd;
+                const int action = brings ? kSendOne : kSend;
+                inputs[from] += static_cast<char>(action + kActions * number) + sent + kEnd;
                 inputs[to] += static_cast<char>(kReceive + kActions * number) + kEnd;
             }
         }

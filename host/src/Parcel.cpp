@@ -3,6 +3,8 @@
 
 #include <hwbinder/Parcel.h>
 
+#include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 
 #include <log/log.h>
@@ -12,6 +14,7 @@ namespace android { namespace hardware {
 namespace {
 
 constexpr uint32_t kNullObject = UINT32_MAX;
+constexpr uint32_t kNullHandle = UINT32_MAX;
 constexpr uint64_t kNoParent = UINT64_MAX;
 constexpr size_t kAlignment = 8;
 
@@ -156,16 +159,54 @@ status_t Parcel::readEmbeddedBuffer(size_t length, size_t* handle, size_t parent
 }
 
 status_t Parcel::writeNativeHandleNoDup(const native_handle_t* handle) {
-    if (handle != nullptr) {
-        ALOGE("Descriptors cannot be passed between processes on this host");
+    if (handle == nullptr) return writeUint32(kNullHandle);
+    if (handle->numInts != 0 || handle->numFds < 0 || handle->numFds > 1) {
+        ALOGE("A handle of %d descriptors and %d ints cannot be passed between processes on this "
+              "host, one descriptor can",
+              handle->numFds, handle->numInts);
         return INVALID_OPERATION;
+    }
+    if (handle->numFds == 0) return writeUint32(0);
+    if (mHandle != nullptr) {
+        ALOGE("A second descriptor cannot be passed between processes in one call on this host");
+        return INVALID_OPERATION;
+    }
+    const int descriptor = fcntl(handle->data[0], F_DUPFD_CLOEXEC, 0);
+    if (descriptor < 0) {
+        const status_t status = -errno;
+        ALOGE("Descriptor %d cannot be passed on: %s", handle->data[0], strerror(-status));
+        return status;
+    }
+    setDescriptor(descriptor);
+    return writeUint32(1);
+}
+
+status_t Parcel::readNullableNativeHandleNoDup(const native_handle_t** handle) const {
+    static const native_handle_t empty = {sizeof(empty), 0, 0, {}};
+    uint32_t descriptors;
+    status_t status = readUint32(&descriptors);
+    if (status != OK) return status;
+    if (descriptors == kNullHandle) {
+        *handle = nullptr;
+    } else if (descriptors == 0) {
+        *handle = &empty;
+    } else if (descriptors == 1 && mHandle != nullptr) {
+        *handle = mHandle;
+    } else {
+        return BAD_VALUE;
     }
     return OK;
 }
 
-status_t Parcel::readNullableNativeHandleNoDup(const native_handle_t** handle) const {
-    *handle = nullptr;
-    return OK;
+void Parcel::setDescriptor(int descriptor) {
+    mHandle = native_handle_create(1, 0);
+    LOG_ALWAYS_FATAL_IF(mHandle == nullptr, "No memory for a handle");
+    mHandle->data[0] = descriptor;
+}
+
+void Parcel::dropHandle() {
+    native_handle_close(mHandle);
+    native_handle_delete(mHandle);
 }
 
 void Parcel::setReceived(Bytes bytes, std::vector<sp<IBinder>> objects) {

@@ -3,6 +3,7 @@
 
 #include "Session.h"
 
+#include <errno.h>
 #include <sys/epoll.h>
 
 #include <algorithm>
@@ -372,17 +373,24 @@ status_t Session::call(uint64_t target, uint32_t code, const Parcel& data, Parce
             status = goneStatus();
             break;
         }
-        if (loan.get()->send(header, refs, data.bytes())) {
+        if (loan.get()->send(header, refs, data.bytes(), nullptr, data.descriptor())) {
             if (awaitReply(&loan, reply, &status)) return status;
-        } else {
-            status = loan.broken(DEAD_OBJECT);
-            if (!loan.borrowed()) break;
-            dropIdle();
+        } else if (!mayGoElsewhere(&loan, &status)) {
+            break;
         }
         // It was not taken: another connection may do.
     }
     undoEncode(refs);
     return status;
+}
+
+bool Session::mayGoElsewhere(Loan* loan, status_t* status) {
+    const bool tooMany = errno == ETOOMANYREFS;
+    ALOGE_IF(tooMany, "Too many descriptors are under way to pass one to pid %d", peer());
+    *status = loan->broken(tooMany ? FAILED_TRANSACTION : DEAD_OBJECT);
+    if (tooMany || !loan->borrowed()) return false;
+    dropIdle();
+    return true;
 }
 
 bool Session::awaitReply(Loan* loan, Parcel* reply, status_t* status) {
@@ -433,6 +441,10 @@ bool Session::awaitReply(Loan* loan, Parcel* reply, status_t* status) {
 }
 
 status_t Session::callOneway(uint64_t target, uint32_t code, const Parcel& data) {
+    if (data.descriptor() >= 0) {
+        ALOGE("A descriptor cannot be passed to pid %d in a oneway call", peer());
+        return INVALID_OPERATION;
+    }
     Message message = Message::of(MessageType::kOneway, target);
     message.header.code = code;
     status_t status = encode(data, &message.objects);
@@ -505,7 +517,8 @@ bool Session::answer(const ConnectionPtr& connection, const Parcel& reply, statu
     bool counted = false;
     const auto waits = [&] { return waitsForReader(room, &counted); };
     const std::function<bool()> goOn = std::cref(waits);  // by reference it needs no allocation
-    const bool sent = connection->send(header, refs, bytes, &goOn);
+    const int descriptor = status == OK ? reply.descriptor() : -1;
+    const bool sent = connection->send(header, refs, bytes, &goOn, descriptor);
     if (!sent) undoEncode(refs);
     if (sent && !counted) return true;
     std::vector<sp<IBinder>> unsent;  // released when the lock is
@@ -608,6 +621,7 @@ status_t Session::decode(Message* message, Parcel* parcel) {
         if (status == OK) status = NO_MEMORY;
     }
     parcel->setReceived(std::move(message->data), std::move(objects));
+    if (message->descriptor.get() >= 0) parcel->setDescriptor(message->descriptor.release());
     return status;
 }
 

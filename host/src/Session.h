@@ -133,6 +133,8 @@ class Session : public std::enable_shared_from_this<Session> {
     ConnectionPtr control() EXCLUDES(mMutex);
     // Why there was no connection for a call.
     [[gnu::cold]] status_t goneStatus() EXCLUDES(mMutex);
+    // A call could not be sent, for errno: whether to try another connection.
+    [[gnu::cold]] bool mayGoElsewhere(Loan* loan, status_t* status) EXCLUDES(mMutex);
     // The answer to a call that was sent. False when it was not taken, and may be sent elsewhere.
     [[gnu::hot]] bool awaitReply(Loan* loan, Parcel* reply, status_t* status);
     // The body of a thread that serves on a connection which it dials.

@@ -85,6 +85,70 @@ ssize_t sendPacket(int fd, iovec* parts, size_t count, int flags) {
     return sent;
 }
 
+// Room for one descriptor, and for no more.
+struct Control {
+    alignas(cmsghdr) char bytes[CMSG_LEN(sizeof(int))] = {};
+
+    void addTo(msghdr* packet) {
+        packet->msg_control = bytes;
+        packet->msg_controllen = sizeof(bytes);
+    }
+};
+
+[[gnu::cold]] ssize_t sendWithDescriptor(int fd, iovec* parts, size_t count, int descriptor) {
+    msghdr packet = {};
+    packet.msg_iov = parts;
+    packet.msg_iovlen = count;
+    Control control;
+    control.addTo(&packet);
+    cmsghdr* head = CMSG_FIRSTHDR(&packet);
+    head->cmsg_level = SOL_SOCKET;
+    head->cmsg_type = SCM_RIGHTS;
+    head->cmsg_len = sizeof(control.bytes);
+    memcpy(CMSG_DATA(head), &descriptor, sizeof(descriptor));
+    ssize_t sent;
+    do {
+        sent = sendmsg(fd, &packet, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    return sent;
+}
+
+// descriptor: set to what came with the packet. cut: more came than there was room for, here or in
+// this process.
+[[gnu::cold]] ssize_t receiveWithDescriptor(int fd, void* bytes, size_t size, int flags,
+                                            base::unique_fd* descriptor, bool* cut) {
+    iovec part = {bytes, size};
+    msghdr packet = {};
+    packet.msg_iov = &part;
+    packet.msg_iovlen = 1;
+    Control control;
+    control.addTo(&packet);
+    const ssize_t got = recvmsg(fd, &packet, flags | MSG_CMSG_CLOEXEC);
+    if (got < 0) return got;
+    *cut = (packet.msg_flags & MSG_CTRUNC) != 0;
+    const cmsghdr* head = CMSG_FIRSTHDR(&packet);
+    if (head != nullptr && head->cmsg_type == SCM_RIGHTS &&
+        head->cmsg_len == sizeof(control.bytes)) {
+        int number;
+        memcpy(&number, CMSG_DATA(head), sizeof(number));
+        descriptor->reset(number);
+    }
+    return got;
+}
+
+// Why a message may not bring what it brought; NULL: it may.
+[[gnu::cold]] const char* wrongDescriptor(const MessageHeader& header, bool announced, bool came,
+                                          bool cut) {
+    if (!announced || header.descriptorCount != 1) {
+        return "a message brings other descriptors than were announced";
+    }
+    if (header.type != MessageType::kCall && header.type != MessageType::kReply) {
+        return "a message brings a descriptor that is no call and no reply";
+    }
+    if (cut && !came) return "there is no descriptor left to take the one that came";
+    return came && !cut ? nullptr : "a message brings other descriptors than it says";
+}
+
 }  // namespace
 
 Message Message::of(MessageType type, uint64_t target) {
@@ -124,15 +188,26 @@ void Connection::limitSend(std::chrono::milliseconds limit) {
 }
 
 bool Connection::send(const MessageHeader& header, const std::vector<ObjectRef>& objects,
-                      const Bytes& data, const std::function<bool()>* goOn) {
-    if (objects.empty() && data.size() > 0 && sizeof(header) + data.size() <= kPacketSize) {
+                      const Bytes& data, const std::function<bool()>* goOn, int descriptor) {
+    if (objects.empty() && data.size() > 0 && sizeof(header) + data.size() <= kPacketSize &&
+        descriptor < 0) {
         // As it lies there, in one piece.
         static_assert(sizeof(header) <= Bytes::kHeadroom, "the header has room");
         iovec whole = {data.front() - sizeof(header), sizeof(header) + data.size()};
         fillIn(new (whole.iov_base) MessageHeader(header), 0, data.size());
         return sendWhole(&whole, 1, goOn);
     }
+    return sendParts(header, objects, data, goOn, descriptor);
+}
+
+bool Connection::sendParts(const MessageHeader& header, const std::vector<ObjectRef>& objects,
+                           const Bytes& data, const std::function<bool()>* goOn, int descriptor) {
     Parts parts(header, objects, data);
+    if (descriptor >= 0) {
+        Parts announcement(Message::of(MessageType::kDescriptorFollows).header, {}, {});
+        if (!sendWhole(announcement.iov, 1, goOn)) return false;
+        parts.header.descriptorCount = 1;
+    }
     size_t next = 0;
     while (next < Parts::kCount) {
         // The longest run of parts that fits one packet, the last of them cut where it is full.
@@ -149,13 +224,25 @@ bool Connection::send(const MessageHeader& header, const std::vector<ObjectRef>&
             if (part.iov_len == 0) ++next;
         }
         // An empty packet would look like a hang-up.
-        if (count > 0 && !sendWhole(packet, count, goOn)) return false;
+        if (count == 0) continue;
+        const bool sent = descriptor < 0 ? sendWhole(packet, count, goOn)
+                                         : sendBringing(descriptor, packet, count, goOn);
+        if (!sent) return false;
+        descriptor = -1;
     }
     return true;
 }
 
 bool Connection::sendWhole(iovec* parts, size_t count, const std::function<bool()>* goOn) {
     while (sendPacket(mFd.get(), parts, count, 0) < 0) {
+        if (errno != EAGAIN || (goOn != nullptr && !(*goOn)())) return false;
+    }
+    return true;
+}
+
+bool Connection::sendBringing(int descriptor, iovec* parts, size_t count,
+                              const std::function<bool()>* goOn) {
+    while (sendWithDescriptor(mFd.get(), parts, count, descriptor) < 0) {
         if (errno != EAGAIN || (goOn != nullptr && !(*goOn)())) return false;
     }
     return true;
@@ -175,12 +262,15 @@ Received Connection::invalid(const char* why) {
     return Received::kInvalid;
 }
 
-Received Connection::receive(Message* message, Wait wait) {
+template <bool kAnnounced>
+Received Connection::receiveAs(Message* message, Wait wait) {
     MessageHeader& header = message->header;
     Bytes& data = message->data;
     message->objects.clear();
+    if (message->descriptor.get() >= 0) message->descriptor.reset();
     data.setSize(0);
     size_t missing = 0;
+    bool cut = false;
     for (bool first = true; first || missing > 0; first = false) {
         // Room is made for what can arrive at once, not for what the header says. The first packet
         // starts in the headroom, so that its content comes to lie where it stays.
@@ -189,8 +279,10 @@ Received Connection::receive(Message* message, Wait wait) {
         uint8_t* place = data.data() + data.size() - (first ? sizeof(header) : 0);
         ssize_t got;
         do {
-            got = receiveBytes(mFd.get(), place, most,
-                               MSG_TRUNC | (wait == Wait::kNever ? MSG_DONTWAIT : 0));
+            const int flags = MSG_TRUNC | (wait == Wait::kNever ? MSG_DONTWAIT : 0);
+            got = kAnnounced && first ? receiveWithDescriptor(mFd.get(), place, most, flags,
+                                                              &message->descriptor, &cut)
+                                      : receiveBytes(mFd.get(), place, most, flags);
             // A reset is told once, before what can still be read.
         } while (got < 0 && (errno == EINTR || errno == ECONNRESET ||
                              (errno == EAGAIN && wait == Wait::kForever)));
@@ -209,6 +301,17 @@ Received Connection::receive(Message* message, Wait wait) {
                 return invalid("a message is over the largest transaction");
             }
             missing = static_cast<size_t>(whole);
+            if (header.type == MessageType::kDescriptorFollows && !kAnnounced) {
+                if (wait == Wait::kNever || size > 0 || whole > 0 || header.descriptorCount > 0) {
+                    return invalid("a descriptor is announced in no valid way");
+                }
+                return receiveAs<true>(message, wait);
+            }
+            if (kAnnounced || header.descriptorCount > 0) {
+                const char* why =
+                        wrongDescriptor(header, kAnnounced, message->descriptor.get() >= 0, cut);
+                if (why != nullptr) return invalid(why);
+            }
         }
         if (size > missing) return invalid("a message is longer than it says");
         missing -= size;
@@ -225,6 +328,10 @@ Received Connection::receive(Message* message, Wait wait) {
         data.setSize(data.size() - size);
     }
     return Received::kMessage;
+}
+
+Received Connection::receive(Message* message, Wait wait) {
+    return receiveAs<false>(message, wait);
 }
 
 void Connection::limitReceive(std::chrono::milliseconds limit) {

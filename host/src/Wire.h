@@ -4,6 +4,10 @@
 // A message is a header, references to objects, and a parcel's bytes. It leaves in packets of at
 // most kPacketSize, so that it needs no more socket memory than every system grants; nearly every
 // message is one packet, that is one system call at each end.
+//
+// A call or reply may bring one descriptor, with its first packet. To offer the kernel room for one
+// costs what every message would pay, so a message that brings one is announced: unannounced ones
+// the kernel closes.
 #pragma once
 
 #include <stddef.h>
@@ -47,6 +51,7 @@ enum class MessageType : uint32_t {
                // whether to try again at once (WOULD_BLOCK) or not (NO_MEMORY)
     kWant,     // the sender waits for a connection to call on: the receiver serves on one more, if
                // its pool allows
+    kDescriptorFollows,  // before a kCall or kReply that brings one
 };
 
 enum class Role : uint32_t {
@@ -65,7 +70,7 @@ struct MessageHeader {
     int32_t status;     // kReply: status_t of the transaction; kRefused: see there
     uint32_t objectCount;
     uint32_t dataSize;
-    uint32_t reserved;
+    uint32_t descriptorCount;  // 1 in what kDescriptorFollows has announced, else 0
 };
 
 struct ObjectRef {
@@ -79,6 +84,7 @@ struct Message {
     MessageHeader header = {};
     std::vector<ObjectRef> objects;
     Bytes data;
+    base::unique_fd descriptor;  // received with it
 
     [[gnu::hot]] static Message of(MessageType type, uint64_t target = 0);
     size_t payloadSize() const { return objects.size() * sizeof(ObjectRef) + data.size(); }
@@ -105,9 +111,12 @@ class Connection {
 
     // Waits for as long as the other side does not read; goOn is asked each time that it has not
     // for what limitSend() says. False when it has hung up or takes nothing any more, so has not
-    // taken the message; or when goOn says so.
+    // taken the message; or when goOn says so; or, with errno ETOOMANYREFS, when this user has too
+    // many descriptors under way to others.
+    // descriptor: what the message brings, which stays the caller's; -1: none.
     [[gnu::hot]] bool send(const MessageHeader& header, const std::vector<ObjectRef>& objects,
-                           const Bytes& data, const std::function<bool()>* goOn = nullptr);
+                           const Bytes& data, const std::function<bool()>* goOn = nullptr,
+                           int descriptor = -1);
     bool send(const Message& message) {
         return send(message.header, message.objects, message.data);
     }
@@ -121,7 +130,7 @@ class Connection {
     Received receive(Message* message) { return receive(message, Wait::kForever); }
     // kWouldBlock when the limit has passed.
     Received receiveInTime(Message* message) { return receive(message, Wait::kLimited); }
-    // Never waits: takes messages of one packet only.
+    // Never waits: takes messages of one packet and without a descriptor only.
     Received tryReceive(Message* message) { return receive(message, Wait::kNever); }
 
     // Wakes the thread that receives, with kHangup once it has what is there already; what the
@@ -141,8 +150,16 @@ class Connection {
 
   private:
     enum class Wait { kNever, kLimited, kForever };
+    // In as many packets as it takes.
+    bool sendParts(const MessageHeader& header, const std::vector<ObjectRef>& objects,
+                   const Bytes& data, const std::function<bool()>* goOn, int descriptor);
     [[gnu::hot]] bool sendWhole(iovec* parts, size_t count, const std::function<bool()>* goOn);
+    [[gnu::cold]] bool sendBringing(int descriptor, iovec* parts, size_t count,
+                                    const std::function<bool()>* goOn);
     [[gnu::hot]] Received receive(Message* message, Wait wait);
+    // kAnnounced: what is received brings a descriptor.
+    template <bool kAnnounced>
+    Received receiveAs(Message* message, Wait wait);
     [[gnu::cold]] Received invalid(const char* why);
 
     const base::unique_fd mFd;

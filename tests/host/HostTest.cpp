@@ -14,6 +14,7 @@
 #include <fstream>
 #include <future>
 
+#include <android-base/cmsg.h>
 #include <android-base/unique_fd.h>
 #include <android/hidl/manager/1.0/IServiceManager.h>
 #include <gmock/gmock.h>
@@ -28,6 +29,7 @@
 namespace hosttest { namespace {
 
 using namespace std::chrono_literals;
+using ::android::INVALID_OPERATION;
 using ::android::OK;
 using ::android::wp;
 using ::android::hardware::hidl_death_recipient;
@@ -409,6 +411,73 @@ TEST_F(HostTest, OnlyThisUserCanReachIt) {
     EXPECT_EQ(perms::owner_read | perms::owner_write, permissions(socketName()));
 }
 
+std::string contentOf(const Handed& file) {
+    char bytes[64];
+    return {bytes, static_cast<size_t>(pread(file.handle->data[0], bytes, sizeof(bytes), 0))};
+}
+
+// How many descriptors of such files this process has.
+auto handedTo(pid_t pid) {
+    const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd");
+    return std::count_if(begin(all), end(all), [](const auto& entry) {
+        std::error_code gone;
+        return read_symlink(entry, gone) == "/memfd:handed (deleted)";
+    });
+}
+
+TEST_F(HostTest, ADescriptorTravelsInCallsAndRepliesAndIsClosed) {
+    const Handed file;
+    ASSERT_TRUE(mPeer->debug(file.handle, {"in ", "a call, "}).isOk());
+    EXPECT_EQ(0, handedTo(mService->pid()));
+    sp<Listener> listener = new Listener([&](int32_t) {
+        return mPeer->debug(file.handle, {"in one below", std::string(200 * 1024, 'x')}).isOk();
+    });
+    EXPECT_EQ(1, valueOf(mPeer->callBack(listener, 0)));
+    const auto overwrite = [](const hidl_handle& same) {
+        EXPECT_EQ(FD_CLOEXEC, fcntl(same->data[0], F_GETFD));
+        EXPECT_EQ(1, pwrite(hidl_handle(same)->data[0], "I", 1, 0));
+    };
+    ASSERT_TRUE(mPeer->handOn(file.handle, overwrite).isOk());
+    EXPECT_EQ("In a call, in one below", contentOf(file).substr(0, 23));
+    EXPECT_EQ(1, handedTo(getpid()));
+    EXPECT_TRUE(waitUntil([&] { return handedTo(mService->pid()) == 0; }));
+    // Not with a second one, nor where nobody waits for an answer.
+    Parcel data, reply;
+    EXPECT_EQ(OK, data.writeNativeHandleNoDup(file.handle));
+    EXPECT_EQ(INVALID_OPERATION, data.writeNativeHandleNoDup(file.handle));
+    const auto binder = ::android::hardware::getOrCreateCachedBinder(mPeer.get());
+    EXPECT_EQ(INVALID_OPERATION, binder->transact(13, data, &reply, IBinder::FLAG_ONEWAY));
+}
+
+TEST_F(HostTest, HandlesOfNoDescriptorTravelAndThoseOfMoreAreRefused) {
+    for (const auto& [descriptors, ints] : {std::pair(0, 0), {0, 1}, {1, 1}, {2, 0}}) {
+        native_handle_t* made = native_handle_create(descriptors, ints);
+        for (int i = 0; i < descriptors; ++i) made->data[i] = dup(STDERR_FILENO);
+        hidl_handle handle;
+        handle.setTo(made, true);
+        const auto same = [&](const hidl_handle& handle) { EXPECT_EQ(0, handle->numFds); };
+        EXPECT_EQ(descriptors + ints == 0, mPeer->handOn(handle, same).isOk());
+    }
+    const auto same = [&](const hidl_handle& handle) { EXPECT_EQ(nullptr, handle); };
+    EXPECT_TRUE(mPeer->handOn(nullptr, same).isOk());
+}
+
+TEST_F(HostTest, WithoutRoomForADescriptorTheCallFailsAlone) {
+    // From a call under way, whose connection nobody lets go meanwhile.
+    sp<Listener> listener = new Listener([&](int32_t) {
+        rlimit before;
+        prlimit(mService->pid(), RLIMIT_NOFILE, nullptr, &before);
+        const rlimit none = {3, before.rlim_max};
+        prlimit(mService->pid(), RLIMIT_NOFILE, &none, nullptr);
+        EXPECT_FALSE(mPeer->debug(Handed().handle, {"x"}).isOk());
+        return prlimit(mService->pid(), RLIMIT_NOFILE, &before, nullptr);
+    });
+    EXPECT_FALSE(mPeer->callBack(listener, 0).isOk());
+    EXPECT_TRUE(serves());
+    support::drainOutput();
+    EXPECT_THAT(mService->err().text(), testing::HasSubstr("no descriptor left to take"));
+}
+
 // A client that speaks the protocol as badly as it can.
 class BadClient {
   public:
@@ -426,8 +495,8 @@ class BadClient {
     // Of the attempt to connect; 0: it is.
     int error() const { return mError; }
 
-    void send(const std::string& bytes) {
-        ::send(mFd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    void send(const std::string& bytes, const std::vector<int>& descriptors = {}) {
+        ::android::base::SendFileDescriptorVector(mFd, bytes.data(), bytes.size(), descriptors);
     }
     bool receive() {
         char bytes[4096];
@@ -447,7 +516,7 @@ class BadClient {
 };
 
 // As host/src/Wire.h has it.
-enum Type : uint32_t { kHello = 1, kCall = 2, kRelease = 5 };
+enum Type : uint32_t { kHello = 1, kCall = 2, kRelease = 5, kDescriptorFollows = 9 };
 enum Role : uint32_t { kNone = 0, kControlRole = 1, kCallRole = 2 };
 struct Header {
     uint32_t magic = 0x314c4448;
@@ -459,7 +528,7 @@ struct Header {
     int32_t status = 0;
     uint32_t objects = 0;
     uint32_t size = 0;
-    uint32_t reserved = 0;
+    uint32_t descriptors = 0;
 
     std::string with(const std::string& payload = "") const {
         return std::string(reinterpret_cast<const char*>(this), sizeof(*this)) + payload;
@@ -467,7 +536,7 @@ struct Header {
 };
 
 TEST_F(HostTest, BytesThatAreNoValidMessageEndTheirConnectionAlone) {
-    Header wrongMagic, call, huge, release, reference, badRole;
+    Header wrongMagic, call, huge, release, reference, badRole, announcement, bringing, late;
     wrongMagic.magic = 1;
     badRole.code = 77;
     call.type = huge.type = reference.type = kCall;
@@ -477,13 +546,19 @@ TEST_F(HostTest, BytesThatAreNoValidMessageEndTheirConnectionAlone) {
     release.target = 1;
     release.amount = 1;
     reference.objects = 1;
+    announcement.type = kDescriptorFollows;
+    bringing.type = kCall;
+    bringing.descriptors = late.descriptors = 1;
     const std::string ownedByService("\0\0\0\0\0\0\0\0\2\0\0\0\0\0\0\0", 16);
 
+    const Handed file;
     const size_t linesBefore = mService->err().lines().size();
     const struct {
         const char* what;
         Role role;  // that the connection has been given before
         std::string bytes;
+        std::string then = "";  // with so many descriptors
+        size_t descriptors = 0;
     } cases[] = {
             {"shorter than a header", kNone, "x"},
             {"no hello", kNone, call.with()},
@@ -496,6 +571,12 @@ TEST_F(HostTest, BytesThatAreNoValidMessageEndTheirConnectionAlone) {
             {"call of what it does not have", kCallRole, call.with()},
             {"call that says it is larger than it is", kCallRole, huge.with()},
             {"reference to what it does not have", kCallRole, reference.with(ownedByService)},
+            {"not announced", kCallRole, announcement.with("surplus"), bringing.with(), 1},
+            {"announced, but not brought", kCallRole, announcement.with(), bringing.with()},
+            {"announced, but not said", kCallRole, announcement.with(), call.with(), 1},
+            {"more than announced", kCallRole, announcement.with(), bringing.with(), 2},
+            {"hello with one", kCallRole, announcement.with(), late.with(), 1},
+            {"announced where none can come", kControlRole, announcement.with()},
     };
     for (const auto& c : cases) {
         BadClient control, caller;
@@ -509,12 +590,15 @@ TEST_F(HostTest, BytesThatAreNoValidMessageEndTheirConnectionAlone) {
         if (c.role == kCallRole) caller.send(hello.with());
         BadClient& client = c.role == kCallRole ? caller : control;
         client.send(c.bytes);
+        if (!c.then.empty())
+            client.send(c.then, std::vector<int>(c.descriptors, file.handle->data[0]));
         EXPECT_TRUE(client.isClosed()) << c.what;
     }
     EXPECT_TRUE(waitUntil([&] {
         return mService->err().lines().size() >= linesBefore + std::size(cases);
     })) << "one log line each\n"
         << mService->describe();
+    EXPECT_TRUE(waitUntil([&] { return handedTo(mService->pid()) == 0; }));
     EXPECT_TRUE(serves());
     EXPECT_FALSE(mService->hasEnded());
 }

@@ -12,11 +12,14 @@
 #include <hidl/hosttest/1.0/IListener.h>
 #include <hidl/hosttest/1.0/IPeer.h>
 #include <hwbinder/IPCThreadState.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 namespace hosttest {
 
 using ::android::sp;
+using ::android::hardware::hidl_handle;
+using ::android::hardware::hidl_string;
 using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
 using ::android::hardware::Void;
@@ -49,6 +52,16 @@ class Monitor {
     std::mutex mMutex;
     std::condition_variable mChanged;
     T mValue{};
+};
+
+// A file in memory, to be handed in.
+struct Handed {
+    Handed() {
+        native_handle_t* created = native_handle_create(1, 0);
+        created->data[0] = memfd_create("handed", MFD_CLOEXEC);
+        handle.setTo(created, true);
+    }
+    hidl_handle handle;
 };
 
 struct Listener : IListener {
@@ -127,6 +140,18 @@ struct Peer : IPeer {
     }
     Return<void> release() override {
         mReleased.change([](bool& released) { released = true; });
+        return Void();
+    }
+
+    // Writes each option there.
+    Return<void> debug(const hidl_handle& handle, const hidl_vec<hidl_string>& options) override {
+        const bool brings = handle != nullptr && handle->numFds > 0;
+        const int fd = brings ? handle->data[0] : -1;
+        for (const std::string option : options) dprintf(fd, "%s", option.c_str());
+        return Void();
+    }
+    Return<void> handOn(const hidl_handle& given, handOn_cb _hidl_cb) override {
+        _hidl_cb(hidl_handle(given));  // gone before the reply leaves
         return Void();
     }
 

@@ -24,6 +24,9 @@ namespace android { namespace hardware {
 class Parcel {
   public:
     Parcel() = default;
+    ~Parcel() {
+        if (mHandle != nullptr) dropHandle();
+    }
     Parcel(const Parcel&) = delete;
     Parcel& operator=(const Parcel&) = delete;
 
@@ -57,15 +60,22 @@ class Parcel {
     [[gnu::hot]] status_t readEmbeddedBuffer(size_t length, size_t* handle, size_t parentHandle,
                                              size_t parentOffset, const void** bytes) const;
 
-    // Descriptors do not travel on the host: INVALID_OPERATION for any handle but NULL.
+    // A handle without ints and with no more than one descriptor, of which a two-way call, and its
+    // reply, carries one; INVALID_OPERATION and a log line for any other. The descriptor is dup'ed,
+    // since a reply leaves when what it was made of has gone. NULL is a value like any other.
     status_t writeNativeHandleNoDup(const native_handle_t* handle);
+    // The handle and its descriptor are the parcel's, and go with it.
     status_t readNullableNativeHandleNoDup(const native_handle_t** handle) const;
 
     // For the transport.
     const Bytes& bytes() const { return mData; }
     const std::vector<sp<IBinder>>& objects() const { return mObjects; }
+    // Of the handle that it carries; -1: none.
+    int descriptor() const { return mHandle == nullptr ? -1 : mHandle->data[0]; }
     // Replaces the content by what arrived and starts reading it.
     [[gnu::hot]] void setReceived(Bytes bytes, std::vector<sp<IBinder>> objects);
+    // What arrived with it, which it takes. To be called once.
+    [[gnu::cold]] void setDescriptor(int descriptor);
 
   private:
     template <typename T>
@@ -89,9 +99,11 @@ class Parcel {
     }
     [[gnu::hot]] void align();
     [[gnu::hot]] bool alignForReading() const;
+    [[gnu::cold]] void dropHandle();
 
     Bytes mData;
     std::vector<sp<IBinder>> mObjects;
+    native_handle_t* mHandle = nullptr;  // owned, with its one descriptor
     mutable size_t mPosition = 0;
 };
 
