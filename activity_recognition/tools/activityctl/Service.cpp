@@ -3,9 +3,9 @@
 
 #include <fmt/format.h>
 #include <hidl/HidlTransportSupport.h>
-#include <signal.h>
 
 #include "Failure.h"
+#include "Waiting.h"
 
 namespace activityctl {
 namespace {
@@ -300,9 +300,7 @@ Service::Service(const std::string& instance, Version version)
 
 Service::Service(const std::string& instance, Version version, int64_t waitNs)
     : Service(instance, version) {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
+    const sigset_t signals = endingSignals();
     const timespec pause = {0, kPauseNs};
     for (int64_t waited = 0; !find(); waited += kPauseNs) {
         // Those signals may be blocked, to be taken later.

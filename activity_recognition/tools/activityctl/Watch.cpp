@@ -4,9 +4,6 @@
 // the queue.
 #include <fmt/format.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/signalfd.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,30 +13,12 @@
 #include <android-base/unique_fd.h>
 
 #include "Commands.h"
+#include "Waiting.h"
 
 namespace activityctl {
 namespace {
 
 using ::android::base::unique_fd;
-
-// main() has blocked these in every thread.
-unique_fd openSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
-    return unique_fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-}
-
-unique_fd openTimer(std::optional<int64_t> ns) {
-    unique_fd fd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-    if (ns) {
-        itimerspec after{};
-        const int64_t wait = std::max<int64_t>(*ns, 1);  // 0 would disarm it
-        after.it_value = {wait / 1'000'000'000, wait % 1'000'000'000};
-        timerfd_settime(fd.get(), 0, &after, nullptr);
-    }
-    return fd;
-}
 
 class Watch {
   public:

@@ -19,6 +19,7 @@
 #include "Options.h"
 #include "Output.h"
 #include "Service.h"
+#include "Waiting.h"
 #include "Text.h"
 
 namespace activityctl { namespace {
@@ -44,15 +45,6 @@ Exit status:
   2  wrong command line           5  the service died or a call failed
   6  the output could not be written
 )";
-
-// Signals that end a command that stays are waited for like everything else; threads that the
-// service's calls start later inherit the mask.
-void takeOverSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
 
 class CommandLine {
   public:
