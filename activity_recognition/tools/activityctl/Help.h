@@ -1,0 +1,156 @@
+// SPDX-License-Identifier: Apache-2.0
+// What --help says of activityctl and of each of its commands.
+#pragma once
+
+namespace activityctl {
+
+struct Help {
+    const char* name;
+    const char* summary;  // in the list of commands, and on top of the command's own help
+    const char* details;  // below its options: what one must know, and an example
+};
+
+constexpr const char* kGeneralHelp = R"(
+Examples:
+  activityctl status
+  activityctl watch walking:1 --latency 2s
+  activityctl watch walking:1@5s running still:2 --json --count 100
+  activityctl --interface 1.0 watch still:1 --for 1min
+  activityctl env init home && activityctl env watch home:1
+
+PAIR is ACTIVITY[:EVENT][@LATENCY]: an activity by name or number, event type 1 or 2 (without it:
+both), and how long reports may be held back (min, s, ms, us, ns). The service rounds an activity's
+latency down to whole seconds, at least one. activityctl COMMAND --help explains a command.
+
+Exit status:
+  0  done                         3  nobody serves the instance
+  1  the service refused          4  the service or its module lacks what is asked for
+  2  wrong command line           5  the service died or a call failed
+  6  the output could not be written
+)";
+
+constexpr Help kStatusHelp{
+        "status", "Versions, interfaces, supported lists and current state",
+        R"(A side that the native module does not offer is named as such, and no failure.
+
+Example:
+  activityctl status --json | jq '.activity.activities[].name'
+)"};
+
+constexpr Help kListHelp{
+        "list", "Supported activities",
+        R"(The number before a name says the same as the name wherever a PAIR is asked for.
+
+Example:
+  activityctl list
+)"};
+
+constexpr Help kCurrentHelp{"current", "The records that are current now",
+                            R"(They are the module's, whoever has enabled what.
+
+Example:
+  activityctl current --raw
+)"};
+
+constexpr Help kWatchHelp{
+        "watch", "Enable pairs and print events until Ctrl-C",
+        R"(Without a PAIR nothing is enabled: extended events come anyway, and through version 1.0
+everybody's plain ones. On Ctrl-C, SIGTERM or SIGHUP it disables what it enabled. With --json a
+line with "what":"ready" tells that all is enabled.
+
+Example:
+  activityctl watch walking:1@5s running --count 10
+)"};
+
+constexpr Help kEnableHelp{
+        "enable", "Enable pairs and hold them until Ctrl-C",
+        R"(A request belongs to the process that made it, so this one stays, registered through its
+interface version, until it is told to go.
+
+Example:
+  activityctl enable walking:1@5s --for 10min
+)"};
+
+constexpr Help kDisableHelp{
+        "disable", "Withdraw a request of this very process (see below)",
+        R"(A fresh process has no request, so the service refuses unless this process has got the process
+id of one that left a request behind. To disable while going on, give watch or enable --control
+a line: disable PAIR.
+
+Example:
+  echo disable walking:1 | activityctl watch walking --control
+)"};
+
+constexpr Help kFlushHelp{
+        "flush", "Have the module deliver what it holds back",
+        R"(For all clients: what the module has collected comes at once, whatever latency was asked for.
+
+Example:
+  activityctl flush
+)"};
+
+constexpr Help kEnvHelp{
+        "env", "The same for environments",
+        R"(Control calls go straight to the native module: nothing is merged, counted or undone when a
+process ends, and every watcher gets every event.
+
+Example:
+  activityctl env init home && activityctl env watch home:1
+)"};
+
+constexpr Help kEnvListHelp{
+        "list", "Supported environments",
+        R"(The number before a name says the same as the name wherever an environment is asked for.
+
+Example:
+  activityctl env list
+)"};
+
+constexpr Help kEnvCurrentHelp{"current", "The records that are current now",
+                               R"(They are the module's, whoever has enabled what.
+
+Example:
+  activityctl env current --json
+)"};
+
+constexpr Help kEnvInitHelp{
+        "init", "Initialise environments",
+        R"(The service passes it on and keeps no record of it; a module may want it before enable.
+
+Example:
+  activityctl env init home --params 1,2,3,4 --name kitchen
+)"};
+
+constexpr Help kEnvExitHelp{"exit", "The opposite of init",
+                            R"(Whoever initialised the environment.
+
+Example:
+  activityctl env exit home
+)"};
+
+constexpr Help kEnvEnableHelp{
+        "enable", "Enable pairs; they stay enabled",
+        R"(The service keeps no record of it, so the pair stays enabled when this command has ended, until
+anybody disables it.
+
+Example:
+  activityctl env enable home:1@5s
+)"};
+
+constexpr Help kEnvDisableHelp{"disable", "Disable pairs, whoever enabled them",
+                               R"(Unlike requests for activities, environments are everybody's.
+
+Example:
+  activityctl env disable home
+)"};
+
+constexpr Help kEnvWatchHelp{
+        "watch", "Print events until Ctrl-C, of pairs enabled meanwhile if any",
+        R"(Every watcher gets every event, whoever enabled its pair. What this command was given is
+disabled on leaving, also for others that had enabled it.
+
+Example:
+  activityctl env watch home:1@0 --count 1
+)"};
+
+}  // namespace activityctl
