@@ -42,7 +42,7 @@ PLATFORM_HEADERS = {
     r"hardware/hardware\.h": "libhardware",
     r"utils/(Errors|KeyedVector|Log|Mutex|RefBase|SortedVector|StrongPointer|Timers|Vector)\.h":
         "libutils",
-    r"cutils/trace\.h": "libcutils",
+    r"cutils/(native_handle|trace)\.h": "libcutils",
     r"android-base/unique_fd\.h": "libbase",
     r"log/log\.h|android/log\.h": "liblog",
     rf"{PACKAGE.replace('.', '/')}/(1\.[01])/\w+\.h": rf"{PACKAGE}@\1",

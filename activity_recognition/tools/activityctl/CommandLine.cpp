@@ -182,6 +182,7 @@ constexpr const char* kEnvParamsHelp = "A,B,C,D: four numbers for the native mod
 
 void CommandLine::addGeneral() {
     add(mApp, kStatusHelp, [this](Output& output) { return status(mOptions, output); });
+    add(mApp, kDumpHelp, [this](Output& output) { return dump(mOptions, output); });
 }
 
 void CommandLine::addActivities() {

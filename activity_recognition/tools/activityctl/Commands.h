@@ -18,6 +18,9 @@ ExitStatus list(Side& side, Output& output);
 ExitStatus current(Side& side, Output& output);
 ExitStatus status(const Options& options, Output& output);
 
+// DumpCommand.cpp
+ExitStatus dump(const Options& options, Output& output);
+
 // Control.cpp: one call per pair or environment, then done
 ExitStatus disable(Side& side, const Options& options, Output& output);
 ExitStatus flush(ActivitySide& side, Output& output);

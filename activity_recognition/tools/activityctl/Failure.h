@@ -14,7 +14,7 @@ enum ExitStatus : int {
     kRefused = 1,      // the service answered that it would not do it
     kUsage = 2,        // the command line says something impossible
     kNoService = 3,    // nobody serves the instance
-    kUnavailable = 4,  // the service runs, but its native module lacks this side
+    kUnavailable = 4,  // the service runs, but it or its native module lacks what is asked for
     kServiceLost = 5,  // the service died, or a call to it failed
     kOutput = 6,       // standard output could not be written
 };

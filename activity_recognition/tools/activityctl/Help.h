@@ -37,6 +37,18 @@ Example:
   activityctl status --json | jq '.activity.activities[].name'
 )"};
 
+constexpr Help kDumpHelp{
+        "dump", "What the service keeps and does: clients, requests, pairs, locks, calls",
+        R"(For whoever wonders why events come or stay away. It tells which lock could not be had and who
+holds it, pairs that the module has enabled and nobody asks for ("orphans"),
+and requests whose process has no callback. It changes nothing, and does not wait for clients or
+for the module: names of activities are left out when the module does not give them at once.
+With --raw times are nanoseconds of CLOCK_MONOTONIC instead of ages.
+
+Example:
+  activityctl dump --json | jq '.activity.orphans'
+)"};
+
 constexpr Help kListHelp{
         "list", "Supported activities",
         R"(The number before a name says the same as the name wherever a PAIR is asked for.

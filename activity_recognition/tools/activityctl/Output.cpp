@@ -44,9 +44,11 @@ void Output::printAt(int64_t ns, const std::string& what, nlohmann::json object,
         // A name comes from the native module, in whatever bytes it likes.
         line = object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     }
-    if (line.empty()) return;
-    line += '\n';
-    if (fwrite(line.data(), 1, line.size(), stdout) != line.size() || fflush(stdout) != 0) {
+    if (!line.empty()) write(line + '\n');
+}
+
+void Output::write(const std::string& text) {
+    if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0) {
         if (mError == 0) mError = errno;
     }
 }

@@ -16,12 +16,16 @@ class Output {
     Output(bool json, bool raw);
 
     bool json() const { return mJson; }
+    bool raw() const { return mRaw; }
 
     // Prints whichever of the two is asked for. Flushes: the reader may be a pipe that waits.
     void print(const std::string& what, nlohmann::json object, const std::string& text);
     // As above, for something that happened at a time of its own.
     void printAt(int64_t ns, const std::string& what, nlohmann::json object,
                  const std::string& text);
+
+    // Writes as it is.
+    void write(const std::string& text);
 
     // Whether what is printed arrives.
     bool isOpen() const { return mError == 0; }

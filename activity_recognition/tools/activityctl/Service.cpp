@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Service.h"
 
+#include <cutils/native_handle.h>
 #include <fmt/format.h>
 #include <hidl/HidlTransportSupport.h>
 
@@ -13,6 +14,7 @@ namespace {
 using ::android::sp;
 using ::android::wp;
 using ::android::hardware::hidl_death_recipient;
+using ::android::hardware::hidl_handle;
 using ::android::hardware::hidl_string;
 using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
@@ -338,6 +340,15 @@ std::vector<std::string> Service::interfaceChain() {
     check(mRoot->interfaceChain([&chain](const auto& names) { chain = toStrings(names); }),
           "interfaceChain");
     return chain;
+}
+
+void Service::debug(::android::base::unique_fd fd, const std::vector<std::string>& options) {
+    native_handle_t* handle = native_handle_create(1 /* descriptor */, 0 /* integers */);
+    if (handle == nullptr) throw Failure(kServiceLost, "no memory for a handle");
+    handle->data[0] = fd.release();
+    hidl_handle owner;
+    owner.setTo(handle, true /* shouldOwn */);
+    check(mRoot->debug(owner, std::vector<hidl_string>(options.begin(), options.end())), "debug");
 }
 
 std::unique_ptr<ActivitySide> Service::findActivities() {

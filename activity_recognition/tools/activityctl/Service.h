@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include <android-base/unique_fd.h>
+
 #include "DeliveryQueue.h"
 #include "Records.h"
 #include "Text.h"
@@ -76,6 +78,9 @@ class Service {
 
     // The interfaces that the served object says it has, most derived first.
     std::vector<std::string> interfaceChain();
+
+    // Has the service write to a descriptor what it tells of itself.
+    void debug(::android::base::unique_fd fd, const std::vector<std::string>& options);
 
     // NULL if the service's native module has no such side.
     std::unique_ptr<ActivitySide> findActivities();

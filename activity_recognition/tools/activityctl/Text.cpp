@@ -34,6 +34,15 @@ struct Unit {
 // Largest first, as formatLatency() tries them.
 constexpr Unit kUnits[] = {{"min", 6, 10}, {"s", 1, 9}, {"ms", 1, 6}, {"us", 1, 3}, {"ns", 1, 0}};
 
+// In UTF-8 all bytes of a character but the first one begin with the bits 10.
+bool beginsCharacter(char byte) {
+    return (byte & 0xc0) != 0x80;
+}
+
+size_t widthOf(const std::string& text) {
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(), beginsCharacter));
+}
+
 }  // namespace
 
 // Not CLI::AsNumberWithUnit, which for decimals goes through a double printed with six digits.
@@ -78,6 +87,17 @@ std::string formatLatency(int64_t ns) {
         if (ns % unit.ns() == 0) return fmt::format("{}{}", ns / unit.ns(), unit.name);
     }
     return fmt::format("{}ns", ns);
+}
+
+std::string formatAge(int64_t ns) {
+    const double seconds = static_cast<double>(ns) / 1e9;
+    if (seconds < 1e-3) return fmt::format("{} us", ns / 1000);
+    if (seconds < 0.1) return fmt::format("{:.1f} ms", seconds * 1e3);
+    if (seconds < 60) return fmt::format("{:.1f} s", seconds);
+    const int64_t whole = ns / 1'000'000'000;
+    if (whole < 3600) return fmt::format("{} min {} s", whole / 60, whole % 60);
+    if (whole < 86400) return fmt::format("{} h {} min", whole / 3600, whole / 60 % 60);
+    return fmt::format("{} d {} h", whole / 86400, whole / 3600 % 24);
 }
 
 std::array<double, 4> parseParams(const std::string& text) {
@@ -158,6 +178,30 @@ std::string nearest(const std::string& word, const std::vector<std::string>& kno
         best = candidate;
     }
     return best;
+}
+
+std::vector<std::string> inColumns(const std::vector<std::vector<std::string>>& rows) {
+    std::vector<size_t> widths;
+    for (const auto& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], widthOf(row[i]));
+    }
+    std::vector<std::string> lines;
+    for (const auto& row : rows) {
+        std::string line;
+        for (size_t i = 0; i < row.size(); ++i) {
+            const std::string room(widths[i] - widthOf(row[i]), ' ');
+            line += i == 0 ? row[i] + room : "  " + room + row[i];
+        }
+        lines.push_back(line.substr(0, line.find_last_not_of(' ') + 1));
+    }
+    return lines;
+}
+
+std::string firstOf(const std::string& text, size_t characters) {
+    size_t at = 0;
+    while (at < text.size() && (!beginsCharacter(text[at]) || characters-- > 0)) ++at;
+    return text.substr(0, at);
 }
 
 std::string printable(const std::string& text) {

@@ -21,6 +21,9 @@ inline int64_t parseLatency(const std::string& text) {
 // The shortest of the above that says the same.
 std::string formatLatency(int64_t ns);
 
+// How long something takes or is past, to two or three digits: "3.2 s", "1 min 5 s".
+std::string formatAge(int64_t ns);
+
 // Four numbers, comma-separated.
 std::array<double, 4> parseParams(const std::string& text);
 
@@ -50,6 +53,12 @@ std::string nearest(const std::string& word, const std::vector<std::string>& kno
 // Names come from the native module, in whatever bytes it likes: control characters are shown, as
 // \x1b, not sent to the terminal.
 std::string printable(const std::string& text);
+
+// Rows of cells in columns, the first one to the left and the others to the right.
+std::vector<std::string> inColumns(const std::vector<std::vector<std::string>>& rows);
+
+// The first so many characters of a text in UTF-8.
+std::string firstOf(const std::string& text, size_t characters);
 
 // The decimal digits of a uint32, or nothing.
 std::optional<uint32_t> parseNumber(const std::string& text);

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+// Calls of the service have no bound. Who must go on makes them on a thread of their own, which is
+// left behind when its call does not return.
+#pragma once
+
+#include <chrono>
+#include <future>
+#include <optional>
+#include <thread>
+#include <utility>
+
+namespace activityctl {
+
+// call owns what it uses. Its result, or the exception that it ends with, is the future's.
+template <typename Call>
+auto inBackground(Call call) {
+    std::packaged_task<decltype(call())()> task(std::move(call));
+    auto result = task.get_future();
+    std::thread(std::move(task)).detach();
+    return result;
+}
+
+// The result, or nothing when it took longer.
+template <typename Call>
+auto inTime(int64_t ns, Call call) {
+    auto result = inBackground(std::move(call));
+    return result.wait_for(std::chrono::nanoseconds(ns)) == std::future_status::ready
+                   ? std::optional(result.get())
+                   : std::nullopt;
+}
+
+}  // namespace activityctl
