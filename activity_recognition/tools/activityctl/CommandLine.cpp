@@ -183,6 +183,12 @@ constexpr const char* kEnvParamsHelp = "A,B,C,D: four numbers for the native mod
 void CommandLine::addGeneral() {
     add(mApp, kStatusHelp, [this](Output& output) { return status(mOptions, output); });
     add(mApp, kDumpHelp, [this](Output& output) { return dump(mOptions, output); });
+    auto* watching = add(mApp, kTopHelp, [this](Output& output) {
+        takeOverSignals(topSignals());
+        return top(mOptions, output);
+    });
+    addCount(*watching, "refreshes");
+    addFor(*watching);
 }
 
 void CommandLine::addActivities() {

@@ -2,6 +2,8 @@
 // The sub-commands. Each returns kOk or throws Failure.
 #pragma once
 
+#include <signal.h>
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -20,6 +22,10 @@ ExitStatus status(const Options& options, Output& output);
 
 // DumpCommand.cpp
 ExitStatus dump(const Options& options, Output& output);
+
+// Top.cpp; whoever calls it has taken over topSignals().
+sigset_t topSignals();
+ExitStatus top(const Options& options, Output& output);
 
 // Control.cpp: one call per pair or environment, then done
 ExitStatus disable(Side& side, const Options& options, Output& output);

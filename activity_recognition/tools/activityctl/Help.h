@@ -15,6 +15,7 @@ Examples:
   activityctl status
   activityctl watch walking:1 --latency 2s
   activityctl watch walking:1@5s running still:2 --json --count 100
+  activityctl top
   activityctl --interface 1.0 watch still:1 --for 1min
   activityctl env init home && activityctl env watch home:1
 
@@ -47,6 +48,17 @@ With --raw times are nanoseconds of CLOCK_MONOTONIC instead of ages.
 
 Example:
   activityctl dump --json | jq '.activity.orphans'
+)"};
+
+constexpr Help kTopHelp{
+        "top", "Clients, pairs and calls under way, anew every second",
+        R"(On a terminal a table that q or Ctrl-C ends; it outlives the service and shows the next one.
+Elsewhere it prints a snapshot a second, with --json one object each, until its reader goes.
+REC/S is the records a second that a client got since the last refresh, LAST and WORST how long its callback took.
+A client in dim letters is shown as it was, because the table that it stands in is locked.
+
+Example:
+  activityctl top --count 1 --json | jq '.clients[] | {pid, records_per_second}'
 )"};
 
 constexpr Help kListHelp{

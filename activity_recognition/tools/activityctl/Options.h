@@ -24,7 +24,7 @@ struct Options {
     Extras extras;
 
     // Watching, and holding an enable.
-    std::optional<uint64_t> count;  // events
+    std::optional<uint64_t> count;  // events, or refreshes of top
     std::optional<int64_t> forNs;
     bool control = false;    // commands come on standard input
     bool leave = false;      // enable and go, without registering
