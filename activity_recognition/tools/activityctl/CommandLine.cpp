@@ -189,6 +189,12 @@ void CommandLine::addGeneral() {
     });
     addCount(*watching, "refreshes");
     addFor(*watching);
+    auto* sweeping =
+            add(mApp, kSweepHelp, [this](Output& output) { return sweep(mOptions, output); });
+    addPairs(*sweeping, "ACTIVITY[:EVENT] of an orphan, without EVENT all of the activity's",
+             false);
+    sweeping->add_flag("--dry-run", mOptions.dryRun,
+                       "Tell what would be swept, and change nothing");
 }
 
 void CommandLine::addActivities() {

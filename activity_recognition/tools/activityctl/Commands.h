@@ -27,6 +27,9 @@ ExitStatus dump(const Options& options, Output& output);
 sigset_t topSignals();
 ExitStatus top(const Options& options, Output& output);
 
+// Sweep.cpp
+ExitStatus sweep(const Options& options, Output& output);
+
 // Control.cpp: one call per pair or environment, then done
 ExitStatus disable(Side& side, const Options& options, Output& output);
 ExitStatus flush(ActivitySide& side, Output& output);

@@ -41,7 +41,7 @@ Example:
 constexpr Help kDumpHelp{
         "dump", "What the service keeps and does: clients, requests, pairs, locks, calls",
         R"(For whoever wonders why events come or stay away. It tells which lock could not be had and who
-holds it, pairs that the module has enabled and nobody asks for ("orphans"),
+holds it, pairs that the module has enabled and nobody asks for ("orphans", which sweep withdraws),
 and requests whose process has no callback. It changes nothing, and does not wait for clients or
 for the module: names of activities are left out when the module does not give them at once.
 With --raw times are nanoseconds of CLOCK_MONOTONIC instead of ages.
@@ -59,6 +59,21 @@ A client in dim letters is shown as it was, because the table that it stands in 
 
 Example:
   activityctl top --count 1 --json | jq '.clients[] | {pid, records_per_second}'
+)"};
+
+constexpr Help kSweepHelp{
+        "sweep", "Withdraw orphans: pairs that the module has enabled and nobody asks for",
+        R"(A client that dies takes its requests along, but the module is not told. sweep enables such a
+pair itself, with a latency of seven days, and disables it, which the module is told. Without a
+PAIR it does so for every orphan; a pair that is none is refused.
+
+It is a version 1.1 client meanwhile, so that its request goes with it should it be killed in
+between. If the module reports an event of the pair at that very moment, this process stays in the
+service's report list until the service ends: every version 1.0 client then gets one more empty
+list with each batch.
+
+Example:
+  activityctl sweep --dry-run && activityctl sweep still:1
 )"};
 
 constexpr Help kListHelp{
@@ -99,7 +114,7 @@ constexpr Help kDisableHelp{
         "disable", "Withdraw a request of this very process (see below)",
         R"(A fresh process has no request, so the service refuses unless this process has got the process
 id of one that left a request behind. To disable while going on, give watch or enable --control
-a line: disable PAIR.
+a line: disable PAIR. What a dead client left enabled in the module is withdrawn by sweep.
 
 Example:
   echo disable walking:1 | activityctl watch walking --control

@@ -28,6 +28,7 @@ struct Options {
     std::optional<int64_t> forNs;
     bool control = false;    // commands come on standard input
     bool leave = false;      // enable and go, without registering
+    bool dryRun = false;     // tell what would be swept
     bool reconnect = false;  // wait for a service that has died to come back
 };
 

@@ -6,7 +6,7 @@ _activityctl() {
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
             env) side=env ;;
-            status | dump | top | list | current | watch | enable | disable | flush | init | exit)
+            status | dump | top | sweep | list | current | watch | enable | disable | flush | init | exit)
                 command=${COMP_WORDS[i]}
                 ;;
         esac
@@ -15,7 +15,7 @@ _activityctl() {
         -i,* | --interface,*) words="1.0 1.1" ;;
         --instance,*) words=default ;;
         *,env,) words="list current init exit enable disable watch --help" ;;
-        *,,) words="status dump top list current watch enable disable flush env
+        *,,) words="status dump top sweep list current watch enable disable flush env
             --help --version --instance --interface --json --raw --wait" ;;
         *,watch | *,enable | *,disable | *,init | *,exit)
             words="$(activityctl $side list 2>/dev/null | awk '{print $2}')
@@ -24,6 +24,7 @@ _activityctl() {
             [[ $command != watch && $command != enable ]] || words+=" --for --control --reconnect"
             ;;
         *,top) words="--help --count --for" ;;
+        *,sweep) words="$(activityctl sweep --dry-run 2>/dev/null | awk '/^would/ {print $3}') --help --dry-run" ;;
         *) words=--help ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$word")
