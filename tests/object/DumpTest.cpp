@@ -128,7 +128,7 @@ TEST_F(DumpTest, NamesWhatHangsAndWhatItHolds) {
         module.inside = nullptr;
     };
     plain({{1, 1, 5, 0, {}}});
-    const nlohmann::json held = {"activity mListMutex"};
+    const nlohmann::json held = {"ActivityInterface::mListMutex"};
     EXPECT_EQ(inside["held"], held);
     EXPECT_EQ(inside["activity"]["clients"], nullptr);
     EXPECT_EQ(inside["activity"]["left_behind"], nullptr);
@@ -140,13 +140,13 @@ TEST_F(DumpTest, NamesWhatHangsAndWhatItHolds) {
     EXPECT_EQ(nested["in_flight"][1]["call"], "enable_activity_event");
     EXPECT_EQ(nested["in_flight"][1]["client"], false);
     EXPECT_EQ(nested["in_flight"][1]["pid"], 71);
-    EXPECT_EQ(nested["in_flight"][1]["holds"], "activity mListMutex");
+    EXPECT_EQ(nested["in_flight"][1]["holds"], "ActivityInterface::mListMutex");
     EXPECT_TRUE(json()["in_flight"].empty());
 
     const auto environment = add<EnvClient0>(70, "e");
     environment->inside = [&] { look(&inside); };
     this->environment({Context(1, 1, 5)});
-    EXPECT_EQ(inside["held"], (nlohmann::json{"environment mListMutex"}));
+    EXPECT_EQ(inside["held"], (nlohmann::json{"EnvironmentInterface::mListMutex"}));
     EXPECT_EQ(inside["in_flight"][0]["side"], "environment");
 }
 

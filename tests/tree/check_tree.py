@@ -271,6 +271,8 @@ def log_texts():
         source = re.sub(r'^#include.*|//.*|static_assert\([^"]*("[^"]*"[^")]*)+', "", path.read_text(),
                         flags=re.M)
         tags = re.findall(f"#define LOG_TAG {literal}", source) or both
+        if tags is both and path.suffix == ".cpp":
+            continue  # it logs nothing
         for match in re.finditer(r"(?:(?:ALOG|ANDROID_LOG_)([VDIWE])(?:\(|\w+, [\w.]+,)|FATAL_IF\((?=(\w+)))?"
                                  rf"\s*(?:{literal}(?:\s*{literal})*)?", source):
             level, condition = match[1], match[2]

@@ -32,7 +32,7 @@ constexpr BroadcastTexts kPlainV1_0 = {
         "ActChangedCbV1_0",
 };
 
-constexpr char kListMutex[] = "activity mListMutex";
+constexpr char kListMutex[] = "ActivityInterface::mListMutex";
 constexpr CallSite kCallPlainV1_1 = {"activity", "onActivityChangedV1_1", kListMutex};
 constexpr CallSite kCallPlainV1_0 = {"activity", "onActivityChanged", kListMutex};
 constexpr CallSite kCallExtendV1_1 = {"activity", "onActivityExtendChangedV1_1", kListMutex};

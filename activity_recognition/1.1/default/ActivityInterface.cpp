@@ -92,39 +92,39 @@ Return<void> ActivityInterface::getCurrentActivityV1_1(getCurrentActivityV1_1_cb
 
 ActivityState ActivityInterface::look() {
     ActivityState state;
-    state.hasClients = LockInTime(mListMutex);
-    if (state.hasClients) {
+    if (LockInTime(mListMutex)) {
+        state.hasClients = true;
         CopyClients(mClientVectorV1_1, "1.1", &state);
         CopyClients(mClientVectorV1_0, "1.0", &state);
         state.reportList = packageNames.size();
         mListMutex.unlock();
     } else {
-        state.held.push_back("activity mListMutex");
+        state.held.push_back("ActivityInterface::mListMutex");
     }
-    state.hasRequests = LockInTime(eventMutex);
-    if (state.hasRequests) {
+    if (LockInTime(eventMutex)) {
+        state.hasRequests = true;
         for (const auto& standing : mEventData) {
             state.requests.push_back({standing, standing.askedNs});
         }
         state.barriers.assign(firstReport.begin(), firstReport.end());
         eventMutex.unlock();
     } else {
-        state.held.push_back("activity eventMutex");
+        state.held.push_back("ActivityInterface::eventMutex");
     }
-    state.hasNative = LockInTime(mNativeLock);
-    if (state.hasNative) {
+    if (LockInTime(mNativeLock)) {
+        state.hasNative = true;
         state.recorded.assign(mEnableToNativeData.begin(), mEnableToNativeData.end());
         state.told = mTold.copy();
         mNativeLock.unlock();
     } else {
-        state.held.push_back("activity mNativeLock");
+        state.held.push_back("ActivityInterface::mNativeLock");
     }
     state.hasLastEvents = mLastActivityEvent.look(&state.lastEvents);
-    if (!state.hasLastEvents) state.held.push_back("activity mLastActivityEvent");
+    if (!state.hasLastEvents) state.held.push_back("ActivityInterface::mLastActivityEvent");
     state.hasShared = mDeathRecipient.look(&state.shared);
-    if (!state.hasShared) state.held.push_back("activity mDeathRecipient");
+    if (!state.hasShared) state.held.push_back("ActivityInterface::mDeathRecipient");
     state.hasOwn = mDeathRecipientVectorV1_1.look(&state.own);
-    if (!state.hasOwn) state.held.push_back("activity mDeathRecipientVectorV1_1");
+    if (!state.hasOwn) state.held.push_back("ActivityInterface::mDeathRecipientVectorV1_1");
     state.history = sHistory.copy();
     return state;
 }

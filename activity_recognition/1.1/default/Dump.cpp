@@ -60,6 +60,11 @@ Pairs JoinPairs(const ActivityState& state) {
     return pairs;
 }
 
+// Signed, unlike the key that it is.
+void WritePid(DumpWriter& out, uint64_t pid) {
+    out.number("pid", static_cast<int64_t>(pid));
+}
+
 void WritePairNumbers(DumpWriter& out, uint32_t activity, uint32_t event) {
     out.number("activity", activity);
     out.number("event_type", event);
@@ -71,7 +76,7 @@ void WriteClients(DumpWriter& out, const CommonState& state) {
     for (const ClientState& client : state.clients) {
         out.openObject(nullptr);
         out.text("version", client.version);
-        out.number("pid", client.pid);
+        WritePid(out, client.pid);
         out.moment("registered_ns", client.calls.registeredNs);
         out.number("calls", client.calls.calls);
         out.number("failed", client.calls.failed);
@@ -91,7 +96,7 @@ void WriteRequests(DumpWriter& out, const ActivityState& state) {
         const EnableRequestData& request = row.request;
         const other_params& params = request.otherParams;
         out.openObject(nullptr);
-        out.number("pid", request.pid);
+        WritePid(out, request.pid);
         WritePairNumbers(out, request.activity, request.event);
         out.duration("asked_latency_ns", row.askedNs);
         out.duration("latency_ns", request.reportLatencyNs);
@@ -122,7 +127,7 @@ void WriteTold(DumpWriter& out, const Told& told) {
 
 void WriteRecorded(DumpWriter& out, const EnableToNativeData& recorded) {
     out.openObject("recorded");
-    out.number("pid", uint64_t{recorded.pid});
+    WritePid(out, recorded.pid);
     out.duration("latency_ns", recorded.reportLatencyNs);
     out.flag("no_wake", recorded.noWake != 0);
     out.close();
@@ -165,7 +170,7 @@ void WriteLeftBehind(DumpWriter& out, const ActivityState& state) {
     for (const RequestState& row : state.requests) {
         if (registered.count(row.request.pid) != 0) continue;
         out.openObject(nullptr);
-        out.number("pid", row.request.pid);
+        WritePid(out, row.request.pid);
         WritePairNumbers(out, row.request.activity, row.request.event);
         out.close();
     }
@@ -177,7 +182,7 @@ void WriteBarriers(DumpWriter& out, const ActivityState& state) {
     out.openList("barriers");
     for (const FirstReport& barrier : state.barriers) {
         out.openObject(nullptr);
-        out.number("pid", barrier.pid);
+        WritePid(out, barrier.pid);
         WritePairNumbers(out, barrier.activity, barrier.event);
         out.number("timestamp", barrier.timestamp);
         out.close();
@@ -191,7 +196,7 @@ void WriteRecipients(DumpWriter& out, const CommonState& state, const ActivitySt
     if (activity != nullptr && !activity->hasOwn) out.unknown("own");
     if (activity != nullptr && activity->hasOwn) {
         out.openList("own");
-        for (const uint64_t pid : activity->own) out.number(nullptr, pid);
+        for (const uint64_t pid : activity->own) out.number(nullptr, static_cast<int64_t>(pid));
         out.close();
     }
     out.close();
@@ -220,7 +225,7 @@ void WriteHistory(DumpWriter& out, const ActivityState& state) {
     for (const Attempt& attempt : state.history) {
         out.openObject(nullptr);
         out.moment("at_ns", attempt.atNs);
-        out.number("pid", attempt.pid);
+        WritePid(out, attempt.pid);
         out.text("call", attempt.call);
         if (strcmp(attempt.call, "flush") == 0) {
             out.none("activity");
@@ -272,7 +277,7 @@ void WriteInFlight(DumpWriter& out) {
         out.text("side", call.site->side);
         out.flag("client", call.site->holds != nullptr);
         out.text("call", call.site->call);
-        out.number("pid", call.pid);
+        WritePid(out, call.pid);
         out.moment("since_ns", call.sinceNs);
         call.holds != nullptr ? out.text("holds", call.holds) : out.none("holds");
         out.close();

@@ -73,7 +73,7 @@ constexpr QueryTexts kCurrentV1_1 = {
         "getCurrentEnvironmentV1_1",
 };
 
-constexpr char kListMutex[] = "environment mListMutex";
+constexpr char kListMutex[] = "EnvironmentInterface::mListMutex";
 constexpr CallSite kCallV1_1 = {"environment", "onEnvironmentChangedV1_1", kListMutex};
 constexpr CallSite kCallV1_0 = {"environment", "onEnvironmentChanged", kListMutex};
 constexpr CallSite kRegister = {"environment", "register_environment_callbacks", nullptr};
@@ -226,8 +226,8 @@ Return<void> EnvironmentInterface::getCurrentEnvironmentV1_1(getCurrentEnvironme
 
 CommonState EnvironmentInterface::look() {
     CommonState state;
-    state.hasClients = LockInTime(mListMutex);
-    if (state.hasClients) {
+    if (LockInTime(mListMutex)) {
+        state.hasClients = true;
         CopyClients(mClientVectorV1_1, "1.1", &state);
         CopyClients(mClientVectorV1_0, "1.0", &state);
         mListMutex.unlock();
@@ -235,7 +235,7 @@ CommonState EnvironmentInterface::look() {
         state.held.push_back(kListMutex);
     }
     state.hasShared = mDeathRecipient.look(&state.shared);
-    if (!state.hasShared) state.held.push_back("environment mDeathRecipient");
+    if (!state.hasShared) state.held.push_back("EnvironmentInterface::mDeathRecipient");
     return state;
 }
 

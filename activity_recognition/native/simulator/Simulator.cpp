@@ -248,6 +248,7 @@ int Simulator::current(Side side, ar_context_event** events) {
     playNow();
     std::copy(mCurrent[side].begin(), mCurrent[side].end(), snapshots[side]);
     *events = snapshots[side];
+    line.timestamps(snapshots[side], static_cast<int>(mCurrent[side].size()));
     return finish(native, line, static_cast<int>(mCurrent[side].size()));
 }
 

@@ -96,6 +96,15 @@ TraceLine& TraceLine::events(const ar_context_event* events, int count, bool wit
     return *this;
 }
 
+TraceLine& TraceLine::timestamps(const ar_context_event* events, int count) {
+    mText += ",\"timestamps\":[";
+    for (int i = 0; i < count; ++i) {
+        mText += (i == 0 ? "" : ",") + std::to_string(events[i].timestamp);
+    }
+    mText += ']';
+    return *this;
+}
+
 std::string TraceLine::finish() {
     return mText + "}\n";
 }

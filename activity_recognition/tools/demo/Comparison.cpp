@@ -34,6 +34,23 @@ bool isLeftOut(const std::string& line) {
     return false;
 }
 
+// Of what was found the members that are expected: the rest is times and the names of activities.
+nlohmann::json only(const nlohmann::json& expected, const nlohmann::json& found) {
+    if (found.is_array() && expected.is_array()) {
+        nlohmann::json rows = nlohmann::json::array();
+        for (size_t i = 0; i < found.size(); ++i) {
+            rows.push_back(expected.empty() ? found[i] : only(expected[0], found[i]));
+        }
+        return rows;
+    }
+    if (!found.is_object() || !expected.is_object()) return found;
+    nlohmann::json members = nlohmann::json::object();
+    for (const auto& [name, value] : expected.items()) {
+        members[name] = found.contains(name) ? only(value, found[name]) : nullptr;
+    }
+    return members;
+}
+
 }  // namespace
 
 void Comparison::that(bool holds, const std::string& otherwise) {
@@ -78,7 +95,10 @@ void Comparison::native(const std::vector<nlohmann::json>& trace, const Model& m
         }
         if (kImplied.count(slot) == 0) continue;
         line.erase("t");
-        if (slot == "get_current_activity") line.erase("result");
+        if (slot == "get_current_activity") {
+            line.erase("result");
+            line.erase("timestamps");
+        }
         calls.push_back(std::move(line));
     }
     same("module: call", calls, model.nativeCalls());
@@ -108,6 +128,33 @@ void Comparison::native(const std::vector<nlohmann::json>& trace, const Model& m
         }
         same("module: " + slot, reports[slot], wanted);
     }
+}
+
+void Comparison::dump(const std::string& moment, const nlohmann::json& dump, const Model& model) {
+    const nlohmann::json& activity = dump.at("activity");
+    const nlohmann::json expected = model.dump();
+    nlohmann::json found{{"activity", {}}, {"environment", {}}};
+    for (const char* side : {"activity", "environment"}) {
+        for (const auto& [table, rows] : expected.at(side).items()) {
+            found[side][table] = only(rows, dump.at(side).at(table));
+        }
+    }
+    // Clients stand in the order of their callbacks' addresses, which the model does not know.
+    for (const auto& [side, tables] : expected.items()) {
+        for (const auto& [table, rows] : tables.items()) {
+            auto wanted = rows;
+            auto& got = found[side][table];
+            if (table == "clients") {
+                std::sort(got.begin(), got.end());
+                std::sort(wanted.begin(), wanted.end());
+            }
+            that(got == wanted, fmt::format("{}: {} {} is {}, expected {}", moment, side, table,
+                                            got.dump(), wanted.dump()));
+        }
+    }
+    that(dump.at("held").empty() && dump.at("in_flight").empty(),
+         moment + ": something is held or in flight");
+    that(!activity.at("recipients").at("own").is_null(), moment + ": no recipients");
 }
 
 void Comparison::log(const std::vector<support::LineSource::Line>& lines, const Model& model) {

@@ -23,6 +23,8 @@ class Comparison {
     void native(const std::vector<nlohmann::json>& trace, const Model& model);
     // The service's log, in order, but for what deliveries write, whose threads are the module's.
     void log(const std::vector<support::LineSource::Line>& lines, const Model& model);
+    // Every table of the service's dump, at a moment when nothing is under way.
+    void dump(const std::string& moment, const nlohmann::json& dump, const Model& model);
     void that(bool holds, const std::string& otherwise);
 
   private:

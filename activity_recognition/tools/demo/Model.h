@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -25,7 +26,11 @@ struct ExpectedReport {
 
 class Model : private ar_model::World {
   public:
-    explicit Model(const ScenarioFile& scenario) : mScenario(scenario) {}
+    // Tells the timestamps of the snapshot that the module has just answered with.
+    using NextSnapshot = std::function<std::vector<int64_t>()>;
+
+    Model(const ScenarioFile& scenario, NextSnapshot nextSnapshot)
+        : mScenario(scenario), mNextSnapshot(std::move(nextSnapshot)) {}
 
     enum class Side { kActivity, kEnvironment };
 
@@ -53,6 +58,8 @@ class Model : private ar_model::World {
     const std::vector<nlohmann::json>& deliveries(const std::string& client) const {
         return mClients.at(client).deliveries;
     }
+    // What the service's dump must show, table by table; no times, durations or asked latencies.
+    nlohmann::json dump() const;
     const std::vector<std::string>& logLines() const { return mLogLines; }
     bool sawMixedBatch() const { return mSawMixedBatch; }
 
@@ -63,6 +70,9 @@ class Model : private ar_model::World {
         ar_model::Callback callback;
         std::vector<nlohmann::json> deliveries;
     };
+
+    nlohmann::json dumpClients(Side side) const;
+    nlohmann::json dumpPairs() const;
 
     int32_t call(const ar_model::NativeCall& call) override;
     ar_model::Snapshot currentActivity() override;
@@ -78,6 +88,7 @@ class Model : private ar_model::World {
     }
 
     const ScenarioFile& mScenario;
+    const NextSnapshot mNextSnapshot;
     ar_model::Activity mActivity{*this};
     ar_model::Environment mEnvironment{*this};
     uint64_t mObjects = 0;
@@ -88,6 +99,10 @@ class Model : private ar_model::World {
     std::vector<nlohmann::json> mNativeCalls;
     std::vector<std::string> mLogLines;
     bool mSawMixedBatch = false;
+    // What the dump counts.
+    std::map<std::string, uint64_t> mBatches, mRecords;  // by slot
+    uint64_t mRouted = 0;
+    std::map<Side, uint64_t> mCalls, mDeaths;
 };
 
 }  // namespace demo

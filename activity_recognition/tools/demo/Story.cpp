@@ -27,8 +27,8 @@ support::StageSetup setup(const std::string& scenarioPath) {
 
 Story::Story(const std::string& scenarioPath)
     : mScenario(readScenario(scenarioPath)),
-      mModel(mScenario),
       mStage(setup(scenarioPath)),
+      mModel(mScenario, [this] { return nextSnapshot(); }),
       mTimeline(mScenario) {}
 
 bool Story::run() {
@@ -82,18 +82,17 @@ bool Story::run() {
     }
     show("Everybody leaves: the last request of a pair takes its enable with it.");
 
-    Comparison comparison;
-    for (const auto& actor : mActors) comparison.client(actor->name, *actor->client, mModel);
-    comparison.native(mStage.native(), mModel);
-    comparison.log(mStage.service().err().lines(), mModel);
-    comparison.that(mModel.sawMixedBatch(),
-                    "no batch held events that nobody, one and several asked for");
+    for (const auto& actor : mActors) mComparison.client(actor->name, *actor->client, mModel);
+    mComparison.native(mStage.native(), mModel);
+    mComparison.log(mStage.service().err().lines(), mModel);
+    mComparison.that(mModel.sawMixedBatch(),
+                     "no batch held events that nobody, one and several asked for");
     fmt::print("\n{} processes served, {} checks against the model.\n", mActors.size(),
-               comparison.checks());
-    for (const std::string& difference : comparison.differences()) {
+               mComparison.checks());
+    for (const std::string& difference : mComparison.differences()) {
         fmt::print("DIFFERENT  {}\n", difference);
     }
-    return comparison.differences().empty();
+    return mComparison.differences().empty();
 }
 
 std::string Story::label(const Actor& actor) const {
@@ -241,6 +240,17 @@ void Story::show(const std::string& heading) {
     const auto& log = mStage.service().err().lines();
     for (; mLogShown < log.size(); ++mLogShown) mTimeline.addLog(log[mLogShown]);
     mTimeline.print(heading);
+    // What the service says of itself at this moment.
+    const auto dump = mStage.client({"dump"});
+    if (dump->process().waitExit() != 0) throw std::runtime_error(dump->process().describe());
+    mComparison.dump(fmt::format("dump after '{}'", heading), dump->output("dump").at(0), mModel);
+}
+
+std::vector<int64_t> Story::nextSnapshot() {
+    support::drainOutput();
+    const auto& trace = mStage.native();
+    while (trace.at(mTraceJoined).at("native") != "get_current_activity") ++mTraceJoined;
+    return trace[mTraceJoined++].at("timestamps");
 }
 
 }  // namespace demo

@@ -58,14 +58,19 @@ class Story {
     std::string label(const Actor& actor) const;
     Actor& actor(const std::string& name);
 
+    // Timestamps of the snapshot that the module answered with when a client joined.
+    std::vector<int64_t> nextSnapshot();
+
     const ScenarioFile mScenario;
-    Model mModel;
     support::Stage mStage;
+    Model mModel;
+    Comparison mComparison;
     Timeline mTimeline;
     std::vector<std::unique_ptr<Actor>> mActors;  // in order of entering, also those that left
     size_t mTraceShown = 0;
     size_t mLogShown = 0;
     size_t mTraceDelivered = 0;
+    size_t mTraceJoined = 0;
 };
 
 }  // namespace demo
