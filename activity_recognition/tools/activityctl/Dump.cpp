@@ -28,20 +28,29 @@ constexpr size_t kLongestDump = 16 << 20;
 // An answer that takes longer would not be one of a module that just looks its list up.
 constexpr int64_t kNamesNs = 300'000'000;
 
-// The members of an object, one after the other: Members{object}("pid", pid)("call", call).
+// The members of an object, one after the other: Members{object}("pid", pid)("call", call). What is
+// thrown says where.
 struct Members {
     const json& object;
 
     template <typename T>
     const Members& operator()(const char* key, T& value) const {
-        object.at(key).get_to(value);
+        try {
+            read(object.at(key), value);
+        } catch (const std::exception& error) {
+            throw std::invalid_argument(fmt::format("{}: {}", key, error.what()));
+        }
         return *this;
     }
+
+  private:
     template <typename T>
-    const Members& operator()(const char* key, std::optional<T>& value) const {
-        const json& member = object.at(key);
+    static void read(const json& member, T& value) {
+        member.get_to(value);
+    }
+    template <typename T>
+    static void read(const json& member, std::optional<T>& value) {
         if (!member.is_null()) member.get_to(value.emplace());
-        return *this;
     }
 };
 
@@ -96,10 +105,10 @@ static void from_json(const json& object, Dump::Barrier& barrier) {
 }
 
 static void from_json(const json& object, Dump::Past& past) {
-    from_json(object, static_cast<Dump::Owned&>(past));
-    Members{object}("at_ns", past.atNs)("call", past.call)("asked_latency_ns", past.askedLatencyNs)(
-            "told", past.told)("told_latency_ns", past.toldLatencyNs)("answer", past.answer)(
-            "result", past.result);
+    Members{object}("at_ns", past.atNs)("pid", past.pid)("call", past.call)(
+            "activity", past.activity)("event_type", past.eventType)(
+            "asked_latency_ns", past.askedLatencyNs)("told", past.told)(
+            "told_latency_ns", past.toldLatencyNs)("answer", past.answer)("result", past.result);
 }
 
 static void from_json(const json& object, Dump::Recipients& recipients) {
@@ -134,6 +143,9 @@ static void from_json(const json& object, Dump::Activity& side) {
 }
 
 static void from_json(const json& object, Dump& dump) {
+    int64_t format;
+    Members{object}("format", format);
+    if (format != 1) throw std::invalid_argument(fmt::format("format: {}, not 1", format));
     Members{object}("now_ns", dump.nowNs)("started_ns", dump.startedNs)("held", dump.held)(
             "activity", dump.activity)("environment", dump.environment)("in_flight", dump.inFlight);
 }
@@ -207,13 +219,10 @@ Dump readDump(Service& service) {
     if (text.size() > kLongestDump) throw cannot("its debug() does not come to an end");
     try {
         auto object = json::parse(text);
-        if (const int64_t format = object.at("format"); format != 1) {
-            throw cannot(fmt::format("its format is {}, not 1", format));
-        }
         auto dump = object.get<Dump>();
         dump.json = std::move(object);
         return dump;
-    } catch (const json::exception& error) {
+    } catch (const std::exception& error) {
         throw cannot(error.what());
     }
 }

@@ -58,12 +58,15 @@ struct Dump {
     struct Barrier : Owned {
         int64_t timestamp;  // of the module's clock
     };
-    struct Past : Owned {
+    // A call of a client. Absent: of another call, or the module was not told.
+    struct Past {
         int64_t atNs;
-        std::string call;  // the client's
-        int64_t askedLatencyNs;
-        std::optional<std::string> told;  // the module's slot, if it was called
-        int64_t toldLatencyNs;
+        int32_t pid;
+        std::string call;
+        std::optional<uint32_t> activity, eventType;
+        std::optional<int64_t> askedLatencyNs;
+        std::optional<std::string> told;  // a slot of the module
+        std::optional<int64_t> toldLatencyNs;
         std::optional<int32_t> answer;
         int32_t result;
     };

@@ -120,19 +120,19 @@ class Report {
                             c.calls, c.failedCalls, c.deaths));
     }
 
-    void addRecipients(const Dump::Environment& side) {
-        std::string own = "not told";
-        if (side.recipients.own) own = fmt::format("{}", fmt::join(*side.recipients.own, ", "));
-        const auto& shared = side.recipients.shared;
-        line(1, fmt::format("death recipients: {} shared one{}",
-                            !shared ? "not told if there is a" : (*shared ? "a" : "no"),
-                            own.empty() ? "" : "; own ones of processes " + own));
+    void addRecipients(const Dump::Recipients& recipients) {
+        std::string text = "death recipients: ";
+        text += !recipients.shared ? "not told" : (*recipients.shared ? "one for all" : "none");
+        if (recipients.own && !recipients.own->empty()) {
+            text += fmt::format(", own ones of processes {}", fmt::join(*recipients.own, ", "));
+        }
+        line(1, text);
     }
 
     void addEnvironment(const Dump::Environment& side) {
         addClients(side);
         addCounters(side, "");
-        addRecipients(side);
+        addRecipients(side.recipients);
     }
 
     void addRequest(const Dump::Request& request) {
@@ -177,16 +177,12 @@ class Report {
 
     void addPast(const Dump::Past& past) {
         std::string text = fmt::format("{}: process {} {}", ago(past.atNs), past.pid, past.call);
-        const bool flush = past.call == "flush";
-        const bool enable = past.call.compare(0, 6, "enable") == 0;
-        if (!flush) text += " " + pair(past);
-        if (enable) text += " " + latency(past.askedLatencyNs);
+        if (past.activity) text += " " + pair({*past.activity, past.eventType.value_or(0)});
+        if (past.askedLatencyNs) text += " " + latency(*past.askedLatencyNs);
         if (past.told) {
-            text += fmt::format(", module {}{}{}", *past.told,
-                                past.told->compare(0, 6, "enable") == 0
-                                        ? " " + latency(past.toldLatencyNs)
-                                        : "",
-                                past.answer ? fmt::format(" = {}", *past.answer) : "");
+            text += ", module " + *past.told;
+            if (past.toldLatencyNs) text += " " + latency(*past.toldLatencyNs);
+            if (past.answer) text += fmt::format(" = {}", *past.answer);
         }
         line(2, text + (past.result == 0 ? ": done" : ": refused"));
     }
@@ -220,7 +216,7 @@ class Report {
                     fmt::format(" ({} routed, {} below a barrier), {} extended ones with {}",
                                 c.routed, c.belowBarrier, c.extendedBatches, c.extendedRecords));
         line(2, fmt::format("calls of the module that it refused: {}", c.nativeRefusals));
-        addRecipients(side);
+        addRecipients(side.recipients);
         addList("history, oldest first", std::optional(side.history),
                 [this](const auto& past) { addPast(past); });
     }
