@@ -2,7 +2,7 @@
 # What `cmake --install` and the Debian package put in place. Everything finds the rest by its own
 # place, so a prefix can be moved.
 #
-#   bin/                               service, activityctl, modulecheck
+#   bin/                               service, activityctl, modulecheck, lshal
 #   lib/activity_recognition/          interface and runtime libraries
 #   lib/activity_recognition/hw/       implementation library, simulator, also as the default module
 #   include/activity_recognition/      host headers, generated headers, the native module ABI
@@ -13,7 +13,7 @@
 set(ar_lib lib/activity_recognition)
 set(ar_include include/activity_recognition)
 
-set(programs ar_service activityctl modulecheck)
+set(programs ar_service activityctl modulecheck lshal)
 set(libraries hidl hardware ar_interface_1_0 ar_interface_1_1)
 set_target_properties(${programs} PROPERTIES
     INSTALL_RPATH "$ORIGIN/../${ar_lib};${ANDROID_LIBRARY_DIR}")
@@ -59,7 +59,8 @@ install(DIRECTORY host/include/ activity_recognition/native/include/
 
 install(DIRECTORY scenarios templates DESTINATION share/activity_recognition)
 install(FILES LICENSE NOTICE DESTINATION share/doc/activity-recognition)
-install(FILES docs/man/activityctl.1 docs/man/modulecheck.1 DESTINATION share/man/man1)
+install(FILES docs/man/activityctl.1 docs/man/lshal.1 docs/man/modulecheck.1
+    DESTINATION share/man/man1)
 install(FILES docs/man/vendor.zaltho.hardware.activity_recognition@1.1-service.8
     DESTINATION share/man/man8)
 install(FILES activity_recognition/tools/activityctl/completion.bash

@@ -271,10 +271,9 @@ void record(const std::string& folder) {
                 idle = 0;
                 auto* header = reinterpret_cast<MessageHeader*>(bytes);
                 header->token[0] = header->token[1] = 7;
-                const bool brings = header->descriptorCount > 0;
-                sendTo(sides[to].at(number), bytes, size, brings);
+                sendTo(sides[to].at(number), bytes, size, header->descriptorCount);
                 const std::string sent(bytes, bytes + size);
-                const int action = brings ? kSendOne : kSend;
+                const int action = header->descriptorCount > 0 ? kSendOne : kSend;
                 inputs[from] += static_cast<char>(action + kActions * number) + sent + kEnd;
                 inputs[to] += static_cast<char>(kReceive + kActions * number) + kEnd;
             }

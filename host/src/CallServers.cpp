@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CallServers.h"
 
+#include <algorithm>
+
 #include "Node.h"
 #include "Session.h"
 #include "Thread.h"
@@ -13,7 +15,8 @@ std::atomic<uint64_t> gRests{0};
 
 }  // namespace
 
-ServedConnection::ServedConnection(ConnectionPtr connection) : mConnection(std::move(connection)) {
+ServedConnection::ServedConnection(ConnectionPtr connection, const Session* session)
+    : mConnection(std::move(connection)), mSession(session) {
     rest();
 }
 
@@ -66,7 +69,7 @@ void CallServers::serve(const std::shared_ptr<Session>& session, const Connectio
 void CallServers::run(Waiting first, bool stays) {
     Waiting now = first.session != nullptr ? std::move(first) : next(stays);
     for (; now.session != nullptr; now = next(stays)) {
-        ServedConnection served(now.connection);
+        ServedConnection served(now.connection, now.session.get());
         std::list<ServedConnection*>::iterator place;
         {
             Mutex::Autolock lock(mMutex);
@@ -80,6 +83,13 @@ void CallServers::run(Waiting first, bool stays) {
         }
         now = {};
     }
+}
+
+size_t CallServers::serving(const Session* session) {
+    Mutex::Autolock lock(mMutex);
+    return static_cast<size_t>(std::count_if(
+            mServed.begin(), mServed.end(),
+            [session](const ServedConnection* served) { return served->session() == session; }));
 }
 
 CallServers::Waiting CallServers::next(bool stays) {

@@ -26,9 +26,10 @@ class Session;
 // then, the connection may be taken from it.
 class ServedConnection {
   public:
-    explicit ServedConnection(ConnectionPtr connection);
+    ServedConnection(ConnectionPtr connection, const Session* session);
 
     const ConnectionPtr& connection() const { return mConnection; }
+    const Session* session() const { return mSession; }
 
     // By its thread: waits from now on.
     [[gnu::hot]] void rest();
@@ -44,6 +45,7 @@ class ServedConnection {
     enum State { kResting, kInCall, kGone };
 
     const ConnectionPtr mConnection;
+    const Session* const mSession;
     std::atomic<State> mState{kResting};
     std::atomic<uint64_t> mRestingSince{0};
 };
@@ -62,6 +64,8 @@ class CallServers {
             EXCLUDES(mMutex);
     // Whether a connection waits for a thread, so that none may rest.
     bool isShort() const { return mLineLength > 0; }
+    // How many threads serve this session's connections.
+    size_t serving(const Session* session) EXCLUDES(mMutex);
 
     // Lets go of the connection that has waited longest for a call: its thread and descriptor are
     // free in a moment. Nothing happens when all are in calls.

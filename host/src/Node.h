@@ -41,6 +41,9 @@ class Node {
     // of them can as soon as it gets to it.
     void offerServing();
 
+    // With every process that there is one with.
+    std::vector<SessionPtr> sessions() EXCLUDES(mMutex);
+
     // Where destructors of the application run.
     Worker& janitor() { return mJanitor; }
 
@@ -73,7 +76,6 @@ class Node {
     bool addSession(const SessionPtr& session, const ConnectionPtr& control) EXCLUDES(mMutex);
     void endSession(const SessionPtr& session) EXCLUDES(mMutex);
     SessionPtr sessionOf(const Token& token, pid_t peer) EXCLUDES(mMutex);
-    std::vector<SessionPtr> sessions() EXCLUDES(mMutex);
     std::vector<SessionPtr> sessionsOf(pid_t peer) EXCLUDES(mMutex);
     // Beside control connections, of all its sessions.
     size_t connectionsOf(pid_t peer) EXCLUDES(mMutex);

@@ -13,6 +13,7 @@
 
 #include "Node.h"
 #include "Registry.h"
+#include "Usage.h"
 
 namespace android { namespace hardware {
 
@@ -23,9 +24,6 @@ using ::android::hidl::manager::V1_0::IServiceManager;
 using ::android::hidl::manager::V1_0::IServiceNotification;
 
 namespace {
-
-constexpr char kRegistryToken[] = "hidl-host-registry";
-constexpr uint32_t kGet = 1;
 
 // What this process serves, by "interface/instance". Other processes ask it through object 0.
 class LocalServices : public BHwBinder {
@@ -54,15 +52,34 @@ class LocalServices : public BHwBinder {
                         TransactCallback) override {
         std::string interface;
         std::string instance;
-        if (code != kGet) return UNKNOWN_TRANSACTION;
-        if (!data.enforceInterface(kRegistryToken) || data.readText(&interface) != OK ||
-            data.readText(&instance) != OK) {
-            return BAD_TYPE;
+        if (code != host::kGet && code != host::kUsage) return UNKNOWN_TRANSACTION;
+        if (!data.enforceInterface(host::kRegistryToken)) return BAD_TYPE;
+        if (code == host::kUsage) {
+            usage().writeTo(reply);
+            return OK;
         }
+        if (data.readText(&interface) != OK || data.readText(&instance) != OK) return BAD_TYPE;
         return reply->writeStrongBinder(getOrCreateCachedBinder(get(interface, instance).get()));
     }
 
   private:
+    host::Usage usage() {
+        decltype(mServices) services;
+        {
+            Mutex::Autolock lock(mMutex);
+            services = mServices;
+        }
+        host::Usage usage;
+        for (const host::SessionPtr& session : host::Node::self().sessions()) {
+            usage.sessions.push_back(session->usage());
+            for (const auto& [name, service] : services) {
+                const sp<IBinder> binder = getOrCreateCachedBinder(service.get());
+                if (session->hasSent(binder.get())) usage.clients[name].push_back(session->peer());
+            }
+        }
+        return usage;
+    }
+
     Mutex mMutex;
     std::map<std::string, sp<IBase>> mServices GUARDED_BY(mMutex);
 };
@@ -80,11 +97,11 @@ class HostServiceManager : public IServiceManager {
         Parcel data;
         Parcel reply;
         sp<IBinder> binder;
-        data.writeInterfaceToken(kRegistryToken);
+        data.writeInterfaceToken(host::kRegistryToken);
         data.writeText(fqName.c_str(), fqName.size());
         data.writeText(name.c_str(), name.size());
-        status_t status =
-                session->call(host::Session::kRegistryObject, kGet, data, &reply, host::kPeerLimit);
+        status_t status = session->call(host::Session::kRegistryObject, host::kGet, data, &reply,
+                                        host::kPeerLimit);
         if (status == OK) status = reply.readNullableStrongBinder(&binder);
         if (status != OK) {
             ALOGE("Cannot get %s/%s from pid %d: %s", fqName.c_str(), name.c_str(), session->peer(),

@@ -252,6 +252,20 @@ size_t Session::connections() {
                                              [](const auto& weak) { return !weak.expired(); }));
 }
 
+Usage::Session Session::usage() {
+    const size_t descriptors = 1 + connections();
+    const size_t serving = CallServers::self().serving(this);
+    Mutex::Autolock lock(mMutex);
+    const size_t threads = serving + mServing + mRunningOneway;
+    return {mPeer, static_cast<uint32_t>(descriptors), static_cast<uint32_t>(threads),
+            mOutboxRoom + mOnewayRoom + mUnreadRoom};
+}
+
+bool Session::hasSent(IBinder* binder) {
+    Mutex::Autolock lock(mMutex);
+    return mExportedIds.count(binder) > 0;
+}
+
 bool Session::addServing(const ConnectionPtr& connection) {
     if (!remember(connection)) return false;
     Mutex::Autolock lock(mMutex);

@@ -31,6 +31,7 @@
 
 #include "BpHwBinder.h"
 #include "CallServers.h"
+#include "Usage.h"
 #include "Wire.h"
 
 namespace android { namespace hardware { namespace host {
@@ -75,6 +76,9 @@ class Session : public std::enable_shared_from_this<Session> {
     bool canCall() EXCLUDES(mMutex);
     // How many connections there are beside the control connection.
     size_t connections() EXCLUDES(mMutex);
+    Usage::Session usage() EXCLUDES(mMutex);
+    // Whether the other side has this object.
+    bool hasSent(IBinder* binder) EXCLUDES(mMutex);
     // Lets the other side call as the pool allows: starts the threads, with a serve connection
     // each, that are missing. Does not wait.
     void offerServing() EXCLUDES(mMutex);

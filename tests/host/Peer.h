@@ -145,8 +145,7 @@ struct Peer : IPeer {
 
     // Writes each option there.
     Return<void> debug(const hidl_handle& handle, const hidl_vec<hidl_string>& options) override {
-        const bool brings = handle != nullptr && handle->numFds > 0;
-        const int fd = brings ? handle->data[0] : -1;
+        const int fd = handle != nullptr && handle->numFds > 0 ? handle->data[0] : -1;
         for (const std::string option : options) dprintf(fd, "%s", option.c_str());
         return Void();
     }

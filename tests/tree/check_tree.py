@@ -252,7 +252,7 @@ def check_version(build):
         for told in re.findall(r'-DAR_VERSION=\\"(.*?)\\"', path.read_text()):
             if told != version:
                 finding(path, f"says {told}, CMakeLists.txt {version}")
-    for tool in ("activityctl", "modulecheck", "activity_recognition_demo", SERVICE,
+    for tool in ("activityctl", "modulecheck", "lshal", "activity_recognition_demo", SERVICE,
                  "VtsHalActivityRecognitionV1_1TargetTest"):
         status, output = run(build / "bin" / tool, "--version")
         if status or output != f"{tool} {version}":
