@@ -18,26 +18,40 @@ constexpr CallSite kGetCurrent = {"activity", "get_current_activity", nullptr};
 
 }  // namespace
 
-// What it answers stands in the attempt, and of a pair in the table of what was told. That comes
-// after the call: of two clients' calls for a pair at the same time the table has the one whose
-// answer came last.
-template <typename Slot, typename... Arguments>
-int32_t ActivityInterface::Tell(const CallSite& site, int64_t latencyNs, Attempt* attempt,
-                                Slot slot, Arguments... arguments) {
-    attempt->slot = site.call;
-    attempt->toldNs = latencyNs;
-    attempt->answer = CallModule(site, attempt->pid, mImpl, slot, arguments...);
-    if (attempt->answer != 0) sCounters.nativeRefusals.add();
-    if (&site == &kFlush) return attempt->answer;
-    if (&site == &kDisable) {
+// Of two clients' calls for a pair at the same time the table has the one whose answer came last.
+void ActivityInterface::NoteAnswer(const Attempt& attempt, bool disables) {
+    if (attempt.answer != 0) sCounters.nativeRefusals.add();
+    if (disables) {
         Mutex::Autolock events(eventMutex);
-        const bool asked = mEventData.find({attempt->activity, attempt->event}) != nullptr;
+        const bool asked = mEventData.find({attempt.activity, attempt.event}) != nullptr;
         Mutex::Autolock lock(mNativeLock);
-        mTold.note(*attempt, /*disables=*/true, asked);
+        mTold.note(attempt, disables, asked);
     } else {
         Mutex::Autolock lock(mNativeLock);
-        mTold.note(*attempt, /*disables=*/false, /*asked=*/true);
+        mTold.note(attempt, disables, /*asked=*/true);
     }
+}
+
+int32_t ActivityInterface::TellEnable(int64_t latencyNs, Attempt* attempt) {
+    attempt->tell(kEnable, latencyNs, mImpl, &activity_interface::enable_activity_event,
+                  attempt->activity, attempt->event, latencyNs);
+    NoteAnswer(*attempt, /*disables=*/false);
+    return attempt->answer;
+}
+
+int32_t ActivityInterface::TellEnableExtend(int64_t latencyNs, const other_params& params,
+                                            Attempt* attempt) {
+    attempt->tell(kEnableExtend, latencyNs, mImpl,
+                  &activity_interface::enable_activity_event_extend, attempt->activity,
+                  attempt->event, latencyNs, &params);
+    NoteAnswer(*attempt, /*disables=*/false);
+    return attempt->answer;
+}
+
+int32_t ActivityInterface::TellDisable(Attempt* attempt) {
+    attempt->tell(kDisable, 0, mImpl, &activity_interface::disable_activity_event,
+                  attempt->activity, attempt->event);
+    NoteAnswer(*attempt, /*disables=*/true);
     return attempt->answer;
 }
 
@@ -66,8 +80,7 @@ Return<int32_t> ActivityInterface::enableActivityEvent(uint32_t activity, uint32
         ALOGE("%s: mImpl interface is not available", "enableActivityEvent");
     } else {
         const int64_t merged = MergedLatency(activity, event);
-        accepted = Tell(kEnable, merged, &attempt, &activity_interface::enable_activity_event,
-                        activity, event, merged) == 0;
+        accepted = TellEnable(merged, &attempt) == 0;
     }
     if (!accepted) TakeBack(request);
     if (accepted && joins) HandleFirstReport(request.pid, activity, event);
@@ -102,8 +115,7 @@ Return<int32_t> ActivityInterface::enableActivityEventExtend(uint32_t activity, 
         accepted = UpdateEnableNativeExend({request.pid, activity, event, latencyNs, noWake},
                                            params, &attempt);
     } else {
-        accepted = EnableActivityEvent(activity, event, MergedLatency(activity, event), params,
-                                       &attempt) == 0;
+        accepted = EnableActivityEvent(MergedLatency(activity, event), params, &attempt) == 0;
     }
     if (!accepted) TakeBack(request);
     if (accepted && joins) HandleFirstReport(request.pid, activity, event);
@@ -130,18 +142,14 @@ void ActivityInterface::TakeBack(const EnableRequestData& request) {
     RemoveActivityEvent(request.pid, request.activity, request.event, mEventData);
 }
 
-int32_t ActivityInterface::EnableActivityEvent(uint32_t activity, uint32_t event,
-                                               int64_t reportLatencyNs, const OtherParams& params,
+int32_t ActivityInterface::EnableActivityEvent(int64_t reportLatencyNs, const OtherParams& params,
                                                Attempt* attempt) {
     if (mImpl == nullptr || !NameFits(params)) {
         // The same words for a name that is too long.
         ALOGI("%s: mImpl interface is not available", "EnableActivityEvent");
         return kFailure;
     }
-    const other_params native = ToNativeParams(params);
-    return Tell(kEnableExtend, reportLatencyNs, attempt,
-                &activity_interface::enable_activity_event_extend, activity, event, reportLatencyNs,
-                &native);
+    return TellEnableExtend(reportLatencyNs, ToNativeParams(params), attempt);
 }
 
 bool ActivityInterface::UpdateEnableNative(const EnableToNativeData& record, Attempt* attempt) {
@@ -149,11 +157,7 @@ bool ActivityInterface::UpdateEnableNative(const EnableToNativeData& record, Att
         ALOGE("%s: mImpl interface is not available", "UpdateEnableNative");
         return false;
     }
-    const int64_t latencyNs = record.reportLatencyNs;
-    if (Tell(kEnable, latencyNs, attempt, &activity_interface::enable_activity_event,
-             uint32_t{record.activity}, uint32_t{record.event}, latencyNs) != 0) {
-        return false;
-    }
+    if (TellEnable(record.reportLatencyNs, attempt) != 0) return false;
     Mutex::Autolock lock(mNativeLock);
     mEnableToNativeData.push_back(record);
     return true;
@@ -161,10 +165,7 @@ bool ActivityInterface::UpdateEnableNative(const EnableToNativeData& record, Att
 
 bool ActivityInterface::UpdateEnableNativeExend(const EnableToNativeData& record,
                                                 const OtherParams& params, Attempt* attempt) {
-    if (EnableActivityEvent(record.activity, record.event, record.reportLatencyNs, params,
-                            attempt) != 0) {
-        return false;
-    }
+    if (EnableActivityEvent(record.reportLatencyNs, params, attempt) != 0) return false;
     Mutex::Autolock lock(mNativeLock);
     mEnableToNativeData.push_back(record);
     return true;
@@ -212,9 +213,7 @@ int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t
             RemoveEnableToNativeData(activity, event, mEnableToNativeData);
         }
         // Success also when there is no module to tell: no request is left.
-        if (mImpl == nullptr) return kSuccess;
-        return Tell(kDisable, 0, attempt, &activity_interface::disable_activity_event, activity,
-                    event);
+        return mImpl == nullptr ? kSuccess : TellDisable(attempt);
     }
     {
         Mutex::Autolock lock(mNativeLock);
@@ -225,15 +224,8 @@ int32_t ActivityInterface::DisableOtherActivityEvent(uint32_t activity, uint32_t
     if (mImpl == nullptr) return kFailure;
     // A request whose first parameter is 0.0 makes the re-enable a plain one. Of the others'
     // parameters only a no-wake request's are passed on, the last one's.
-    const int64_t latencyNs = merge.latencyNs;
-    if (!merge.allExtended) {
-        return Tell(kEnable, latencyNs, attempt, &activity_interface::enable_activity_event,
-                    activity, event, latencyNs);
-    }
-    const other_params* const params = &merge.noWakeParams;
-    return Tell(kEnableExtend, latencyNs, attempt,
-                &activity_interface::enable_activity_event_extend, activity, event, latencyNs,
-                params);
+    return merge.allExtended ? TellEnableExtend(merge.latencyNs, merge.noWakeParams, attempt)
+                             : TellEnable(merge.latencyNs, attempt);
 }
 
 Return<int32_t> ActivityInterface::flush() {
@@ -242,8 +234,9 @@ Return<int32_t> ActivityInterface::flush() {
         ALOGE("%s: mImpl interface is not available", "flush");
         return attempt.end(kFailure);
     }
-    const bool accepted = Tell(kFlush, 0, &attempt, &activity_interface::flush) == 0;
-    return attempt.end(accepted ? kSuccess : kFailure);
+    attempt.tell(kFlush, 0, mImpl, &activity_interface::flush);
+    if (attempt.answer != 0) sCounters.nativeRefusals.add();
+    return attempt.end(attempt.answer == 0 ? kSuccess : kFailure);
 }
 
 }}}}}}  // namespace vendor::zaltho::hardware::activity_recognition::V1_1::implementation

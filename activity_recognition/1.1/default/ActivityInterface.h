@@ -90,11 +90,10 @@ class ActivityInterface : public V1_1::IActivityInterface,
     void AddRequest(const EnableRequestData& request, int64_t askedNs) EXCLUDES(eventMutex);
     int64_t MergedLatency(uint32_t activity, uint32_t event) EXCLUDES(eventMutex);
     void TakeBack(const EnableRequestData& request) EXCLUDES(eventMutex);
-    // What follows notes in the attempt what the module is told.
+    // What follows is for an attempt's pair, and notes there what the module is told and answers.
     // The module's result, or 1 without a table or with a name that is too long.
-    int32_t EnableActivityEvent(uint32_t activity, uint32_t event, int64_t reportLatencyNs,
-                                const OtherParams& params, Attempt* attempt)
-            EXCLUDES(eventMutex, mNativeLock);
+    int32_t EnableActivityEvent(int64_t reportLatencyNs, const OtherParams& params,
+                                Attempt* attempt) EXCLUDES(eventMutex, mNativeLock);
     // Tell the module of a pair's first client; false when it refuses.
     bool UpdateEnableNative(const EnableToNativeData& record, Attempt* attempt)
             EXCLUDES(eventMutex, mNativeLock);
@@ -104,10 +103,12 @@ class ActivityInterface : public V1_1::IActivityInterface,
     // -1 when no native enable is recorded.
     int32_t DisableOtherActivityEvent(uint32_t activity, uint32_t event, Attempt* attempt)
             EXCLUDES(eventMutex, mNativeLock);
-    // Calls a slot, with no lock held. Requires mImpl.
-    template <typename Slot, typename... Arguments>
-    int32_t Tell(const CallSite& site, int64_t latencyNs, Attempt* attempt, Slot slot,
-                 Arguments... arguments) EXCLUDES(eventMutex, mNativeLock);
+    // Call a slot, with no lock held; its result. Require mImpl.
+    int32_t TellEnable(int64_t latencyNs, Attempt* attempt) EXCLUDES(eventMutex, mNativeLock);
+    int32_t TellEnableExtend(int64_t latencyNs, const other_params& params, Attempt* attempt)
+            EXCLUDES(eventMutex, mNativeLock);
+    int32_t TellDisable(Attempt* attempt) EXCLUDES(eventMutex, mNativeLock);
+    void NoteAnswer(const Attempt& attempt, bool disables) EXCLUDES(eventMutex, mNativeLock);
 
     // Takes the barrier of a client that joined a pair. Requires mImpl.
     void HandleFirstReport(uint64_t pid, uint32_t activity, uint32_t event) EXCLUDES(eventMutex);

@@ -30,6 +30,15 @@ struct Attempt {
     int64_t toldNs = 0;               // with which latency
     int32_t answer = 0;               // the module's; 0 also when it was told nothing
     int32_t result = 1 /*kFailure*/;  // the client's
+
+    // Calls a slot of the module, in flight meanwhile.
+    template <typename... Parameters, typename... Arguments>
+    void tell(const CallSite& site, int64_t latencyNs, const activity_interface* impl,
+              int (*activity_interface::*called)(Parameters...), Arguments... arguments) {
+        slot = site.call;
+        toldNs = latencyNs;
+        answer = CallModule(site, pid, impl, called, arguments...);
+    }
 };
 
 // The last kSize calls, in the order in which they ended. Kept without a lock: of two that meet in
