@@ -556,7 +556,7 @@ struct Header {
 };
 
 TEST_F(HostTest, BytesThatAreNoValidMessageEndTheirConnectionAlone) {
-    Header wrongMagic, call, huge, release, reference, badRole, announcement, bringing;
+    Header wrongMagic, call, huge, release, reference, badRole, announcement, bringing, silent;
     wrongMagic.magic = 1;
     badRole.code = 77;
     call.type = huge.type = reference.type = kCall;
@@ -567,7 +567,7 @@ TEST_F(HostTest, BytesThatAreNoValidMessageEndTheirConnectionAlone) {
     release.amount = 1;
     reference.objects = 1;
     announcement.type = kDescriptorFollows;
-    bringing.type = kCall;
+    bringing.type = silent.type = kCall;
     bringing.descriptors = 1;
     const std::string ownedByService("\0\0\0\0\0\0\0\0\2\0\0\0\0\0\0\0", 16);
 
@@ -593,7 +593,7 @@ TEST_F(HostTest, BytesThatAreNoValidMessageEndTheirConnectionAlone) {
             {"reference to what it does not have", kCallRole, reference.with(ownedByService)},
             {"not announced", kCallRole, announcement.with("surplus"), bringing.with(), 1},
             {"announced, but not brought", kCallRole, announcement.with(), bringing.with()},
-            {"announced, but not said", kCallRole, announcement.with(), call.with(), 1},
+            {"announced, but not said", kCallRole, announcement.with(), silent.with(), 1},
             {"more than announced", kCallRole, announcement.with(), bringing.with(), 2},
             {"announced where none can come", kControlRole, announcement.with()},
     };
