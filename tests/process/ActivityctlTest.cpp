@@ -5,15 +5,7 @@
 
 namespace {
 
-class Activityctl : public ProcessTest {
-  protected:
-    // As a person sees it, without --json.
-    std::string text(const std::string& line) {
-        const auto process = stage().program("activityctl", words(line));
-        EXPECT_EQ(0, process->waitExit()) << process->describe();
-        return process->out().text();
-    }
-};
+using Activityctl = ProcessTest;
 
 }  // namespace
 

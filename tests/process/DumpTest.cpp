@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The dump while something hangs, and asked for by who means no good. That it is right is the
-// demo's to show.
+// The dump asked for by who means no good. That it is right is the demo's to show.
 #include <fcntl.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -36,30 +34,6 @@ class Dump : public ProcessTest {
         return found;
     }
 };
-
-TEST_F(Dump, NamesTheClientThatIsStoppedInItsCallback) {
-    const auto stopped = ready("watch walking:1");
-    const auto other = ready("watch still");
-    stopped->process().signal(SIGSTOP);
-    stage().release("go");
-    run("flush");
-    nlohmann::json dump;
-    support::require(
-            [&] {
-                dump = run("dump")->output("dump").at(0);
-                return !dump.at("in_flight").empty();
-            },
-            "a call in flight", [this] { return stage().service().describe(); });
-    const auto& call = dump.at("in_flight").at(0);
-    EXPECT_EQ(call.at("call"), "onActivityChangedV1_1");
-    EXPECT_EQ(call.at("pid"), stopped->pid());
-    EXPECT_EQ(call.at("holds"), "ActivityInterface::mListMutex");
-    EXPECT_EQ(dump.at("held"), nlohmann::json{"ActivityInterface::mListMutex"});
-    EXPECT_TRUE(dump.at("activity").at("clients").is_null());
-    EXPECT_EQ(dump.at("activity").at("requests").size(), 3u) << "what can be had is there";
-    stopped->process().signal(SIGCONT);
-    stopped->waitForEvents("onActivityChangedV1_1", 1);
-}
 
 TEST_F(Dump, ServesOnWhateverItIsAskedWith) {
     setenv("HIDL_HOST_DIR", stage().registry().c_str(), 1);

@@ -63,6 +63,12 @@ class ProcessTest : public ::testing::Test {
         EXPECT_EQ(expectedStatus, client->process().waitExit()) << client->process().describe();
         return client;
     }
+    // As above, as a person sees it.
+    std::string text(const std::string& line) {
+        const auto process = mStage.program("activityctl", words(line));
+        EXPECT_EQ(0, process->waitExit()) << process->describe();
+        return process->out().text();
+    }
     // A program that has printed its first line.
     std::unique_ptr<Process> speaking(const std::string& program, const std::string& line) {
         auto process = mStage.program(program, words(line));

@@ -270,7 +270,7 @@ std::string toText(const Dump::InFlight& call, int64_t nowNs) {
 std::string holderOf(const std::string& lock, const Dump& dump) {
     for (const Dump::InFlight& call : dump.inFlight) {
         if (call.holds == lock) {
-            return fmt::format(", held by the call of {}", toText(call, dump.nowNs));
+            return fmt::format(", by the call of {}", toText(call, dump.nowNs));
         }
     }
     return "";

@@ -125,7 +125,8 @@ std::vector<std::string> activityNamesInTime(const std::shared_ptr<Service>& ser
 
 // "onActivityChangedV1_1 to process 4711, for 3.2 s".
 std::string toText(const Dump::InFlight& call, int64_t nowNs);
-// ", which onActivityChangedV1_1 to process 4711, for 3.2 s, holds", or nothing if it is not told.
+// ", by the call of onActivityChangedV1_1 to process 4711, for 3.2 s", or nothing if it is not
+// told.
 std::string holderOf(const std::string& lock, const Dump& dump);
 
 }  // namespace activityctl

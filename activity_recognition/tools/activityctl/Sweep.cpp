@@ -19,7 +19,8 @@ std::vector<Dump::Pair> orphansOf(const Dump& dump) {
     if (!dump.activity) return {};
     if (dump.activity->orphans) return *dump.activity->orphans;
     std::string held;
-    for (const std::string& lock : dump.held) held += "; " + lock + holderOf(lock, dump);
+    for (const std::string& lock : dump.held)
+        held += "; " + lock + " is held" + holderOf(lock, dump);
     throw Failure(kRefused, "the service cannot tell which pairs are orphans now" + held);
 }
 
@@ -59,7 +60,8 @@ void registerInTime(const std::shared_ptr<Side>& side, const Dump& dump) {
     });
     if (registered) return;
     std::string held;
-    for (const std::string& lock : dump.held) held += "; " + lock + holderOf(lock, dump);
+    for (const std::string& lock : dump.held)
+        held += "; " + lock + " is held" + holderOf(lock, dump);
     throw Failure(kServiceLost,
                   "nothing is swept: the service does not come to register a client" + held);
 }

@@ -114,6 +114,13 @@ Stage::Stage(StageSetup setup) : mSetup(std::move(setup)) {
         throw std::system_error(errno, std::generic_category(), pattern);
     }
     mFolder = pattern;
+    std::filesystem::create_directory(mFolder + "/bin");
+    for (const char* program : {"activityctl", "lshal"}) {
+        const std::string path = write(fmt::format("bin/{}", program),
+                                       fmt::format("#!/bin/sh\nexec {} \"$@\"\n",
+                                                   fmt::join(commandLine(program, {}), " ")));
+        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+    }
     mControl = openFifo(makeFifo(mFolder + "/control"));
     // The trace goes through a FIFO: it can be waited for like any other output.
     mTraceSource.adopt(openFifo(makeFifo(mFolder + "/trace")));
@@ -197,6 +204,12 @@ void Stage::waitForDeath(pid_t pid) {
 std::unique_ptr<Process> Stage::program(const std::string& name,
                                         const std::vector<std::string>& arguments) const {
     return std::make_unique<Process>(commandLine(name, arguments), clientEnvironment());
+}
+
+std::unique_ptr<Process> Stage::command(const std::vector<std::string>& line) const {
+    auto environment = clientEnvironment();
+    environment["PATH"] = fmt::format("{}/bin:{}", mFolder, getenv("PATH"));
+    return std::make_unique<Process>(line, environment);
 }
 
 std::unique_ptr<Client> Stage::client(const std::vector<std::string>& arguments) const {

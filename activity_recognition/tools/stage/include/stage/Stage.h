@@ -90,6 +90,9 @@ class Stage {
     std::unique_ptr<Client> client(const std::vector<std::string>& arguments) const;
     std::unique_ptr<Client> readyClient(const std::vector<std::string>& arguments) const;
 
+    // A command of the system's, for which this build's programs are commands, too.
+    std::unique_ptr<Process> command(const std::vector<std::string>& line) const;
+
     // Lets the scenario go past `wait NAME`.
     void release(const std::string& name);
     // What the native module was told and sent, as it wrote it down.
