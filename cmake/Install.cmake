@@ -59,6 +59,7 @@ install(DIRECTORY host/include/ activity_recognition/native/include/
 
 install(DIRECTORY scenarios templates DESTINATION share/activity_recognition)
 install(FILES LICENSE NOTICE DESTINATION share/doc/activity-recognition)
+install(DIRECTORY docs/schemas DESTINATION share/doc/activity-recognition)
 install(FILES docs/man/activityctl.1 docs/man/lshal.1 docs/man/modulecheck.1
     DESTINATION share/man/man1)
 install(FILES docs/man/vendor.zaltho.hardware.activity_recognition@1.1-service.8

@@ -141,6 +141,8 @@ TEST(ModuleCheck, NamesAnOpenThatHangsAndShowsProgressToATerminalOnly) {
     EXPECT_NE(std::string::npos, text.find("\nmodule.open\n    seen:     hung")) << text;
     EXPECT_NE(std::string::npos, text.find("1 broken")) << text;
     EXPECT_EQ(std::string::npos, text.find('\r')) << text;
+    const auto [valid, why] = run(command + " --json | " CHECK_JSON);
+    EXPECT_EQ(0, valid) << why;
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
     if (terminal < 0) GTEST_SKIP() << "no pseudo-terminals here";
     close(terminal);

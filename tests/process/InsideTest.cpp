@@ -76,6 +76,53 @@ TEST_F(Inside, SweepWithdrawsWhatADeadClientLeftAndNothingElse) {
     EXPECT_EQ(1u, dump().at("activity").at("requests").size());
 }
 
+TEST_F(Inside, JsonIsWhatTheSchemaSays) {
+    std::vector<std::unique_ptr<Client>> all;
+    const auto start = [&](const std::string& line) { return all.emplace_back(ready(line)).get(); };
+    all.push_back(run("env init home"));
+    const std::pair<const char*, Calls> watchers[] = {
+            {"watch walking:1 --name x --reconnect",
+             {"onActivityChangedV1_1", "onActivityExtendChangedV1_1"}},
+            {"-i 1.0 watch still", {"onActivityChanged", "onActivityExtendChanged"}},
+            {"env watch home:1@0", {"onEnvironmentChangedV1_1"}},
+            {"-i 1.0 env watch", {"onEnvironmentChanged"}}};
+    for (const auto& [line, calls] : watchers) start(line);
+    Client& staying = *all[1];
+    kill(*start("watch walking:2"));
+    all.push_back(run("enable still:1 --leave"));
+    all[4]->process().signal(SIGSTOP);
+    stage().release("go");
+    support::require([&] { return !dump().at("in_flight").empty(); }, "the delivery",
+                     [] { return ""; });
+    for (const char* line : {"dump", "top --count 1"}) all.push_back(run(line));
+    all[4]->process().signal(SIGCONT);
+    for (size_t i = 0; i < std::size(watchers); ++i) {
+        for (const std::string& call : watchers[i].second) all[i + 1]->waitFor(call);
+    }
+    auto* controlled = start("watch --control");
+    for (const char* line : {"enable walking:1", "dance", "disable walking:1", "enable still:2",
+                             "flush", "enable walking:1", "current"}) {
+        controlled->command(line);
+    }
+    controlled->waitFor("current");
+    for (const char* line :
+         {"list", "env list", "status", "current -i 1.0", "env current", "dump", "top --count 2",
+          "sweep --dry-run", "sweep", "dump", "env exit home"}) {
+        all.push_back(run(line));
+    }
+    EXPECT_FALSE(all[all.size() - 6]->output("dump")[0].at("activity").at("barriers").empty());
+    stage().service().signal(SIGKILL);
+    staying.waitFor("disconnected");
+    EXPECT_EQ(0, staying.leave());
+    const auto checker = stage().command({CHECK_JSON, SCHEMAS "/activityctl.json", "lost"});
+    for (const auto& client : all) {
+        client->process().waitExit();
+        checker->write(client->process().out().text() + "\n");
+    }
+    checker->closeInput();
+    EXPECT_EQ(0, checker->waitExit()) << checker->describe();
+}
+
 TEST_F(Inside, TopFillsATerminalAndLeavesItAsItWas) {
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
     if (terminal < 0) GTEST_SKIP() << "no pseudo-terminals here";
