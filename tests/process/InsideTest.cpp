@@ -136,8 +136,10 @@ echo "ended with $?"
 stty -g >settings.after
 exec cat)");
     for (const char* end : {"q", "SIGTERM"}) {
-        const std::string tmux = fmt::format("tmux -S {}/{} -f /dev/null ", mFolder, end);
-        const auto server = stage().command(words(tmux + "-D"));
+        const std::string socket = fmt::format(" -S {}/{} ", mFolder, end);
+        const auto server = stage().command(words("tmux -D -f /dev/null" + socket));
+        // None of these starts a server of its own, which would outlive the test.
+        const std::string tmux = "tmux -N" + socket;
         const auto screenHas = [&](const std::string& text) {
             std::string screen;
             support::require(
