@@ -5,6 +5,7 @@
 
 #include <tuple>
 
+#include "Dump.h"
 #include "Harness.h"
 #include "ar_model/Model.h"
 
@@ -178,6 +179,8 @@ class ModelDriver : Objects, public ar_model::World {
     std::string firstDifference() {
         for (int step = 1; at < end; ++step) {
             run();
+            // Changes nothing, whatever the tables hold.
+            if (at >= end) Dump({"--json"}, act.get(), env.get());
             compare();
             if (!difference.empty()) return Joined(" ", "step", step, difference);
         }
