@@ -1,36 +1,17 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Holds JSON objects on standard input to a schema, and the schema to letting nothing else pass.
-
-    check_json.py SCHEMA [WHAT]...    WHAT: definitions that need not come
-"""
-
+"""Holds JSON on standard input to a schema. Arguments: its name, definitions that need not come."""
 import json
-import re
 import sys
-
+from pathlib import Path
 from jsonschema import Draft202012Validator, RefResolver
 from jsonschema.exceptions import best_match
 
-schema = json.load(open(sys.argv[1]))
+file = Path(__file__).parents[2] / f"docs/schemas/{sys.argv[1]}.json"
+schema = json.loads(file.read_text())
 missing = {choice["$ref"].split("/")[-1] for choice in schema.get("oneOf", [])} - set(sys.argv[2:])
-findings = []
-
-
-def check_strict(node, where):
-    for key, value in node.items() if isinstance(node, dict) else enumerate(node):
-        if isinstance(value, (dict, list)):
-            check_strict(value, f"{where}/{key}")
-    if isinstance(node, dict) and node.get("type") == "object":
-        optional = set(node["properties"]) - set(node["required"])
-        if node.get("additionalProperties") is not False or any(
-                not re.fullmatch(r".*_name|activity|environment|activities|environments", key)
-                for key in optional):
-            findings.append(f"{where} lets other members pass")
-
-
-Draft202012Validator.check_schema(schema)
-check_strict(schema, "#")
+closed = '"properties": {', '"additionalProperties": false'
+findings = [] if len({file.read_text().count(text) for text in closed}) == 1 else ["some object is open"]
 text = sys.stdin.read()
 while text := text.lstrip():
     value, end = json.JSONDecoder().raw_decode(text)
