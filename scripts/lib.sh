@@ -3,7 +3,7 @@
 
 build_packages=(g++ cmake ninja-build hidl-gen android-libutils-dev android-liblog-dev
     android-libcutils-dev libcli11-dev libfmt-dev nlohmann-json3-dev libgtest-dev libgmock-dev)
-test_packages=(clang clang-format pkgconf python3 python3-jsonschema blueprint-tools tmux)
+test_packages=(clang clang-format pkgconf python3 python3-jsonschema blueprint-tools tmux jq)
 fuzz_packages=(clang libclang-rt-dev)
 bench_packages=(libbenchmark-dev libsystemd-dev dbus-broker valgrind strace)
 [[ ! -e .git ]] || test_packages+=(git) # without, there is nothing to ask it

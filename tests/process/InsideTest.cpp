@@ -129,3 +129,13 @@ TEST_F(Inside, TopFillsATerminalAndLeavesItAsItWas) {
         EXPECT_THAT(shown, AllOf(StartsWith("before\n"), HasSubstr("\n01")));
     }
 }
+
+TEST(OneLiners, PrintWhatTheGuideSays) {
+    StageSetup setup = playing(SOURCES "/scenarios/commuter.scn");
+    setup.speed = "7000";  // the day in six seconds
+    Stage stage(setup);
+    stage.startService();
+    stage.serving();
+    const auto checker = stage.command({SOURCES "/tests/process/check_one_liners.py"});
+    EXPECT_EQ(0, checker->waitExit()) << checker->describe();
+}
