@@ -2,23 +2,17 @@
 // Looking into a running service: dump, sweep and top, and what all of activityctl prints as JSON.
 #include "ProcessTest.h"
 
-using ::testing::AllOf;
-using ::testing::Not;
-
 namespace {
 
 class Inside : public ProcessTest {
   protected:
-    nlohmann::json dump() { return run("dump")->output("dump")[0]; }
     nlohmann::json inFlight() {
         nlohmann::json calls;
-        const auto any = [&] { return !(calls = dump().at("in_flight")).empty(); };
+        const auto any = [&] {
+            return !(calls = run("dump")->output("dump")[0].at("in_flight")).empty();
+        };
         support::require(any, "a call", [this] { return stage().service().describe(); });
         return calls;
-    }
-    void kill(Client& client) {
-        client.process().signal(SIGKILL);
-        stage().waitForDeath(client.pid());
     }
 };
 
@@ -37,7 +31,8 @@ TEST_F(Inside, DumpNamesTheClientThatEverybodyWaitsFor) {
 
 TEST_F(Inside, SweepWithdrawsWhatADeadClientLeftAndNothingElse) {
     const auto dying = ready("watch walking@2s"), living = ready("watch still:1@2s");
-    kill(*dying);
+    dying->process().signal(SIGKILL);
+    stage().waitForDeath(dying->pid());
     EXPECT_EQ(3u, told().size());
     EXPECT_EQ("walking:1", run("sweep --dry-run walking")->output("orphan")[0].at("pair"));
     run("sweep walking:1 still:1", 1);
@@ -57,7 +52,8 @@ TEST_F(Inside, JsonIsWhatTheSchemaSays) {
                              "env watch home:1@0", "-i 1.0 env watch", "watch walking:2"}) {
         all.push_back(ready(line));
     }
-    kill(*all[4]);
+    all[4]->process().signal(SIGKILL);
+    stage().waitForDeath(all[4]->pid());
     all.push_back(run("enable still:1 --leave"));
     all[3]->process().signal(SIGSTOP);
     stage().release("go");
@@ -116,8 +112,8 @@ TEST_F(Inside, TopFillsATerminalAndLeavesItAsItWas) {
         support::require([&] { return tmux("new-session -d -x 80 -y 12 sh " + script); }, "tmux",
                          [&] { return server->describe(); });
         waitFor(fmt::format("{}  1.1  activity     1", client->pid()));
-        EXPECT_THAT(shown,
-                    AllOf(HasSubstr("3s  enabled"), HasSubstr("\n10"), Not(HasSubstr("before"))));
+        waitFor("3s  enabled");
+        EXPECT_THAT(shown, HasSubstr("\n10"));
         tmux("resize-window -x 40 -y 5");
         waitFor("more lines)\nevery second; q to quit");
         if (end == "q") {
@@ -126,7 +122,7 @@ TEST_F(Inside, TopFillsATerminalAndLeavesItAsItWas) {
             ASSERT_EQ(0, ::kill(-std::stoi(shown), SIGTERM));
         }
         waitFor("ended with 0\nas before");
-        EXPECT_THAT(shown, AllOf(StartsWith("before\n"), HasSubstr("\n01")));
+        EXPECT_THAT(shown, ::testing::MatchesRegex("before\n.*\n01\n"));
     }
 }
 
@@ -135,7 +131,6 @@ TEST(OneLiners, PrintWhatTheGuideSays) {
     setup.speed = "7000";  // the day in six seconds
     Stage stage(setup);
     stage.startService();
-    stage.serving();
     const auto checker = stage.command({SOURCES "/tests/process/check_one_liners.py"});
     EXPECT_EQ(0, checker->waitExit()) << checker->describe();
 }
