@@ -67,12 +67,19 @@ void checkBounds(const Scenario& scenario) {
         lastNs = step.offsetNs;
         CHECK(memchr(step.event.name, '\0', sizeof(step.event.name)) != nullptr);
         if (step.kind == Kind::kWait) continue;
+        CHECK(step.kind != Kind::kAnswer || step.fault->calls >= 1);
+        if (const Fault* const fault = step.fault.get()) {
+            CHECK(fault->batch >= kHeld && fault->batch <= 10000);
+            CHECK(fault->threads >= 1 && fault->threads <= 16);
+            CHECK(fault->batch != kHeld || fault->threads == 1);
+            CHECK(fault->answer >= -4095 && fault->answer <= 1000);
+        }
+        if (++records; step.kind == Kind::kAnswer) continue;
         const bool isActivity = step.kind != Kind::kEnvironment;
         const auto& list = isActivity ? scenario.activities : scenario.environments;
         CHECK(step.event.activity < list.size());
         CHECK(step.event.event_type >= 1 && (step.event.event_type <= 2 || !isActivity));
         CHECK(step.kind != Kind::kPlain || list[step.event.activity] == step.event.name);
-        ++records;
     }
     CHECK(records <= 1000000);
     CHECK(scenario.speed >= 0.001 && scenario.speed <= 10000);
@@ -85,9 +92,8 @@ void checkBounds(const Scenario& scenario) {
 void play(const Scenario& scenario) {
     Player player;
     int64_t nowNs = INT64_C(1) << 60, originNs = nowNs;
-    Kind kind = Kind::kWait;
-    ar_context_event event = {};
-    const auto nothingComes = [&] { return !player.next(nowNs, &kind, &event); };
+    Step taken = {};
+    const auto nothingComes = [&] { return !player.next(nowNs, &taken); };
     const auto reach = [&](int64_t timeNs) {
         if (timeNs <= nowNs) return;
         CHECK(nothingComes() && player.nextDueNs() == timeNs);
@@ -111,10 +117,11 @@ void play(const Scenario& scenario) {
         }
         reach(originNs + step->offsetNs);
         if (left % 64 == 0) nowNs += kNsPerSecond;
-        CHECK(player.next(nowNs, &kind, &event));
+        CHECK(player.next(nowNs, &taken));
+        const ar_context_event& event = taken.event;
         CHECK(event.timestamp == originNs + step->offsetNs && event.timestamp <= nowNs);
-        CHECK(kind == step->kind && event.activity == step->event.activity);
-        CHECK(strcmp(event.name, step->event.name) == 0);
+        CHECK(taken.kind == step->kind && event.activity == step->event.activity);
+        CHECK(strcmp(event.name, step->event.name) == 0 && taken.fault == step->fault);
     }
     if (step == scenario.steps.end() && !scenario.loops) {
         CHECK(nothingComes() && player.nextDueNs() == INT64_MAX);

@@ -41,6 +41,8 @@ inline StageSetup playing(const std::string& scenarioPath) {
 
 class ProcessTest : public ::testing::Test {
   protected:
+    explicit ProcessTest(const std::string& scenario = kScenario)
+        : mStage(playing(mFiles.write("test.scn", scenario))) {}
     void SetUp() override {
         mStage.startService();
         mStage.serving();
@@ -110,6 +112,6 @@ class ProcessTest : public ::testing::Test {
     }
 
     Stage mFiles;  // only a folder
-    Stage mStage{playing(mFiles.write("test.scn", kScenario))};
+    Stage mStage;
     size_t mTold = 0;
 };

@@ -34,6 +34,12 @@ TEST_F(SimulatorTest, NamesFileLineAndReasonOfABadLine) {
             {"1e6 activity still 1 every=0.5 times=2", 1,
              "times=2 every=0.5: the last repetition is at 1000000.5 seconds, at most 1000000"},
             {"loop 0\n0 activity still 1", 1, "'0': 'loop' takes seconds, more than 0 up to"},
+            {"lacks sensors", 1, "'sensors' is not a side: activity or environment"},
+            {"0 answer close -1", 1, "'close' is not a slot that can fail"},
+            {"0 answer flush 6", 1, "'6' is not an answer of flush: -4095 to -1"},
+            {"0 activity still 1 batch=-1", 1, "batch takes 0 to 10000"},
+            {"0 activity still 1 inside=open", 1, "'open' is not a slot from which it can call"},
+            {"0 extended still 1 broken=type", 1, "broken takes name here"},
             {"speed 10001", 1, "'10001': 'speed' takes a factor of 0.001 to 10000"},
     };
     for (const auto& bad : cases) {

@@ -28,8 +28,9 @@ class HoldBuffer {
   public:
     bool isFull() const { return mHeld.size() >= ACTIVITY_RECOGNITION_MAX_EVENTS; }
 
-    // The caller sees to it that the record's pair is enabled and the buffer not full.
-    void add(const ar_context_event& event) { mHeld.push_back(event); }
+    // The caller sees to it that the record's pair is enabled and the buffer not full. key: the
+    // pair's, whatever the record itself says.
+    void add(const PairKey& key, const ar_context_event& event) { mHeld.push_back({key, event}); }
     void drop(const PairKey& key);
 
     // Whatever happened until now is due, even if it is not here yet.
@@ -42,12 +43,13 @@ class HoldBuffer {
     std::vector<ar_context_event> take(const PairTable& pairs, int64_t nowNs);
 
   private:
-    static PairKey keyOf(const ar_context_event& event) {
-        return {event.activity, event.event_type};
-    }
-    int64_t deadlineOf(const ar_context_event& event, const PairTable& pairs) const;
+    struct Held {
+        PairKey key;
+        ar_context_event event;
+    };
+    int64_t deadlineOf(const Held& held, const PairTable& pairs) const;
 
-    std::vector<ar_context_event> mHeld;
+    std::vector<Held> mHeld;
     int64_t mFlushedNs = INT64_MIN;
 };
 

@@ -60,13 +60,11 @@ const environment_interface sEnvironmentInterface = {
 };
 
 const activity_interface* getActivityInterface(activity_recognition_device*) {
-    Simulator::instance().traceInterface("get_activity_interface");
-    return &sActivityInterface;
+    return Simulator::instance().offers(kActivity) ? &sActivityInterface : nullptr;
 }
 
 const environment_interface* getEnvironmentInterface(activity_recognition_device*) {
-    Simulator::instance().traceInterface("get_environment_interface");
-    return &sEnvironmentInterface;
+    return Simulator::instance().offers(kEnvironment) ? &sEnvironmentInterface : nullptr;
 }
 
 int closeDevice(hw_device_t*) {

@@ -38,7 +38,7 @@ void Player::start(const Scenario* scenario, int64_t nowNs) {
     mOriginNs = nowNs;
 }
 
-bool Player::next(int64_t nowNs, Kind* kind, ar_context_event* event) {
+bool Player::next(int64_t nowNs, Step* taken) {
     while (nextDueNs() <= nowNs) {
         if (mNext == mScenario->steps.size()) {
             mNext = 0;
@@ -52,9 +52,8 @@ bool Player::next(int64_t nowNs, Kind* kind, ar_context_event* event) {
             mOriginNs = nowNs - step.offsetNs;
             continue;
         }
-        *kind = step.kind;
-        *event = step.event;
-        event->timestamp = mOriginNs + step.offsetNs;
+        *taken = step;
+        taken->event.timestamp = mOriginNs + step.offsetNs;
         return true;
     }
     return false;

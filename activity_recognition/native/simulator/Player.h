@@ -35,8 +35,8 @@ class Player {
     // One `wait name`, met or still to come, is over.
     void release(const std::string& name) { mReleased.insert(name); }
 
-    // Takes the next record that is due; its timestamp is the moment at which it was.
-    bool next(int64_t nowNs, Kind* kind, ar_context_event* event);
+    // Takes the next record or answer that is due; its timestamp is the moment at which it was.
+    bool next(int64_t nowNs, Step* taken);
     // When to ask again; INT64_MAX while a wait lasts or when the scenario is over.
     int64_t nextDueNs() const;
 

@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <iterator>
 
 namespace ar_simulator {
 namespace {
@@ -17,6 +18,20 @@ constexpr size_t kMaxNameLength = ACTIVITY_RECOGNITION_NAME_SIZE - 1;
 constexpr double kMaxSeconds = 1e6;
 constexpr uint64_t kMaxTimes = 10000;
 constexpr size_t kMaxSteps = 1000000;
+constexpr uint64_t kMaxBatch = 10000;
+constexpr uint64_t kMaxThreads = 16;
+constexpr uint64_t kMaxErrno = 4095;
+constexpr uint64_t kMaxSnapshot = 1000;
+
+// That can fail on purpose, or call back. Those whose answer is a count come first.
+constexpr int kCountingSlots = 2;
+const char* const kSlots[] = {
+        "get_current_activity",   "get_current_environment",
+        "enable_activity_event",  "enable_activity_event_extend",
+        "disable_activity_event", "flush",
+        "init_environment",       "exit_environment",
+        "enable_environment",     "disable_environment",
+};
 
 // Decimal, or hexadecimal with 0x. Signs, blanks and octal are not numbers here.
 bool parseNumber(const std::string& text, uint64_t max, uint64_t* number) {
@@ -63,6 +78,13 @@ std::string given(const std::vector<std::string>& words) {
     return words.size() < 2 ? "" : "'" + words[1] + "': ";
 }
 
+// Its position in kSlots.
+bool parseSlot(const std::string& text, int* position) {
+    const auto found = std::find(std::begin(kSlots), std::end(kSlots), text);
+    *position = static_cast<int>(found - kSlots);
+    return found != std::end(kSlots);
+}
+
 void setName(ar_context_event* event, const std::string& name) {
     memcpy(event->name, name.c_str(), name.size() + 1);
 }
@@ -81,10 +103,14 @@ class Reader {
     std::string readList(const Words& words, std::vector<std::string>* list);
     std::string readSpeed(const Words& words);
     std::string readLoop(const Words& words);
+    std::string readLacks(const Words& words);
     std::string readWait(const Words& words);
     std::string readRecord(const Words& words);
+    std::string readReport(const Words& words, Step* step);
     std::string readWhat(const std::string& word, Step* step);
     std::string readOption(const std::string& word, Step* step);
+    std::string readFault(const std::string& key, const std::string& text, Kind kind);
+    std::string readAnswer(const Words& words, Step* step);
     std::string checkRepetitions(const Step& step);
     void sortSection();
 
@@ -95,6 +121,7 @@ class Reader {
     int64_t mWaitOffsetNs = 0;       // of the last wait
     uint64_t mTimes = 1;
     int64_t mEveryNs = 0;
+    std::unique_ptr<Fault> mFault;  // of the line
 };
 
 std::string Reader::read(const std::string& line) {
@@ -104,8 +131,8 @@ std::string Reader::read(const std::string& line) {
 
     const std::string& first = words[0];
     if (first == "wait") return readWait(words);
-    const bool isDirective =
-            first == "activities" || first == "environments" || first == "speed" || first == "loop";
+    const bool isDirective = first == "activities" || first == "environments" || first == "speed" ||
+                             first == "loop" || first == "lacks";
     if (!isDirective) return readRecord(words);
 
     if (!mScenario.steps.empty()) return "'" + first + "' must come before the records";
@@ -115,6 +142,7 @@ std::string Reader::read(const std::string& line) {
     mSeen.push_back(first);
     if (first == "activities") return readList(words, &mScenario.activities);
     if (first == "environments") return readList(words, &mScenario.environments);
+    if (first == "lacks") return readLacks(words);
     return first == "speed" ? readSpeed(words) : readLoop(words);
 }
 
@@ -150,6 +178,19 @@ std::string Reader::readLoop(const Words& words) {
     return "";
 }
 
+std::string Reader::readLacks(const Words& words) {
+    for (size_t i = 1; i < words.size(); ++i) {
+        if (words[i] == "activity") {
+            mScenario.lacksActivity = true;
+        } else if (words[i] == "environment") {
+            mScenario.lacksEnvironment = true;
+        } else {
+            return "'" + words[i] + "' is not a side: activity or environment";
+        }
+    }
+    return words.size() > 1 ? "" : "'lacks' takes activity, environment or both";
+}
+
 std::string Reader::readWait(const Words& words) {
     if (words.size() != 2 || !isName(words[1])) return "'wait' takes a name of 1 to 31 bytes";
     sortSection();
@@ -174,33 +215,13 @@ std::string Reader::readRecord(const Words& words) {
                         ? "what comes before the wait"
                         : "the line above");
     }
-    if (words.size() < 4) return "a record has offset, kind, what, event type";
-
-    if (words[1] == "activity") {
-        step.kind = Kind::kPlain;
-    } else if (words[1] == "extended") {
-        step.kind = Kind::kExtended;
-    } else if (words[1] == "environment") {
-        step.kind = Kind::kEnvironment;
-    } else {
-        return "'" + words[1] + "' is not a kind: activity, extended or environment";
-    }
-    std::string reason = readWhat(words[2], &step);
-    if (!reason.empty()) return reason;
-
-    uint64_t type = 0;
-    const bool isActivity = step.kind != Kind::kEnvironment;
-    if (!parseNumber(words[3], isActivity ? 2 : UINT32_MAX, &type) || type < 1) {
-        return "'" + words[3] + "' is not an event type" + (isActivity ? " (1 or 2)" : "");
-    }
-    step.event.event_type = static_cast<uint32_t>(type);
-
     mTimes = 1;
     mEveryNs = 0;
-    for (size_t i = 4; i < words.size(); ++i) {
-        reason = readOption(words[i], &step);
-        if (!reason.empty()) return reason;
-    }
+    mFault.reset();
+    const bool answers = words.size() > 1 && words[1] == "answer";
+    std::string reason = answers ? readAnswer(words, &step) : readReport(words, &step);
+    if (!reason.empty()) return reason;
+    step.fault = std::move(mFault);
     if (mScenario.steps.size() + mTimes > kMaxSteps) return "more than 1000000 records";
     reason = checkRepetitions(step);
     if (!reason.empty()) return reason;
@@ -209,6 +230,67 @@ std::string Reader::readRecord(const Words& words) {
         mScenario.steps.push_back(step);
         step.offsetNs += mEveryNs;
     }
+    return "";
+}
+
+std::string Reader::readReport(const Words& words, Step* step) {
+    if (words.size() < 4) return "a record has offset, kind, what, event type";
+    if (words[1] == "activity") {
+        step->kind = Kind::kPlain;
+    } else if (words[1] == "extended") {
+        step->kind = Kind::kExtended;
+    } else if (words[1] == "environment") {
+        step->kind = Kind::kEnvironment;
+    } else {
+        return "'" + words[1] + "' is not a kind: activity, extended, environment or answer";
+    }
+    std::string reason = readWhat(words[2], step);
+    if (!reason.empty()) return reason;
+
+    uint64_t type = 0;
+    const bool isActivity = step->kind != Kind::kEnvironment;
+    if (!parseNumber(words[3], isActivity ? 2 : UINT32_MAX, &type) || type < 1) {
+        return "'" + words[3] + "' is not an event type" + (isActivity ? " (1 or 2)" : "");
+    }
+    step->event.event_type = static_cast<uint32_t>(type);
+    for (size_t i = 4; i < words.size() && reason.empty(); ++i) {
+        reason = readOption(words[i], step);
+    }
+    // Whoever hands over hands over one at least.
+    if (mFault != nullptr && mFault->batch == kHeld &&
+        (mFault->threads > 1 || !mFault->slot.empty())) {
+        mFault->batch = 1;
+    }
+    return reason;
+}
+
+std::string Reader::readAnswer(const Words& words, Step* step) {
+    if (words.size() < 4) return "an answer has offset, 'answer', slot, result";
+    step->kind = Kind::kAnswer;
+    mFault.reset(new Fault);
+    int position = 0;
+    if (!parseSlot(words[2], &position)) return "'" + words[2] + "' is not a slot that can fail";
+    mFault->slot = words[2];
+    const bool negative = words[3][0] == '-';
+    const bool counts = position < kCountingSlots;
+    uint64_t number = 0;
+    if (!parseNumber(words[3].substr(negative ? 1 : 0), negative ? kMaxErrno : kMaxSnapshot,
+                     &number) ||
+        (negative ? number < 1 : !counts || number <= ACTIVITY_RECOGNITION_MAX_CURRENT)) {
+        return "'" + words[3] + "' is not an answer of " + words[2] + ": -4095 to -1" +
+               (counts ? ", 6 to 1000" : "");
+    }
+    mFault->answer = static_cast<int>(number) * (negative ? -1 : 1);
+    uint64_t calls = 1;
+    for (size_t i = 4; i < words.size(); ++i) {
+        if (words[i].compare(0, 6, "times=") != 0) {
+            return "'" + words[i] + "' is not an option of an answer: times";
+        }
+        if (!parseNumber(words[i].substr(6), kMaxTimes, &calls) || calls < 1) {
+            return "times takes 1 to 10000";
+        }
+    }
+    mFault->calls = static_cast<int>(calls);
     return "";
 }
 
@@ -239,8 +321,11 @@ std::string Reader::readOption(const std::string& word, Step* step) {
     } else if (key == "extra") {
         if (!parseNumber(text, UINT32_MAX, &number)) return "extra takes a number of 32 bits";
         step->event.extra = static_cast<uint32_t>(number);
+    } else if (key == "batch" || key == "threads" || key == "inside" || key == "broken") {
+        return readFault(key, text, step->kind);
     } else if (step->kind == Kind::kPlain) {
-        return "'" + word + "' is not an option of a plain record: extra, times, every";
+        return "'" + word + "' is not an option of a plain record: extra, times, every, batch, " +
+               "threads, inside, broken";
     } else if (key == "value") {
         if (!parseNumber(text, UINT32_MAX, &number)) return "value takes a number of 32 bits";
         step->event.value = static_cast<uint32_t>(number);
@@ -255,7 +340,33 @@ std::string Reader::readOption(const std::string& word, Step* step) {
         if (text.size() > kMaxNameLength) return "name takes at most 31 bytes";
         setName(&step->event, text);
     } else {
-        return "'" + word + "' is not an option: extra, value, data, name, times, every";
+        return "'" + word + "' is not an option: extra, value, data, name, times, every, batch, " +
+               "threads, inside, broken";
+    }
+    return "";
+}
+
+std::string Reader::readFault(const std::string& key, const std::string& text, Kind kind) {
+    if (mFault == nullptr) mFault.reset(new Fault);
+    uint64_t number = 0;
+    if (key == "batch") {
+        if (!parseNumber(text, kMaxBatch, &number)) return "batch takes 0 to 10000";
+        mFault->batch = static_cast<int>(number);
+    } else if (key == "threads") {
+        if (!parseNumber(text, kMaxThreads, &number) || number < 2) return "threads takes 2 to 16";
+        mFault->threads = static_cast<int>(number);
+    } else if (key == "inside") {
+        int position = 0;
+        if (!parseSlot(text, &position)) {
+            return "'" + text + "' is not a slot from which it can call back";
+        }
+        mFault->slot = text;
+    } else {
+        const bool plain = kind == Kind::kPlain;
+        if (text != (plain ? "type" : "name")) {
+            return std::string("broken takes ") + (plain ? "type for a plain record" : "name here");
+        }
+        (plain ? mFault->withoutType : mFault->unterminated) = true;
     }
     return "";
 }

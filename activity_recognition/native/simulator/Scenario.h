@@ -4,6 +4,7 @@
 
 #include <stdint.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -12,20 +13,40 @@
 namespace ar_simulator {
 
 // The first three are the kinds of records, one per callback.
-enum class Kind { kPlain, kExtended, kEnvironment, kWait };
+enum class Kind { kPlain, kExtended, kEnvironment, kWait, kAnswer };
 constexpr int kRecordKinds = 3;
 
 constexpr int64_t kNsPerSecond = 1000000000;
 
+constexpr int kHeld = -1;
+
+// What no good module does.
+struct Fault {
+    // Of a record: handed over so often in one call, at once, enabled or not; kHeld: like any
+    // other.
+    int batch = kHeld;
+    int threads = 1;            // that hand it over, at the same time
+    bool withoutType = false;   // event type 0
+    bool unterminated = false;  // the name fills its field
+    // Of a record: inside whose next call it is handed over, empty for the module's thread. Of an
+    // answer: whose next calls get it.
+    std::string slot;
+    int answer = 0;
+    int calls = 0;  // that get the answer
+};
+
 struct Step {
-    int64_t offsetNs;        // since the beginning; of a wait: when it is reached
-    Kind kind;               // kWait: event.name holds what is waited for
-    ar_context_event event;  // without its timestamp
+    int64_t offsetNs;                    // since the beginning; of a wait: when it is reached
+    Kind kind;                           // kWait: event.name holds what is waited for
+    ar_context_event event;              // without its timestamp and its faults
+    std::shared_ptr<const Fault> fault;  // kAnswer: never null
 };
 
 struct Scenario {
     std::vector<std::string> activities;
     std::vector<std::string> environments;
+    bool lacksActivity = false;  // no table for this side
+    bool lacksEnvironment = false;
     std::vector<Step> steps;  // in the order in which they are played
     double speed = 1;         // seconds of the module's clock in a second
     bool loops = false;

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 
 #include <android/log.h>
 
@@ -25,6 +26,9 @@ namespace {
 constexpr int kRecordsAtATime = 4096;
 constexpr int kReadsAtATime = 16;
 constexpr int64_t kPauseNs = 100000;
+
+// Whether this thread is inside a callback.
+thread_local bool tCallsBack = false;
 
 const char* nonEmptyEnv(const char* name) {
     const char* value = getenv(name);
@@ -167,6 +171,9 @@ void Simulator::release() {
         mCurrent[side].clear();
     }
     for (HoldBuffer& buffer : mBuffers) buffer = HoldBuffer();
+    mDirect = Step();
+    mInside.clear();
+    mAnswers.clear();
 }
 
 int Simulator::close() {
@@ -174,7 +181,7 @@ int Simulator::close() {
     {
         android::Mutex::Autolock lock(mMutex);
         if (mState != State::kOpen) return -EINVAL;
-        if (mThread.get_id() == std::this_thread::get_id()) {
+        if (tCallsBack) {
             SIM_LOG(ERROR, "close was called from inside a callback");
             return -EDEADLK;
         }
@@ -197,13 +204,32 @@ int Simulator::finish(const char* native, TraceLine& line, int result) {
     if (mState != State::kOpen) return -ENODEV;
     if (result < 0) SIM_LOG(WARN, "%s refused: %s", native, strerror(-result));
     mTrace.write(line.number("result", result));
+    const auto inside = mInside.find(native);
+    if (inside != mInside.end()) {
+        const Step step = inside->second;
+        mInside.erase(inside);
+        handOver(step);
+    }
     return result;
 }
 
-void Simulator::traceInterface(const char* native) {
+// What the scenario has this call answer: 0 for what it would have anyway.
+int Simulator::takeAnswer(const char* native) {
+    playNow();
+    const auto found = mAnswers.find(native);
+    if (found == mAnswers.end()) return 0;
+    const int answer = found->second.answer;
+    if (--found->second.calls == 0) mAnswers.erase(found);
+    return answer;
+}
+
+bool Simulator::offers(Side side) {
+    const char* native = side == kActivity ? "get_activity_interface" : "get_environment_interface";
     TraceLine line(native);
     android::Mutex::Autolock lock(mMutex);
-    finish(native, line, 0);
+    const bool lacks = side == kActivity ? mScenario.lacksActivity : mScenario.lacksEnvironment;
+    finish(native, line, lacks ? -EOPNOTSUPP : 0);
+    return !lacks;
 }
 
 void Simulator::registerActivityCallbacks(const activity_callbacks* callbacks) {
@@ -240,16 +266,23 @@ int Simulator::supportedList(Side side, char*** list) {
 
 int Simulator::current(Side side, ar_context_event** events) {
     // Other threads' queries must not change a snapshot that is still being read.
-    static thread_local ar_context_event snapshots[kSides][ACTIVITY_RECOGNITION_MAX_CURRENT];
+    static thread_local std::vector<ar_context_event> snapshots[kSides];
     const char* native = side == kActivity ? "get_current_activity" : "get_current_environment";
     android::Mutex::Autolock lock(mMutex);
     TraceLine line(native);
     if (events == nullptr) return finish(native, line, -EINVAL);
-    playNow();
-    std::copy(mCurrent[side].begin(), mCurrent[side].end(), snapshots[side]);
-    *events = snapshots[side];
-    line.timestamps(snapshots[side], static_cast<int>(mCurrent[side].size()));
-    return finish(native, line, static_cast<int>(mCurrent[side].size()));
+    const int answer = takeAnswer(native);
+    std::vector<ar_context_event>& snapshot = snapshots[side];
+    snapshot.reserve(1);  // not NULL when there are none
+    snapshot = mCurrent[side];
+    // Too many of them repeat those that there are.
+    if (snapshot.empty() && answer > 0) snapshot.emplace_back();
+    while (static_cast<int>(snapshot.size()) < answer) {
+        snapshot.insert(snapshot.begin(), ar_context_event(snapshot.back()));
+    }
+    *events = snapshot.data();
+    line.timestamps(snapshot.data(), static_cast<int>(snapshot.size()));
+    return finish(native, line, answer < 0 ? answer : static_cast<int>(snapshot.size()));
 }
 
 int Simulator::checkPair(Side side, uint32_t what, uint32_t eventType) {
@@ -259,7 +292,6 @@ int Simulator::checkPair(Side side, uint32_t what, uint32_t eventType) {
 
 void Simulator::addPair(Side side, const PairKey& key, int64_t latencyNs, bool extended) {
     if (mState != State::kOpen) return;
-    playNow();
     Pair& pair = mPairs[side][key];
     pair.latencyNs = latencyNs;
     pair.extended = pair.extended || extended;
@@ -284,7 +316,8 @@ int Simulator::enable(Kind kind, uint32_t what, uint32_t eventType, int64_t late
     TraceLine line(native);
     line.number(nounOf(side), what).number("event_type", eventType);
     line.number("latency_ns", latencyNs).params(params);
-    int result = checkPair(side, what, eventType);
+    int result = takeAnswer(native);
+    if (result == 0) result = checkPair(side, what, eventType);
     if (params == nullptr && kind != Kind::kPlain) result = -EINVAL;
     if (result == 0 && side == kEnvironment && mInitialised.count(what) == 0) result = -EPERM;
     if (result == 0) addPair(side, {what, eventType}, latencyNs, kind == Kind::kExtended);
@@ -296,32 +329,32 @@ int Simulator::disable(Side side, uint32_t what, uint32_t eventType) {
     android::Mutex::Autolock lock(mMutex);
     TraceLine line(native);
     line.number(nounOf(side), what).number("event_type", eventType);
-    const int result = checkPair(side, what, eventType);
-    if (result == 0) {
-        playNow();
-        dropPair(side, {what, eventType});
-    }
+    int result = takeAnswer(native);
+    if (result == 0) result = checkPair(side, what, eventType);
+    if (result == 0) dropPair(side, {what, eventType});
     return finish(native, line, result);
 }
 
 int Simulator::flush() {
     android::Mutex::Autolock lock(mMutex);
     TraceLine line("flush");
-    if (mState == State::kOpen) {
+    const int result = takeAnswer("flush");
+    if (result == 0 && mState == State::kOpen) {
         const int64_t nowNs = mClock.nowNs();
         play(nowNs);
         mBuffers[static_cast<int>(Kind::kPlain)].flush(nowNs);
         mBuffers[static_cast<int>(Kind::kExtended)].flush(nowNs);
         wake();
     }
-    return finish("flush", line, 0);
+    return finish("flush", line, result);
 }
 
 int Simulator::initEnvironment(uint32_t environment, const other_params* params) {
     android::Mutex::Autolock lock(mMutex);
     TraceLine line("init_environment");
     line.number("environment", environment).params(params);
-    const int result = params == nullptr ? -EINVAL : checkPair(kEnvironment, environment, 0);
+    int result = takeAnswer("init_environment");
+    if (result == 0) result = params == nullptr ? -EINVAL : checkPair(kEnvironment, environment, 0);
     if (result == 0 && mState == State::kOpen) mInitialised.insert(environment);
     return finish("init_environment", line, result);
 }
@@ -330,9 +363,9 @@ int Simulator::exitEnvironment(uint32_t environment, const other_params* params)
     android::Mutex::Autolock lock(mMutex);
     TraceLine line("exit_environment");
     line.number("environment", environment).params(params);
-    const int result = params == nullptr ? -EINVAL : checkPair(kEnvironment, environment, 0);
+    int result = takeAnswer("exit_environment");
+    if (result == 0) result = params == nullptr ? -EINVAL : checkPair(kEnvironment, environment, 0);
     if (result == 0) {
-        playNow();
         mInitialised.erase(environment);
         const PairTable pairs = mPairs[kEnvironment];
         for (const auto& pair : pairs) {
@@ -392,17 +425,27 @@ void Simulator::readControl() {
     }
 }
 
-// Plays what is due; stops at a full buffer, which must be sent first, and when it is enough for
-// now.
+// Plays what is due; stops at a full buffer and at a batch of its own, which must be sent first,
+// and when it is enough for now.
 void Simulator::play(int64_t nowNs) {
-    Kind kind = Kind::kPlain;
-    ar_context_event event = {};
+    Step step = {};
     int left = kRecordsAtATime;
-    while (left-- > 0 &&
+    while (left-- > 0 && mDirect.fault == nullptr &&
            std::none_of(mBuffers, mBuffers + kRecordKinds,
                         [](const HoldBuffer& buffer) { return buffer.isFull(); }) &&
-           mPlayer.next(nowNs, &kind, &event)) {
-        const Side side = sideOf(kind);
+           mPlayer.next(nowNs, &step)) {
+        if (step.kind == Kind::kAnswer) {
+            mAnswers[step.fault->slot] = *step.fault;
+            continue;
+        }
+        const PairKey key = {step.event.activity, step.event.event_type};
+        ar_context_event& event = step.event;
+        if (step.fault != nullptr && step.fault->withoutType) event.event_type = 0;
+        if (step.fault != nullptr && step.fault->unterminated) {
+            std::replace(std::begin(event.name), std::end(event.name), '\0', '~');
+        }
+        const bool isBatch = step.fault != nullptr && step.fault->batch != kHeld;
+        const Side side = sideOf(step.kind);
         std::vector<ar_context_event>& current = mCurrent[side];
         current.erase(std::remove_if(current.begin(), current.end(),
                                      [&](const ar_context_event& other) {
@@ -412,10 +455,14 @@ void Simulator::play(int64_t nowNs) {
         current.push_back(event);
         if (current.size() > ACTIVITY_RECOGNITION_MAX_CURRENT) current.erase(current.begin());
 
-        const auto pair = mPairs[side].find({event.activity, event.event_type});
+        if (isBatch) {
+            (step.fault->slot.empty() ? mDirect : mInside[step.fault->slot]) = step;
+            continue;
+        }
+        const auto pair = mPairs[side].find(key);
         if (pair == mPairs[side].end()) continue;
-        if (kind == Kind::kExtended && !pair->second.extended) continue;
-        mBuffers[static_cast<int>(kind)].add(event);
+        if (step.kind == Kind::kExtended && !pair->second.extended) continue;
+        mBuffers[static_cast<int>(step.kind)].add(key, event);
     }
 }
 
@@ -424,7 +471,7 @@ void Simulator::playNow() {
     if (mState == State::kOpen) play(mClock.nowNs());
 }
 
-// Hands over one batch, without the lock; false when nothing is due or nobody hears it.
+// Hands over one batch; false when nothing is due.
 bool Simulator::sendDue(int64_t nowNs) {
     Kind kind = Kind::kPlain;
     int64_t firstNs = INT64_MAX;
@@ -436,43 +483,74 @@ bool Simulator::sendDue(int64_t nowNs) {
             kind = candidate;
         }
     }
-    if (firstNs > nowNs || firstNs == INT64_MAX) return false;
+    if (firstNs <= nowNs && firstNs != INT64_MAX) {
+        handOver(kind, mBuffers[static_cast<int>(kind)].take(mPairs[sideOf(kind)], nowNs),
+                 /*threads=*/1);
+    } else if (mDirect.fault != nullptr) {
+        const Step step = mDirect;
+        mDirect = Step();
+        handOver(step);
+    } else {
+        return false;
+    }
+    return true;
+}
 
-    const std::vector<ar_context_event> events =
-            mBuffers[static_cast<int>(kind)].take(mPairs[sideOf(kind)], nowNs);
+// A batch of its own.
+void Simulator::handOver(const Step& step) {
+    std::vector<ar_context_event> events;
+    events.reserve(step.fault->batch + 1);  // not NULL when there are none
+    events.assign(step.fault->batch, step.event);
+    handOver(step.kind, events, step.fault->threads);
+}
+
+// Without the lock, by this thread and as many others as make up threads.
+void Simulator::handOver(Kind kind, const std::vector<ar_context_event>& events, int threads) {
     const int count = static_cast<int>(events.size());
     const activity_callbacks* activityCallbacks = mActivityCallbacks;
     const environment_callbacks* environmentCallbacks = mEnvironmentCallbacks;
     const bool heard = kind == Kind::kEnvironment ? environmentCallbacks != nullptr
                                                   : activityCallbacks != nullptr;
-    if (!heard) return false;
-    if (mTrace.isOpen()) {
+    if (!heard) return;
+    for (int i = 0; mTrace.isOpen() && i < threads; ++i) {
         static const char* const natives[] = {"activity_changed", "activity_extend_changed",
                                               "environment_changed"};
         TraceLine line(natives[static_cast<int>(kind)]);
         mTrace.write(line.events(events.data(), count, kind != Kind::kPlain));
     }
     std::vector<activity_event> plain;
+    plain.reserve(events.capacity());
     if (kind == Kind::kPlain) {
         for (const ar_context_event& event : events) {
             plain.push_back({event.event_type, event.activity, event.timestamp, event.extra, {}});
         }
     }
 
+    std::atomic<int> missing{threads};
+    const auto call = [&] {
+        const bool nested = tCallsBack;
+        tCallsBack = true;
+        // All at the same time.
+        for (--missing; missing > 0;) std::this_thread::yield();
+        switch (kind) {
+            case Kind::kPlain:
+                activityCallbacks->activity_changed(plain.data(), count);
+                break;
+            case Kind::kExtended:
+                activityCallbacks->activity_extend_changed(events.data(), count);
+                break;
+            default:
+                environmentCallbacks->environment_changed(events.data(), count);
+                break;
+        }
+        tCallsBack = nested;
+    };
     mMutex.unlock();
-    switch (kind) {
-        case Kind::kPlain:
-            activityCallbacks->activity_changed(plain.data(), count);
-            break;
-        case Kind::kExtended:
-            activityCallbacks->activity_extend_changed(events.data(), count);
-            break;
-        default:
-            environmentCallbacks->environment_changed(events.data(), count);
-            break;
-    }
+    std::vector<std::thread> others;
+    for (int i = 1; i < threads; ++i) others.emplace_back(call);
+    call();
+    for (std::thread& other : others) other.join();
     mMutex.lock();
-    return true;
 }
 
 int64_t Simulator::sleepNs() const {

@@ -4,6 +4,7 @@
 
 #include <stdint.h>
 
+#include <map>
 #include <set>
 #include <string>
 #include <thread>
@@ -38,7 +39,8 @@ class Simulator {
     // Stops the thread, waits for a callback in progress. -EDEADLK on that thread.
     int close();
 
-    void traceInterface(const char* native);
+    // Whether the scenario leaves the side its table.
+    bool offers(Side side);
     void registerActivityCallbacks(const activity_callbacks* callbacks);
     void registerEnvironmentCallbacks(const environment_callbacks* callbacks);
 
@@ -62,6 +64,7 @@ class Simulator {
     bool configure() REQUIRES(mMutex);
     void release() REQUIRES(mMutex);
     int checkPair(Side side, uint32_t what, uint32_t eventType) REQUIRES(mMutex);
+    int takeAnswer(const char* native) REQUIRES(mMutex);
     int finish(const char* native, TraceLine& line, int result) REQUIRES(mMutex);
     void addPair(Side side, const PairKey& key, int64_t latencyNs, bool extended) REQUIRES(mMutex);
     void dropPair(Side side, const PairKey& key) REQUIRES(mMutex);
@@ -73,6 +76,9 @@ class Simulator {
     void play(int64_t nowNs) REQUIRES(mMutex);
     void playNow() REQUIRES(mMutex);
     bool sendDue(int64_t nowNs) REQUIRES(mMutex);
+    void handOver(const Step& step) REQUIRES(mMutex);
+    void handOver(Kind kind, const std::vector<ar_context_event>& events, int threads)
+            REQUIRES(mMutex);
     int64_t sleepNs() const REQUIRES(mMutex);
 
     android::Mutex mMutex;
@@ -94,6 +100,11 @@ class Simulator {
     std::set<uint32_t> mInitialised GUARDED_BY(mMutex);
     HoldBuffer mBuffers[kRecordKinds] GUARDED_BY(mMutex);
     std::vector<ar_context_event> mCurrent[kSides] GUARDED_BY(mMutex);  // newest last
+
+    // Faults that have come: the batch that is next, those for calls of slots, answers of slots.
+    Step mDirect GUARDED_BY(mMutex) = {};  // without a fault: none
+    std::map<std::string, Step> mInside GUARDED_BY(mMutex);
+    std::map<std::string, Fault> mAnswers GUARDED_BY(mMutex);
 };
 
 }  // namespace ar_simulator
