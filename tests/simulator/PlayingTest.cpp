@@ -149,6 +149,22 @@ TEST_F(SimulatorTest, KeepsTheFiveNewestActivitiesCurrent) {
     EXPECT_EQ(1, environment->get_current_environment(&events));
 }
 
+TEST_F(SimulatorTest, PlaysLinesOfTheControlAsWell) {
+    setScenario("wait go\n0 activity still 1 extra=3\n");
+    start();
+    activity->enable_activity_event(0, 1, 0);
+    say("activity stil 1");
+    say("activity still 1 extra=1 times=2 every=0.01");
+    const Batch first = next(), second = next();
+    EXPECT_EQ(first.events[0].timestamp + 10 * kMs, second.events[0].timestamp);
+    say("answer flush -5");
+    say("go");
+    EXPECT_THAT(extrasOf(next()), ElementsAre(3));
+    EXPECT_EQ(-5, activity->flush());
+    EXPECT_THAT(errors, ElementsAre("AR_simulator AR_SIMULATOR_CONTROL: 'activity stil 1': "
+                                    "no activity is named 'stil'"));
+}
+
 TEST_F(SimulatorTest, RefusesToCloseFromInsideACallback) {
     setScenario("wait go\n0 activity still 1\n");
     std::promise<int> closed;

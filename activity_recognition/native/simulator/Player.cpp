@@ -38,8 +38,21 @@ void Player::start(const Scenario* scenario, int64_t nowNs) {
     mOriginNs = nowNs;
 }
 
+bool Player::add(const std::vector<Step>& steps, int64_t nowNs) {
+    if (mAdded.size() + steps.size() > kMaxSteps) return false;
+    for (const Step& step : steps) mAdded.emplace(nowNs + step.offsetNs, step);
+    return true;
+}
+
 bool Player::next(int64_t nowNs, Step* taken) {
     while (nextDueNs() <= nowNs) {
+        const auto added = mAdded.begin();
+        if (added != mAdded.end() && added->first < nextOfScenarioNs()) {
+            *taken = added->second;
+            taken->event.timestamp = added->first;
+            mAdded.erase(added);
+            return true;
+        }
         if (mNext == mScenario->steps.size()) {
             mNext = 0;
             mOriginNs += mScenario->periodNs;
@@ -60,7 +73,12 @@ bool Player::next(int64_t nowNs, Step* taken) {
 }
 
 int64_t Player::nextDueNs() const {
-    if (mScenario == nullptr || mScenario->steps.empty()) return INT64_MAX;
+    if (mScenario == nullptr) return INT64_MAX;
+    return std::min(nextOfScenarioNs(), mAdded.empty() ? INT64_MAX : mAdded.begin()->first);
+}
+
+int64_t Player::nextOfScenarioNs() const {
+    if (mScenario->steps.empty()) return INT64_MAX;
     if (mNext == mScenario->steps.size()) {
         return mScenario->loops ? mOriginNs + mScenario->periodNs : INT64_MAX;
     }

@@ -4,8 +4,10 @@
 
 #include <stdint.h>
 
+#include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "Scenario.h"
 
@@ -35,16 +37,23 @@ class Player {
     // One `wait name`, met or still to come, is over.
     void release(const std::string& name) { mReleased.insert(name); }
 
+    // Plays these as well, their offsets counted from now, also during a wait. False when too many
+    // are to come already.
+    bool add(const std::vector<Step>& steps, int64_t nowNs);
+
     // Takes the next record or answer that is due; its timestamp is the moment at which it was.
     bool next(int64_t nowNs, Step* taken);
-    // When to ask again; INT64_MAX while a wait lasts or when the scenario is over.
+    // When to ask again; INT64_MAX before the start, and for a scenario that waits or is over.
     int64_t nextDueNs() const;
 
   private:
+    int64_t nextOfScenarioNs() const;
+
     const Scenario* mScenario = nullptr;
     size_t mNext = 0;
     int64_t mOriginNs = 0;  // the moment of offset 0
     std::multiset<std::string> mReleased;
+    std::multimap<int64_t, Step> mAdded;  // by the moment at which they are due
 };
 
 }  // namespace ar_simulator

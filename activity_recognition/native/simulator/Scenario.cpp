@@ -17,7 +17,6 @@ constexpr size_t kMaxListSize = 64;
 constexpr size_t kMaxNameLength = ACTIVITY_RECOGNITION_NAME_SIZE - 1;
 constexpr double kMaxSeconds = 1e6;
 constexpr uint64_t kMaxTimes = 10000;
-constexpr size_t kMaxSteps = 1000000;
 constexpr uint64_t kMaxBatch = 10000;
 constexpr uint64_t kMaxThreads = 16;
 constexpr uint64_t kMaxErrno = 4095;
@@ -95,11 +94,14 @@ class Reader {
 
     // Returns the reason why the line is bad, empty when it is good.
     std::string read(const std::string& line);
+    // Of a record or an answer without its offset.
+    std::string readNow(const std::string& line);
     std::string finish();
 
   private:
     using Words = std::vector<std::string>;
 
+    static Words wordsOf(const std::string& line);
     std::string readList(const Words& words, std::vector<std::string>* list);
     std::string readSpeed(const Words& words);
     std::string readLoop(const Words& words);
@@ -124,9 +126,21 @@ class Reader {
     std::unique_ptr<Fault> mFault;  // of the line
 };
 
+Reader::Words Reader::wordsOf(const std::string& line) {
+    return split(line.substr(0, line.find('#')), " \t\r\n");
+}
+
+std::string Reader::readNow(const std::string& line) {
+    if (line.find('\0') != std::string::npos) return "holds a NUL byte";
+    Words words = wordsOf(line);
+    if (words.empty()) return "";
+    words.insert(words.begin(), "0");
+    return readRecord(words);
+}
+
 std::string Reader::read(const std::string& line) {
     if (line.find('\0') != std::string::npos) return "holds a NUL byte";
-    const Words words = split(line.substr(0, line.find('#')), " \t\r\n");
+    const Words words = wordsOf(line);
     if (words.empty()) return "";
 
     const std::string& first = words[0];
@@ -413,6 +427,15 @@ Scenario Scenario::builtIn() {
 
 bool parseSpeed(const char* text, double* factor) {
     return parseDouble(text, factor) && *factor >= kMinSpeed && *factor <= kMaxSpeed;
+}
+
+std::string readLine(const std::string& line, const Scenario& scenario, std::vector<Step>* steps) {
+    Scenario now;
+    now.activities = scenario.activities;
+    now.environments = scenario.environments;
+    const std::string reason = Reader(&now).readNow(line);
+    steps->swap(now.steps);
+    return reason;
 }
 
 bool readScenario(const char* path, Scenario* scenario, std::string* error) {

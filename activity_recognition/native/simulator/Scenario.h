@@ -59,6 +59,11 @@ struct Scenario {
 // Returns false with "path:line: reason", or "path: reason", in *error.
 bool readScenario(const char* path, Scenario* scenario, std::string* error);
 
+// A record or an answer of now, as a line of the scenario without its offset: its repetitions, with
+// offsets from now. Returns the reason why it is bad, empty when it is good.
+std::string readLine(const std::string& line, const Scenario& scenario, std::vector<Step>* steps);
+constexpr size_t kMaxSteps = 1000000;
+
 // Whole text to number. The slowest takes a quarter of an hour for a second; at the fastest the
 // module's clock lasts for five days.
 constexpr double kMinSpeed = 0.001;

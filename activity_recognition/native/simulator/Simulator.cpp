@@ -419,9 +419,23 @@ void Simulator::readControl() {
         start = mControlText.find_first_not_of(" \t");
         const size_t last = mControlText.find_last_not_of(" \t\r\n", end);
         if (start < end && last != std::string::npos) {
-            mPlayer.release(mControlText.substr(start, last + 1 - start));
+            obey(mControlText.substr(start, last + 1 - start));
         }
         mControlText.erase(0, end + 1);
+    }
+}
+
+// One word goes past a wait, anything else is played now.
+void Simulator::obey(const std::string& line) {
+    if (line.find_first_of(" \t") == std::string::npos) {
+        mPlayer.release(line);
+        return;
+    }
+    std::vector<Step> steps;
+    std::string reason = readLine(line, mScenario, &steps);
+    if (reason.empty() && !mPlayer.add(steps, mClock.nowNs())) reason = "too many are to come";
+    if (!reason.empty()) {
+        SIM_LOG(ERROR, "AR_SIMULATOR_CONTROL: '%s': %s", line.c_str(), reason.c_str());
     }
 }
 

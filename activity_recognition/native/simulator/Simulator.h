@@ -73,6 +73,7 @@ class Simulator {
     void wake() REQUIRES(mMutex);
     void run();
     void readControl() REQUIRES(mMutex);
+    void obey(const std::string& line) REQUIRES(mMutex);
     void play(int64_t nowNs) REQUIRES(mMutex);
     void playNow() REQUIRES(mMutex);
     bool sendDue(int64_t nowNs) REQUIRES(mMutex);
