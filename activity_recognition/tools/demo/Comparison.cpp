@@ -51,6 +51,15 @@ nlohmann::json only(const nlohmann::json& expected, const nlohmann::json& found)
     return members;
 }
 
+// The names of ids are activityctl's addition.
+nlohmann::json withoutNames(nlohmann::json events) {
+    for (auto& event : events) {
+        event.erase("activity_name");
+        event.erase("environment_name");
+    }
+    return events;
+}
+
 }  // namespace
 
 void Comparison::that(bool holds, const std::string& otherwise) {
@@ -74,13 +83,7 @@ void Comparison::client(const std::string& name, support::Client& client, const 
         const std::string what = line.at("what");
         if (line.count("events") == 0 || what == "end") continue;
         that(line.at("pid") == client.pid(), name + ": output of another process");
-        nlohmann::json call{{"what", what}, {"events", line.at("events")}};
-        // The names of ids are activityctl's addition.
-        for (auto& event : call.at("events")) {
-            event.erase("activity_name");
-            event.erase("environment_name");
-        }
-        calls.push_back(std::move(call));
+        calls.push_back({{"what", what}, {"events", withoutNames(line.at("events"))}});
     }
     same(name + ": call", calls, model.deliveries(name));
 }
@@ -155,6 +158,31 @@ void Comparison::dump(const std::string& moment, const nlohmann::json& dump, con
     that(dump.at("held").empty() && dump.at("in_flight").empty(),
          moment + ": something is held or in flight");
     that(!activity.at("recipients").at("own").is_null(), moment + ": no recipients");
+}
+
+void Comparison::trace(const nlohmann::json& trace, const std::string& name, pid_t pid,
+                       const Model& model, const std::function<double(int64_t)>& microseconds) {
+    std::map<int, double> begins;         // of flows, by their id
+    std::map<double, double> batchTimes;  // of flows that end here, by their end
+    std::vector<nlohmann::json> found, expected;
+    const auto& events = trace.at("traceEvents");
+    for (const auto& event : events) {
+        if (event.at("ph") == "s") begins[event.at("id")] = event.at("ts");
+        if (event.at("ph") == "f" && event.at("pid") == pid) {
+            batchTimes[event.at("ts")] = begins[event.at("id")];
+        }
+    }
+    for (const auto& event : events) {
+        if (event.at("ph") != "X" || event.at("pid") != pid) continue;
+        found.push_back({{"what", event.at("name")},
+                         {"batch", batchTimes[event.at("ts")]},
+                         {"events", withoutNames(event.at("args").at("records"))}});
+    }
+    for (size_t i = 0; i < model.deliveries(name).size(); ++i) {
+        expected.push_back(model.deliveries(name)[i]);
+        expected.back()["batch"] = microseconds(model.batchTimes(name)[i]);
+    }
+    same(name + ": slice", found, expected);
 }
 
 void Comparison::log(const std::vector<support::LineSource::Line>& lines, const Model& model) {

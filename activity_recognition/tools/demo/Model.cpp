@@ -6,7 +6,7 @@
 namespace demo {
 
 void Model::addClient(const std::string& name, Side side, bool version11, int32_t pid) {
-    const Client& client = mClients[name] = {side, pid, ++mObjects, {}};
+    const Client& client = mClients[name] = {side, pid, ++mObjects, {}, {}};
     if (side == Side::kActivity) {
         version11 ? mActivity.registerV1_1(pid, client.callback)
                   : mActivity.registerV1_0(pid, client.callback);
@@ -56,6 +56,7 @@ void Model::play(const std::string& stage) {
 }
 
 void Model::deliver(const nlohmann::json& batch) {
+    mBatchTime = batch.at("t");
     std::vector<ar_model::Event> events;
     for (const auto& event : batch.at("events")) {
         events.push_back({event.at("event_type"), event.at("activity"), event.at("timestamp"),
@@ -285,6 +286,7 @@ bool Model::deliver(ar_model::Callback to, const std::string& method,
     for (auto& [name, client] : mClients) {
         if (client.callback != to) continue;
         client.deliveries.push_back({{"what", method}, {"events", list}});
+        client.batchTimes.push_back(mBatchTime);
         ++mCalls[client.side];
     }
     return true;

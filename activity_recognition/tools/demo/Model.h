@@ -58,6 +58,10 @@ class Model : private ar_model::World {
     const std::vector<nlohmann::json>& deliveries(const std::string& client) const {
         return mClients.at(client).deliveries;
     }
+    // The times at which the module sent the batches that caused them.
+    const std::vector<int64_t>& batchTimes(const std::string& client) const {
+        return mClients.at(client).batchTimes;
+    }
     // What the service's dump must show, table by table; no times, durations or asked latencies.
     nlohmann::json dump() const;
     const std::vector<std::string>& logLines() const { return mLogLines; }
@@ -69,6 +73,7 @@ class Model : private ar_model::World {
         int32_t pid;
         ar_model::Callback callback;
         std::vector<nlohmann::json> deliveries;
+        std::vector<int64_t> batchTimes;
     };
 
     nlohmann::json dumpClients(Side side) const;
@@ -99,6 +104,7 @@ class Model : private ar_model::World {
     std::vector<nlohmann::json> mNativeCalls;
     std::vector<std::string> mLogLines;
     bool mSawMixedBatch = false;
+    int64_t mBatchTime = 0;
     // What the dump counts.
     std::map<std::string, uint64_t> mBatches, mRecords;  // by slot
     uint64_t mRouted = 0;

@@ -5,7 +5,10 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <fstream>
 #include <stdexcept>
 
 namespace demo {
@@ -23,6 +26,10 @@ support::StageSetup setup(const std::string& scenarioPath) {
     return setup;
 }
 
+void checkWritten(const std::ofstream& file, const std::string& path) {
+    if (!file) throw std::runtime_error(fmt::format("cannot write {}: {}", path, strerror(errno)));
+}
+
 }  // namespace
 
 Story::Story(const std::string& scenarioPath)
@@ -31,10 +38,18 @@ Story::Story(const std::string& scenarioPath)
       mModel(mScenario, [this] { return nextSnapshot(); }),
       mTimeline(mScenario) {}
 
-bool Story::run() {
+bool Story::run(const std::string& tracePath) {
+    // Before it plays, so that nobody waits for nothing.
+    std::ofstream file;
+    if (!tracePath.empty()) {
+        file.open(tracePath);
+        checkWritten(file, tracePath);
+    }
+
     mStage.startService();
     mStage.serving();
     mTimeline.add("service", fmt::format("runs as process {}", mStage.service().pid()));
+    mTrace.addProcess(mStage.service().pid(), "module", "in the service's process");
 
     once({"env", "init", "home", "station"});
     for (const char* environment : {"home", "station"}) {
@@ -87,6 +102,15 @@ bool Story::run() {
     mComparison.log(mStage.service().err().lines(), mModel);
     mComparison.that(mModel.sawMixedBatch(),
                      "no batch held events that nobody, one and several asked for");
+    if (!tracePath.empty()) {
+        const nlohmann::json trace = mTrace.finish();
+        for (const auto& actor : mActors) {
+            mComparison.trace(trace, actor->name, actor->client->pid(), mModel,
+                              [this](int64_t ns) { return mTrace.microseconds(ns); });
+        }
+        file << trace.dump(1) << std::endl;
+        checkWritten(file, tracePath);
+    }
     fmt::print("\n{} processes served, {} checks against the model.\n", mActors.size(),
                mComparison.checks());
     for (const std::string& difference : mComparison.differences()) {
@@ -128,6 +152,10 @@ void Story::enter(const std::string& name, Side side, bool version11,
     mActors.push_back(std::move(actor));
 
     const Actor& entered = *mActors.back();
+    mTrace.addProcess(
+            entered.client->pid(), name,
+            fmt::format("{}, version {}", side == Side::kActivity ? "activities" : "environments",
+                        version11 ? "1.1" : "1.0"));
     mModel.addClient(name, side, version11, entered.client->pid());
     for (const Wish& wish : wishes) {
         mModel.enable(name, id(entered, wish), wish.eventType, wish.latencyNs, params);
@@ -154,6 +182,7 @@ void Story::leave(const std::string& name) {
 void Story::killHard(const std::string& name) {
     Actor& victim = actor(name);
     mTimeline.add(label(victim), "is killed with SIGKILL");
+    mTrace.addDeath(victim.client->pid(), systemTime(SYSTEM_TIME_MONOTONIC));
     victim.client->process().signal(SIGKILL);
     victim.client->process().waitExit();
     mStage.waitForDeath(victim.client->pid());
@@ -230,15 +259,22 @@ void Story::play(const std::string& stage, bool flush) {
 void Story::show(const std::string& heading) {
     support::drainOutput();
     const auto& trace = mStage.native();
-    for (; mTraceShown < trace.size(); ++mTraceShown) mTimeline.addModule(trace[mTraceShown]);
+    for (; mTraceShown < trace.size(); ++mTraceShown) {
+        mTimeline.addModule(trace[mTraceShown]);
+        mTrace.add(mStage.service().pid(), trace[mTraceShown]);
+    }
     for (const auto& actor : mActors) {
         const auto& output = actor->client->output();
         for (; actor->shown < output.size(); ++actor->shown) {
             mTimeline.addClient(label(*actor), output[actor->shown]);
+            mTrace.add(actor->client->pid(), output[actor->shown]);
         }
     }
     const auto& log = mStage.service().err().lines();
-    for (; mLogShown < log.size(); ++mLogShown) mTimeline.addLog(log[mLogShown]);
+    for (; mLogShown < log.size(); ++mLogShown) {
+        mTimeline.addLog(log[mLogShown]);
+        mTrace.addLog(mStage.service().pid(), log[mLogShown]);
+    }
     mTimeline.print(heading);
     // What the service says of itself at this moment.
     const auto dump = mStage.client({"dump"});

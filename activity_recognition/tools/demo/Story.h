@@ -15,6 +15,7 @@
 #include "Model.h"
 #include "ScenarioFile.h"
 #include "Timeline.h"
+#include "TraceFile.h"
 
 namespace demo {
 
@@ -22,8 +23,9 @@ class Story {
   public:
     explicit Story(const std::string& scenarioPath);
 
-    // Plays it all. Whether reality and model agree; the differences are printed.
-    bool run();
+    // Plays it all, and with a path writes a trace of it there. Whether reality and model agree;
+    // the differences are printed.
+    bool run(const std::string& tracePath);
 
   private:
     struct Wish {
@@ -66,6 +68,7 @@ class Story {
     Model mModel;
     Comparison mComparison;
     Timeline mTimeline;
+    TraceFile mTrace{mScenario, mTimeline.startNs()};
     std::vector<std::unique_ptr<Actor>> mActors;  // in order of entering, also those that left
     size_t mTraceShown = 0;
     size_t mLogShown = 0;

@@ -15,10 +15,9 @@ std::string seconds(const nlohmann::json& ns) {
 
 }  // namespace
 
-// "walking:1" of anything that has an activity or environment and an event type.
-std::string Timeline::nameOf(const nlohmann::json& object) const {
+std::string nameOf(const ScenarioFile& scenario, const nlohmann::json& object) {
     const bool environment = object.count("environment") != 0;
-    const auto& names = environment ? mScenario.environments : mScenario.activities;
+    const auto& names = environment ? scenario.environments : scenario.activities;
     const size_t id = object.at(environment ? "environment" : "activity");
     std::string text = id < names.size() ? names[id] : fmt::format("{}", id);
     if (object.count("event_type")) {
@@ -27,14 +26,36 @@ std::string Timeline::nameOf(const nlohmann::json& object) const {
     return text;
 }
 
-std::string Timeline::listOf(const nlohmann::json& events) const {
+std::string listOf(const ScenarioFile& scenario, const nlohmann::json& records) {
     std::string text;
-    for (const auto& event : events) {
-        text += (text.empty() ? "" : ", ") + nameOf(event);
+    for (const auto& event : records) {
+        text += (text.empty() ? "" : ", ") + nameOf(scenario, event);
         if (event.count("extra")) text += fmt::format(" #{}", event.at("extra").get<uint32_t>());
         if (event.count("name")) text += " " + event.at("name").get<std::string>();
     }
     return text.empty() ? "nothing" : text;
+}
+
+std::string toldToModule(const ScenarioFile& scenario, const nlohmann::json& line) {
+    std::string arguments;
+    if (line.count("activity") || line.count("environment")) arguments = nameOf(scenario, line);
+    if (line.count("latency_ns")) arguments += ", " + seconds(line.at("latency_ns"));
+    if (line.count("params")) {
+        arguments += fmt::format(", {} '{}'", line.at("params").dump(),
+                                 line.at("name").get<std::string>());
+    }
+    std::string text = fmt::format("{}({})", line.at("native").get<std::string>(), arguments);
+    if (line.count("result")) text += fmt::format(" = {}", line.at("result").get<int>());
+    return text;
+}
+
+std::string toldByLog(const support::LineSource::Line& line) {
+    for (const char* told : {"serviceDied", "######"}) {
+        if (const size_t at = line.text.find(told); at != std::string::npos) {
+            return line.text.substr(at);
+        }
+    }
+    return "";
 }
 
 void Timeline::add(const std::string& who, const std::string& text) {
@@ -50,17 +71,9 @@ void Timeline::addModule(const nlohmann::json& line) {
         if (slot == "environment_changed") {
             for (auto& event : events) event["environment"] = event.at("activity");
         }
-        text = fmt::format("reports {}: {}", slot, listOf(events));
+        text = fmt::format("reports {}: {}", slot, listOf(mScenario, events));
     } else {
-        std::string arguments;
-        if (line.count("activity") || line.count("environment")) arguments = nameOf(line);
-        if (line.count("latency_ns")) arguments += ", " + seconds(line.at("latency_ns"));
-        if (line.count("params")) {
-            arguments += fmt::format(", {} '{}'", line.at("params").dump(),
-                                     line.at("name").get<std::string>());
-        }
-        text = fmt::format("is told {}({})", slot, arguments);
-        if (line.count("result")) text += fmt::format(" = {}", line.at("result").get<int>());
+        text = "is told " + toldToModule(mScenario, line);
     }
     mEntries.push_back({line.at("t"), "module", text});
 }
@@ -77,7 +90,7 @@ void Timeline::addClient(const std::string& who, const nlohmann::json& line) {
     } else if (what == "end") {
         text = "disabled what it had enabled, and left";
     } else if (line.count("events")) {
-        text = fmt::format("gets {}: {}", what, listOf(line.at("events")));
+        text = fmt::format("gets {}: {}", what, listOf(mScenario, line.at("events")));
     } else {
         text = what;
         if (line.count("pair")) text += " " + line.at("pair").get<std::string>();
@@ -87,11 +100,8 @@ void Timeline::addClient(const std::string& who, const nlohmann::json& line) {
 }
 
 void Timeline::addLog(const support::LineSource::Line& line) {
-    for (const char* told : {"serviceDied", "######"}) {
-        if (const size_t at = line.text.find(told); at != std::string::npos) {
-            mEntries.push_back({line.ns, "service", "logs " + line.text.substr(at)});
-            return;
-        }
+    if (const std::string told = toldByLog(line); !told.empty()) {
+        mEntries.push_back({line.ns, "service", "logs " + told});
     }
 }
 

@@ -15,10 +15,21 @@
 
 namespace demo {
 
+// "walking:1" of anything that has an activity or environment and an event type.
+std::string nameOf(const ScenarioFile& scenario, const nlohmann::json& object);
+// "walking:1 #201, home:1 #205 kitchen" of records.
+std::string listOf(const ScenarioFile& scenario, const nlohmann::json& records);
+// "enable_activity_event(walking:1, 2s) = 0" of a line of the module's trace.
+std::string toldToModule(const ScenarioFile& scenario, const nlohmann::json& line);
+// What a line of the service's log tells of deaths; of others nothing.
+std::string toldByLog(const support::LineSource::Line& line);
+
 class Timeline {
   public:
     explicit Timeline(const ScenarioFile& scenario)
         : mScenario(scenario), mStartNs(systemTime(SYSTEM_TIME_MONOTONIC)) {}
+
+    int64_t startNs() const { return mStartNs; }
 
     void addModule(const nlohmann::json& traceLine);
     void addClient(const std::string& who, const nlohmann::json& outputLine);
@@ -34,9 +45,6 @@ class Timeline {
         std::string who;
         std::string text;
     };
-
-    std::string nameOf(const nlohmann::json& object) const;
-    std::string listOf(const nlohmann::json& events) const;
 
     const ScenarioFile& mScenario;
     const int64_t mStartNs;

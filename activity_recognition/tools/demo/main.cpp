@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include <support/ChildProcess.h>
 
@@ -16,26 +17,39 @@ constexpr const char* kHelp =
         R"(Plays a scenario below a service process, with client processes that come, go and are killed, and
 compares what each of them gets with what must come.
 
-  activity_recognition_demo [SCENARIO]     without one, scenarios/demo.scn
+  activity_recognition_demo [--trace FILE] [SCENARIO]     without one, scenarios/demo.scn
   activity_recognition_demo --help | --version
+
+  --trace FILE   also write it as JSON trace events, which trace viewers open and
+                 activityctl timeline draws
 
 Exit status: 0 when all is as it must be, 1 when not, 2 for a wrong command line.
 )";
 
 int main(int argc, char** argv) {
-    const std::string argument = argc > 1 ? argv[1] : DEMO_SCENARIO;
-    if (argument == "--help" || argument == "--version") {
-        fmt::print("{}",
-                   argument == "--help" ? kHelp : "activity_recognition_demo " AR_VERSION "\n");
-        return 0;
-    }
-    if (argc > 2 || argument[0] == '-') {
-        fmt::print(stderr, "demo: there is no '{}' (--help explains)\n", argv[argc - 1]);
-        return 2;
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    std::string scenario, trace;
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& argument = arguments[i];
+        if (argument == "--help" || argument == "--version") {
+            fmt::print("{}",
+                       argument == "--help" ? kHelp : "activity_recognition_demo " AR_VERSION "\n");
+            return 0;
+        }
+        if (argument == "--trace" && trace.empty() && i + 1 < arguments.size()) {
+            trace = arguments[++i];
+        } else if (argument[0] != '-' && scenario.empty()) {
+            scenario = argument;
+        } else {
+            fmt::print(stderr, "demo: {} (--help explains)\n",
+                       argument == "--trace" ? "--trace takes one file"
+                                             : fmt::format("there is no '{}'", argument));
+            return 2;
+        }
     }
     support::throwOnSignals();
     try {
-        const bool agree = demo::Story(argument).run();
+        const bool agree = demo::Story(scenario.empty() ? DEMO_SCENARIO : scenario).run(trace);
         fmt::print("{}\n", agree ? "The demo is right: every client got exactly its events."
                                  : "The demo is wrong.");
         return agree ? 0 : 1;
