@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // activityctl from its command line to what it prints and how it ends. What it prints of events in
 // either version is compared with the model in the demo.
+#include <filesystem>
+
 #include "ProcessTest.h"
 
 namespace {
@@ -156,4 +158,27 @@ TEST_F(Activityctl, HelpNeedsNoService) {
     EXPECT_THAT(text("--help"), HasSubstr("PAIR is ACTIVITY[:EVENT][@LATENCY]"));
     EXPECT_THAT(text("watch --help"), HasSubstr("--no-wake"));
     run("list", 3);
+}
+
+TEST_F(Activityctl, ScenarioCheckNamesEveryMistakeOrTellsWhatIsPlayed) {
+    const std::string file = stage().write("checked.scn", "activities a a\n0 activity b 1\nwait\n");
+    const auto bad = stage().program("activityctl", {"scenario", "check", file});
+    EXPECT_EQ(2, bad->waitExit());
+    EXPECT_EQ(fmt::format("{0}:1: 'a' is named twice\n{0}:2: no activity is named 'b'\n"
+                          "{0}:3: 'wait' takes a name of 1 to 31 bytes\n",
+                          file),
+              bad->out().text());
+    stage().write("checked.scn",
+                  "0.5 activity still 1 times=3 extra=7\n0.5 activity still 1 batch=0\n"
+                  "wait go\n0.5 answer flush -5\n1 environment home 9 value=8\n");
+    EXPECT_EQ(R"(activity still:1 timestamp 0.500s extra 7, 3 times
+activity still:1 timestamp 0.500s extra 0 batch=0
+waits at 0.500s for 'go'
+from 0.500s flush answers -5, 1 times
+environment home:9 timestamp 1.000s extra 0 value 8 name 'home' data 0,0,0,0
+)",
+              text("scenario check " + file));
+    for (const auto& shipped : std::filesystem::directory_iterator(SOURCES "/scenarios")) {
+        EXPECT_THAT(text("scenario check " + shipped.path().string()), HasSubstr("timestamp"));
+    }
 }

@@ -25,7 +25,6 @@ const struct Played {
         {"activity still 1 batch=0;activity still 1 batch=193;", "Invalid actChangedCb", "", {}},
         {"extended still 1 batch=0;extended still 1 batch=193;", "Invalid actExtendChan", "", {}},
         {"environment home 1 batch=0;environment home 1 batch=193;", "Invalid envChang", "", {}},
-        {"answer get_current_activity 6;", "Activity error size(6)", "current", {}},
         {"answer get_current_activity -7;", "Activity error size(-7)", "current", {}},
         {"answer get_current_environment 9;", "Environment error size(9)", "env current", {}},
         {"activity walking 1 extra=5 threads=2 batch=3;", "", "", {5, 5, 5, 5, 5, 5}},

@@ -69,6 +69,10 @@ TEST_F(Inside, JsonIsWhatTheSchemaSays) {
         controlled.command(line);
     }
     controlled.waitFor("current");
+    for (const char* text : {"loop\n0 activity still 1\nwait a\n0 answer flush -1\n", "flush\n"}) {
+        all.push_back(
+                run("scenario check " + stage().write("check.scn", text), *text == 'l' ? 0 : 2));
+    }
     for (const char* line :
          {"list", "env list", "status", "current -i 1.0", "env current", "dump", "top --count 2",
           "sweep --dry-run", "sweep", "env init office", "env exit office"}) {

@@ -161,18 +161,22 @@ std::string Reader::read(const std::string& line) {
 }
 
 std::string Reader::readList(const Words& words, std::vector<std::string>* list) {
+    std::string reason;
     if (words.size() < 2 || words.size() > kMaxListSize + 1) {
-        return "'" + words[0] + "' takes 1 to 64 names";
+        reason = "'" + words[0] + "' takes 1 to 64 names";
     }
+    if (words.size() < 2) return reason;
+    // A bad name is kept, too: the lines that use it are not wrong for that.
     list->clear();
     for (size_t i = 1; i < words.size(); ++i) {
-        if (!isName(words[i])) return "'" + words[i] + "' is not a name of 1 to 31 bytes";
-        if (std::find(list->begin(), list->end(), words[i]) != list->end()) {
-            return "'" + words[i] + "' is named twice";
+        const bool again = std::find(list->begin(), list->end(), words[i]) != list->end();
+        if (reason.empty() && again) reason = "'" + words[i] + "' is named twice";
+        if (reason.empty() && !isName(words[i])) {
+            reason = "'" + words[i] + "' is not a name of 1 to 31 bytes";
         }
-        list->push_back(words[i]);
+        list->push_back(words[i].substr(0, kMaxNameLength));
     }
-    return "";
+    return reason;
 }
 
 std::string Reader::readSpeed(const Words& words) {
@@ -438,33 +442,49 @@ std::string readLine(const std::string& line, const Scenario& scenario, std::vec
     return reason;
 }
 
-bool readScenario(const char* path, Scenario* scenario, std::string* error) {
+std::string checkLoop(const Scenario& scenario) {
+    const auto records = static_cast<double>(scenario.steps.size());
+    const double roundSeconds = static_cast<double>(scenario.periodNs) / kNsPerSecond;
+    if (!scenario.loops || records * scenario.speed <= kMaxLoopRate * roundSeconds) return "";
+    char reason[160];
+    snprintf(reason, sizeof(reason),
+             "a loop of more than 100000 records a second: %zu in %.15g s, speed %.15g",
+             scenario.steps.size(), roundSeconds, scenario.speed);
+    return reason;
+}
+
+std::vector<Mistake> readScenario(const char* path, Scenario* scenario) {
     *scenario = Scenario::builtIn();
     FILE* file = fopen(path, "re");
-    if (file == nullptr) {
-        *error = std::string(path) + ": " + strerror(errno);
-        return false;
-    }
-    Reader reader(scenario);
-    std::string reason;
+    if (file == nullptr) return {{0, strerror(errno)}};
+    std::vector<Mistake> mistakes;
     size_t number = 0;
+    const auto note = [&](const std::string& reason) {
+        if (!reason.empty()) mistakes.push_back({number, reason});
+    };
+    Reader reader(scenario);
     char* line = nullptr;
     size_t capacity = 0;
-    for (ssize_t length; reason.empty() && (length = getline(&line, &capacity, file)) >= 0;) {
+    for (ssize_t length; (length = getline(&line, &capacity, file)) >= 0;) {
         ++number;
-        reason = reader.read(std::string(line, static_cast<size_t>(length)));
+        note(reader.read(std::string(line, static_cast<size_t>(length))));
     }
     const bool failed = ferror(file) != 0;
     const int cause = errno;
     free(line);
     fclose(file);
-    if (failed) {
-        *error = std::string(path) + ": " + strerror(cause);
-        return false;
-    }
-    if (reason.empty()) reason = reader.finish();
-    if (!reason.empty()) *error = std::string(path) + ":" + std::to_string(number) + ": " + reason;
-    return reason.empty();
+    if (failed) return {{0, strerror(cause)}};
+    note(reader.finish());
+    return mistakes;
+}
+
+bool readScenario(const char* path, Scenario* scenario, std::string* error) {
+    const std::vector<Mistake> mistakes = readScenario(path, scenario);
+    if (mistakes.empty()) return true;
+    const Mistake& first = mistakes.front();
+    *error = std::string(path) + ":" + (first.line == 0 ? "" : std::to_string(first.line) + ":") +
+             " " + first.reason;
+    return false;
 }
 
 }  // namespace ar_simulator

@@ -56,7 +56,14 @@ struct Scenario {
     static Scenario builtIn();
 };
 
-// Returns false with "path:line: reason", or "path: reason", in *error.
+struct Mistake {
+    size_t line;  // 0: the file as a whole
+    std::string reason;
+};
+
+// Returns all that is wrong with it, in the order of the lines.
+std::vector<Mistake> readScenario(const char* path, Scenario* scenario);
+// Returns false with the first of them, "path:line: reason" or "path: reason", in *error.
 bool readScenario(const char* path, Scenario* scenario, std::string* error);
 
 // A record or an answer of now, as a line of the scenario without its offset: its repetitions, with
@@ -72,5 +79,7 @@ bool parseSpeed(const char* text, double* factor);
 
 // What a loop may ask for, in records a second of CLOCK_MONOTONIC.
 constexpr double kMaxLoopRate = 100000;
+// Returns the reason why its loop, at its speed, asks for more; empty when it does not.
+std::string checkLoop(const Scenario& scenario);
 
 }  // namespace ar_simulator

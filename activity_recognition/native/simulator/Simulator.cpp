@@ -114,12 +114,9 @@ bool Simulator::configure() {
         }
         mScenario.loops = *loop == '1';
     }
-    const auto records = static_cast<double>(mScenario.steps.size());
-    const double roundSeconds = static_cast<double>(mScenario.periodNs) / kNsPerSecond;
-    if (mScenario.loops && records * mScenario.speed > kMaxLoopRate * roundSeconds) {
-        SIM_LOG(ERROR,
-                "%s: a loop of more than 100000 records a second: %zu in %.15g s, speed %.15g",
-                path, mScenario.steps.size(), roundSeconds, mScenario.speed);
+    error = checkLoop(mScenario);
+    if (!error.empty()) {
+        SIM_LOG(ERROR, "%s: %s", path, error.c_str());
         return false;
     }
 

@@ -38,6 +38,9 @@ CommandLine::CommandLine() : mApp("Talks to the activity recognition service.", 
     auto* env = mApp.add_subcommand(kEnvHelp.name, kEnvHelp.summary);
     env->footer(kEnvHelp.details);
     addEnvironments(*env);
+    auto* scenario = mApp.add_subcommand(kScenarioHelp.name, kScenarioHelp.summary);
+    scenario->footer(kScenarioHelp.details);
+    addScenarios(*scenario);
 }
 
 int CommandLine::run(int argc, char** argv) {
@@ -266,8 +269,20 @@ void CommandLine::addEnvironments(CLI::App& env) {
     }
 }
 
+void CommandLine::addScenarios(CLI::App& scenario) {
+    scenario.require_subcommand(1);
+    scenario.fallthrough();
+    add(scenario, kScenarioCheckHelp,
+        [this](Output& output) { return checkScenario(mOptions, output); })
+            ->add_option("FILE", mOptions.file, "The scenario")
+            ->required();
+}
+
 std::string CommandLine::meantCommand() {
-    CLI::App* parent = mApp.got_subcommand("env") ? mApp.get_subcommand("env") : &mApp;
+    CLI::App* parent = &mApp;
+    for (const char* group : {kEnvHelp.name, kScenarioHelp.name}) {
+        if (mApp.got_subcommand(group)) parent = mApp.get_subcommand(group);
+    }
     if (!parent->get_subcommands().empty()) return {};
     std::vector<std::string> names;
     for (const CLI::App* command : parent->get_subcommands(nullptr)) {

@@ -27,6 +27,7 @@ class CommandLine {
     void addGeneral();
     void addActivities();
     void addEnvironments(CLI::App& env);
+    void addScenarios(CLI::App& scenario);
 
     CLI::App* add(CLI::App& parent, const Help& help, Run run);
     // A command of one side, over a connection that is made when it runs.

@@ -30,6 +30,9 @@ ExitStatus top(const Options& options, Output& output);
 // Sweep.cpp
 ExitStatus sweep(const Options& options, Output& output);
 
+// ScenarioCommand.cpp: no service is asked
+ExitStatus checkScenario(const Options& options, Output& output);
+
 // Control.cpp: one call per pair or environment, then done
 ExitStatus disable(Side& side, const Options& options, Output& output);
 ExitStatus flush(ActivitySide& side, Output& output);

@@ -192,4 +192,22 @@ Example:
   activityctl env watch home:1@0 --count 1
 )"};
 
+constexpr Help kScenarioHelp{
+        "scenario", "Scenario files of the simulator",
+        R"(No service is needed. The simulator is a native module that plays such a file instead of sensing.
+
+Example:
+  activityctl scenario check commuter.scn
+)"};
+
+constexpr Help kScenarioCheckHelp{
+        "check", "Everything that is wrong with a scenario, or what it plays and when",
+        R"(Mistakes are all named at once, each with file and line; the exit status is 2 then. Without any it
+prints, at its times in the file, what would be reported if all were enabled and nothing held back,
+where it waits for the control FIFO, and what slots are made to answer.
+
+Example:
+  activityctl scenario check --json commuter.scn | jq 'select(.what == "reported").record'
+)"};
+
 }  // namespace activityctl

@@ -23,6 +23,8 @@ struct Options {
     int64_t latencyNs = 1'000'000'000;  // of pairs that bring none of their own
     Extras extras;
 
+    std::string file;  // a scenario
+
     // Watching, and holding an enable.
     std::optional<uint64_t> count;  // events, or refreshes of top
     std::optional<int64_t> forNs;

@@ -5,8 +5,8 @@ _activityctl() {
     local word=${COMP_WORDS[COMP_CWORD]} side= command= words i
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
-            env) side=env ;;
-            status | dump | top | sweep | list | current | watch | enable | disable | flush | init | exit)
+            env | scenario) side=${COMP_WORDS[i]} ;;
+            status | check | dump | top | sweep | list | current | watch | enable | disable | flush | init | exit)
                 command=${COMP_WORDS[i]}
                 ;;
         esac
@@ -15,7 +15,13 @@ _activityctl() {
         -i,* | --interface,*) words="1.0 1.1" ;;
         --instance,*) words=default ;;
         *,env,) words="list current init exit enable disable watch --help" ;;
-        *,,) words="status dump top sweep list current watch enable disable flush env
+        *,scenario,) words="check --help" ;;
+        *,scenario,check)
+            compopt -o filenames
+            mapfile -t COMPREPLY < <(compgen -f -- "$word")
+            return
+            ;;
+        *,,) words="status dump top sweep list current watch enable disable flush env scenario
             --help --version --instance --interface --json --raw --wait" ;;
         *,watch | *,enable | *,disable | *,init | *,exit)
             words="$(activityctl $side list 2>/dev/null | awk '{print $2}')
