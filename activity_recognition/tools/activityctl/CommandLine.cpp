@@ -198,6 +198,13 @@ void CommandLine::addGeneral() {
              false);
     sweeping->add_flag("--dry-run", mOptions.dryRun,
                        "Tell what would be swept, and change nothing");
+    auto* drawing = add(mApp, kTimelineHelp, [this](Output&) { return timeline(mOptions); });
+    drawing->add_option("FILE", mOptions.file, "The trace, such as scripts/demo --trace writes")
+            ->required();
+    drawing->add_option("-o,--output", mOptions.picture, "The picture to write, an SVG file")
+            ->required();
+    drawing->add_flag("--even", mOptions.even,
+                      "One moment beside the other, whatever time passed between them");
 }
 
 void CommandLine::addActivities() {

@@ -33,6 +33,9 @@ ExitStatus sweep(const Options& options, Output& output);
 // ScenarioCommand.cpp: no service is asked
 ExitStatus checkScenario(const Options& options, Output& output);
 
+// TimelineCommand.cpp
+ExitStatus timeline(const Options& options);
+
 // Control.cpp: one call per pair or environment, then done
 ExitStatus disable(Side& side, const Options& options, Output& output);
 ExitStatus flush(ActivitySide& side, Output& output);

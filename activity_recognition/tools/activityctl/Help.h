@@ -76,6 +76,19 @@ Example:
   activityctl sweep --dry-run && activityctl sweep still:1
 )"};
 
+constexpr Help kTimelineHelp{
+        "timeline", "Draw a trace of clients and module as a picture",
+        R"(The trace is one of JSON trace events, as the demo writes it; the picture an SVG that any browser
+shows. Each client has a lane, and so has the module: bars tell what is asked for and what the
+module has enabled, marks which events came and who got them, crosses who died. No service is asked.
+
+A column is one moment, and the axis tells its time. Columns are as wide as what stands in them, and
+long waits are cut short and marked. With --even the same story makes the same picture.
+
+Example:
+  activityctl timeline trace.json -o trace.svg
+)"};
+
 constexpr Help kListHelp{
         "list", "Supported activities",
         R"(The number before a name says the same as the name wherever a PAIR is asked for.

@@ -23,7 +23,9 @@ struct Options {
     int64_t latencyNs = 1'000'000'000;  // of pairs that bring none of their own
     Extras extras;
 
-    std::string file;  // a scenario
+    // Of a scenario; of a timeline, with what is made of it.
+    std::string file, picture;
+    bool even = false;
 
     // Watching, and holding an enable.
     std::optional<uint64_t> count;  // events, or refreshes of top

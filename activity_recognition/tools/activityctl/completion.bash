@@ -6,7 +6,7 @@ _activityctl() {
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
             env | scenario) side=${COMP_WORDS[i]} ;;
-            status | check | dump | top | sweep | list | current | watch | enable | disable | flush | init | exit)
+            status | check | dump | top | sweep | timeline | list | current | watch | enable | disable | flush | init | exit)
                 command=${COMP_WORDS[i]}
                 ;;
         esac
@@ -21,13 +21,17 @@ _activityctl() {
             mapfile -t COMPREPLY < <(compgen -f -- "$word")
             return
             ;;
-        *,,) words="status dump top sweep list current watch enable disable flush env scenario
+        *,,) words="status dump top sweep timeline list current watch enable disable flush env scenario
             --help --version --instance --interface --json --raw --wait" ;;
         *,watch | *,enable | *,disable | *,init | *,exit)
             words="$(activityctl $side list 2>/dev/null | awk '{print $2}')
                 --help --latency --params --name --no-wake"
             [[ $command != watch ]] || words+=" --count"
             [[ $command != watch && $command != enable ]] || words+=" --for --control --reconnect"
+            ;;
+        *,timeline)
+            mapfile -t COMPREPLY < <(compgen -f -W "--help --output --even" -- "$word")
+            return
             ;;
         *,top) words="--help --count --for" ;;
         *,sweep) words="$(activityctl sweep --dry-run 2>/dev/null | awk '/^would/ {print $3}') --help --dry-run" ;;

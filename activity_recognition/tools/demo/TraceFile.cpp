@@ -74,11 +74,16 @@ void TraceFile::slice(const std::string& category, const std::string& name, cons
     }
     mLastSlice[entry.pid] = mEvents.size();
     json records = entry.line.at("events");
-    // Environment records name their environment in the same field as activities.
-    if (name == "environment_changed") {
+    if (category == "batch") {
+        // Environment records name their environment in the same field as activities.
+        const bool environment = name == "environment_changed";
+        const std::string what = environment ? "environment" : "activity";
+        const auto& names = environment ? mScenario.environments : mScenario.activities;
         for (json& record : records) {
-            record["environment"] = record.at("activity");
+            const size_t id = record.at("activity");
             record.erase("activity");
+            record[what] = id;
+            if (id < names.size()) record[what + "_name"] = names[id];
         }
     }
     json& added = push("X", category, name, entry.pid, kBatches, entry.ns);
@@ -150,7 +155,7 @@ void TraceFile::convertClient(const Entry& entry) {
     const json& line = entry.line;
     const std::string what = line.at("what");
     if (what == "ready") {
-        instant("call", "registered", entry, kCalls);
+        instant("enter", "registered", entry, kCalls);
         for (const json& pair : line.at("enabled")) {
             begin("request", pair.at("pair"), entry, pair.at("latency_ns"));
         }
