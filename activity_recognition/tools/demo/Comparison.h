@@ -28,7 +28,8 @@ class Comparison {
     void log(const std::vector<support::LineSource::Line>& lines, const Model& model);
     // Every table of the service's dump, at a moment when nothing is under way.
     void dump(const std::string& moment, const nlohmann::json& dump, const Model& model);
-    // A client's slices in the trace, in order, each with the batch that its flow comes from.
+    // A client's slices in the trace, in order; those with records with the batch that
+    // their flow comes from.
     void trace(const nlohmann::json& trace, const std::string& name, pid_t pid, const Model& model,
                const std::function<double(int64_t)>& microseconds);
     void that(bool holds, const std::string& otherwise);

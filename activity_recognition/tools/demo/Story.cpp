@@ -49,7 +49,7 @@ bool Story::run(const std::string& tracePath) {
     mStage.startService();
     mStage.serving();
     mTimeline.add("service", fmt::format("runs as process {}", mStage.service().pid()));
-    mTrace.addProcess(mStage.service().pid(), "module", "in the service's process");
+    mTrace.addProcess(mStage.service().pid(), "module", "in the service");
 
     once({"env", "init", "home", "station"});
     for (const char* environment : {"home", "station"}) {
@@ -152,10 +152,9 @@ void Story::enter(const std::string& name, Side side, bool version11,
     mActors.push_back(std::move(actor));
 
     const Actor& entered = *mActors.back();
-    mTrace.addProcess(
-            entered.client->pid(), name,
-            fmt::format("{}, version {}", side == Side::kActivity ? "activities" : "environments",
-                        version11 ? "1.1" : "1.0"));
+    mTrace.addProcess(entered.client->pid(), name,
+                      fmt::format("{} {}", side == Side::kActivity ? "activities" : "environments",
+                                  version11 ? "1.1" : "1.0"));
     mModel.addClient(name, side, version11, entered.client->pid());
     for (const Wish& wish : wishes) {
         mModel.enable(name, id(entered, wish), wish.eventType, wish.latencyNs, params);

@@ -114,17 +114,17 @@ void TraceFile::endAll(const Entry& entry) {
     for (const std::string& pair : pairs) end("request", pair, entry);
 }
 
-// From the batch to the delivery that was added last.
+// From the batch to the delivery that was added last. Which batch a call without records comes from
+// cannot be seen.
 void TraceFile::flow(const Entry& delivery) {
     const std::string slot = slotOf(delivery.line.at("what"));
     const json& records = delivery.line.at("events");
+    if (records.empty()) return;
     const auto brought = [&](const Batch& batch) {
-        // A call without records came with the last batch that can have caused it.
         return batch.slot == slot &&
-               (records.empty() ||
-                std::any_of(batch.records.begin(), batch.records.end(), [&](const json& record) {
-                    return record.at("timestamp") == records[0].at("timestamp");
-                }));
+               std::any_of(batch.records.begin(), batch.records.end(), [&](const json& record) {
+                   return record.at("timestamp") == records[0].at("timestamp");
+               });
     };
     const auto batch = std::find_if(mBatches.rbegin(), mBatches.rend(), brought);
     if (batch == mBatches.rend()) return;
