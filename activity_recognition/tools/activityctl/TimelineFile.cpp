@@ -284,12 +284,16 @@ class Reader {
                                    event.at - mTimeline.columns.back() <= kMomentSeconds);
         const size_t last = mTimeline.columns.size() - 1;
         if (event.kind == Event::kBatch) {
-            event.column = newColumn(event, Moment::kBatch);
+            // How many batches the same records come in is a matter of time.
+            event.column = even && mMoment.kind == Moment::kBatch
+                                   ? last
+                                   : newColumn(event, Moment::kBatch);
         } else if (event.kind == Event::kDelivery) {
             // A call that came late, or between other things, has a moment of its own; one that
             // brought nothing is not shown.
-            if (event.batch != nullptr &&
-                (even || event.records.empty() || (soon && event.batch->column == last))) {
+            if (event.records.empty() && !mTimeline.columns.empty()) {
+                event.column = last;
+            } else if (event.batch != nullptr && (even || (soon && event.batch->column == last))) {
                 event.column = event.batch->column;
             } else {
                 event.column = soon && mMoment.kind == Moment::kLate

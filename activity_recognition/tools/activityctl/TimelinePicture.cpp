@@ -48,6 +48,7 @@ text{fill:#eee}
 .lane{fill:#1e2226}
 .grid{stroke:#343a40}
 .axis{stroke:#aaa}
+.orphan{stroke:#56b4e9}
 }
 </style>
 )";
@@ -117,12 +118,12 @@ class Picture {
     }
 
     void placeNames() {
-        double lanes = widthOf("seconds since the start"), rows = 0;
+        double lanes = 0, rows = 0;
         for (const Timeline::Lane& lane : mTimeline.lanes) {
             lanes = std::max({lanes, 1.2 * widthOf(lane.name), widthOf(lane.what)});
             for (const auto& row : lane.rows) rows = std::max(rows, widthOf(row.name));
         }
-        mGutter = kMargin + lanes + rows + 12;
+        mGutter = kMargin + std::max(lanes + rows + 20, widthOf(axis()) + 4);
     }
 
     // Each as wide as what stands in it, and further from the one before the more time passes.
@@ -175,6 +176,10 @@ class Picture {
         mBottom = height;
     }
 
+    const char* axis() const {
+        return mTimeline.even ? "moments, one after the other" : "seconds since the start";
+    }
+
     std::string timeOf(size_t column) const {
         return mTimeline.even ? fmt::format("{}", column + 1)
                               : fmt::format("{:.3f}", mTimeline.columns[column]);
@@ -188,8 +193,7 @@ class Picture {
 
     void drawAxis() {
         const double y = kMargin + mAxis - 8;
-        text(kMargin, y, " class=\"quiet\"",
-             mTimeline.even ? "moments, one after the other" : "seconds since the start");
+        text(kMargin, y, " class=\"quiet\"", axis());
         for (size_t i = 0; i < mX.size(); ++i) {
             add("<path class=\"grid\" d=\"M{0:.0f} {1:.0f}V{2:.0f}\"/>\n", mX[i], y, mBottom);
             add("<path class=\"axis\" d=\"M{0:.0f} {1:.0f}v5\"/>\n", mX[i], y - 5);
