@@ -166,6 +166,7 @@ void Simulator::release() {
     for (int side = 0; side < kSides; ++side) {
         mPairs[side].clear();
         mCurrent[side].clear();
+        mOverlong[side].clear();
     }
     for (HoldBuffer& buffer : mBuffers) buffer = HoldBuffer();
     mDirect = Step();
@@ -263,23 +264,29 @@ int Simulator::supportedList(Side side, char*** list) {
 
 int Simulator::current(Side side, ar_context_event** events) {
     // Other threads' queries must not change a snapshot that is still being read.
-    static thread_local std::vector<ar_context_event> snapshots[kSides];
+    static thread_local ar_context_event snapshots[kSides][ACTIVITY_RECOGNITION_MAX_CURRENT];
     const char* native = side == kActivity ? "get_current_activity" : "get_current_environment";
     android::Mutex::Autolock lock(mMutex);
     TraceLine line(native);
     if (events == nullptr) return finish(native, line, -EINVAL);
     const int answer = takeAnswer(native);
-    std::vector<ar_context_event>& snapshot = snapshots[side];
-    snapshot.reserve(1);  // not NULL when there are none
-    snapshot = mCurrent[side];
+    std::vector<ar_context_event> snapshot = mCurrent[side];
     // Too many of them repeat those that there are.
     if (snapshot.empty() && answer > 0) snapshot.emplace_back();
     while (static_cast<int>(snapshot.size()) < answer) {
         snapshot.insert(snapshot.begin(), ar_context_event(snapshot.back()));
     }
-    *events = snapshot.data();
-    line.timestamps(snapshot.data(), static_cast<int>(snapshot.size()));
-    return finish(native, line, answer < 0 ? answer : static_cast<int>(snapshot.size()));
+    const int count = static_cast<int>(snapshot.size());
+    line.timestamps(snapshot.data(), count);
+    if (count <= ACTIVITY_RECOGNITION_MAX_CURRENT) {
+        std::copy(snapshot.begin(), snapshot.end(), snapshots[side]);
+        *events = snapshots[side];
+    } else {
+        std::vector<ar_context_event>& kept = mOverlong[side][std::this_thread::get_id()];
+        kept.swap(snapshot);
+        *events = kept.data();
+    }
+    return finish(native, line, answer < 0 ? answer : count);
 }
 
 int Simulator::checkPair(Side side, uint32_t what, uint32_t eventType) {

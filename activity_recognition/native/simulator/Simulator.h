@@ -101,6 +101,8 @@ class Simulator {
     std::set<uint32_t> mInitialised GUARDED_BY(mMutex);
     HoldBuffer mBuffers[kRecordKinds] GUARDED_BY(mMutex);
     std::vector<ar_context_event> mCurrent[kSides] GUARDED_BY(mMutex);  // newest last
+    // Snapshots that are too long on purpose, by the thread that asked.
+    std::map<std::thread::id, std::vector<ar_context_event>> mOverlong[kSides] GUARDED_BY(mMutex);
 
     // Faults that have come: the batch that is next, those for calls of slots, answers of slots.
     Step mDirect GUARDED_BY(mMutex) = {};  // without a fault: none
