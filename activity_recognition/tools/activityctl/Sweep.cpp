@@ -15,13 +15,19 @@ namespace {
 // For the moment between the two calls: the module has the least reason to report.
 constexpr int64_t kLatencyNs = 7LL * 24 * 3600 * 1'000'000'000;
 
+// Which locks are in the way, and by whom; nothing when there are none.
+std::string heldIn(const Dump& dump) {
+    std::string held;
+    for (const std::string& lock : dump.held) {
+        held += "; " + lock + " is held" + holderOf(lock, dump);
+    }
+    return held;
+}
+
 std::vector<Dump::Pair> orphansOf(const Dump& dump) {
     if (!dump.activity) return {};
     if (dump.activity->orphans) return *dump.activity->orphans;
-    std::string held;
-    for (const std::string& lock : dump.held)
-        held += "; " + lock + " is held" + holderOf(lock, dump);
-    throw Failure(kRefused, "the service cannot tell which pairs are orphans now" + held);
+    throw Failure(kRefused, "the service cannot tell which pairs are orphans now" + heldIn(dump));
 }
 
 // Those of them that are asked for; all without a question.
@@ -59,11 +65,8 @@ void registerInTime(const std::shared_ptr<Side>& side, const Dump& dump) {
         return true;
     });
     if (registered) return;
-    std::string held;
-    for (const std::string& lock : dump.held)
-        held += "; " + lock + " is held" + holderOf(lock, dump);
-    throw Failure(kServiceLost,
-                  "nothing is swept: the service does not come to register a client" + held);
+    throw Failure(kServiceLost, "nothing is swept: the service does not come to register a client" +
+                                        heldIn(dump));
 }
 
 }  // namespace
