@@ -38,7 +38,7 @@ class Faults : public ProcessTest {
     Faults() : ProcessTest(scenario()) {}
 
     static std::string scenario() {
-        std::string text = "activities still walking\nenvironments home\n";
+        std::string text = "activities still walking\nenvironments home\nspeed step\n";
         for (const auto& refused : kRefused) text += fmt::format("0 answer {} -5\n", refused.first);
         for (const Played& played : kPlayed) {
             text += "wait go\n" +

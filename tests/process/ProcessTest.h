@@ -26,6 +26,7 @@ using Calls = std::vector<std::string>;
 constexpr char kScenario[] = R"(
 activities    still walking
 environments  home office
+speed step
 wait  go
 0     activity     walking  1  extra=11
 0.01  activity     still    2  extra=12

@@ -29,7 +29,7 @@ constexpr int64_t kNoWake = 604800 * kSecond;
 // One call of a callback. Plain records carry no payload.
 struct Batch {
     std::vector<ar_context_event> events;
-    int64_t arrivedNs;  // monotonic, the simulator's clock at speed 1
+    int64_t arrivedNs;  // monotonic
 };
 
 class SimulatorTest : public testing::Test {
@@ -39,6 +39,7 @@ class SimulatorTest : public testing::Test {
         for (const char* variable : {"SCENARIO", "SPEED", "LOOP", "CONTROL", "TRACE"}) {
             set(variable, "");
         }
+        set("SPEED", "step");
         sTest = this;
         __android_log_set_logger([](const __android_logger_data* data, const char* message) {
             if (data->priority < ANDROID_LOG_ERROR) return;
@@ -89,6 +90,13 @@ class SimulatorTest : public testing::Test {
     }
     // One line to the control FIFO.
     void say(const std::string& line) { std::ofstream(control) << line << "\n"; }
+    // The module's clock when it has done what it was told. Nothing else is to come before.
+    int64_t nowNs() {
+        say("activity driving 2 batch=1");
+        const Batch batch = next();
+        EXPECT_EQ(4u, batch.events.at(0).activity);
+        return batch.events[0].timestamp;
+    }
 
     // Initialises, too.
     int enableEnvironment(uint32_t number, uint32_t type, int64_t latencyNs = 0) {

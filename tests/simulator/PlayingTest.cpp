@@ -24,25 +24,61 @@ std::vector<uint32_t> extrasOf(const Batch& batch) {
 TEST_F(SimulatorTest, HoldsRecordsUpToTheLatencyOfTheirPair) {
     setScenario(
             "wait go\n0 activity still 1 extra=1\n0 activity walking 1 extra=2\n"
-            "0.01 activity walking 1 extra=3\n");
+            "10 activity walking 1 extra=3\nwait over\n");
     start();
     activity->enable_activity_event(0, 1, kNoWake);
-    activity->enable_activity_event(1, 1, 50 * kMs);
+    activity->enable_activity_event(1, 1, 50 * kSecond);
     say("go");
-
+    say("step 39.999999999s");
+    const int64_t beginNs = nowNs() - 50 * kSecond + 1;
+    say("step 0.000000001");
     const Batch first = next();
     EXPECT_THAT(extrasOf(first), ElementsAre(2, 3));
-    EXPECT_GE(first.arrivedNs, first.events[0].timestamp + 50 * kMs);
-    EXPECT_EQ(10 * kMs, first.events[1].timestamp - first.events[0].timestamp);
+    EXPECT_EQ(beginNs, first.events[0].timestamp);
+    EXPECT_EQ(beginNs + 10 * kSecond, first.events[1].timestamp);
     // A new latency applies to what is held.
-    activity->enable_activity_event(0, 1, 200 * kMs);
-    const Batch second = next();
-    EXPECT_THAT(extrasOf(second), ElementsAre(1));
-    EXPECT_GE(second.arrivedNs, second.events[0].timestamp + 200 * kMs);
+    activity->enable_activity_event(0, 1, 200 * kSecond);
+    say("step 149.999999999s");
+    EXPECT_EQ(beginNs + 200 * kSecond - 1, nowNs());
+    say("step 1s");
+    EXPECT_THAT(extrasOf(next()), ElementsAre(1));
+    EXPECT_EQ(beginNs + 201 * kSecond - 1, nowNs());
+    // Without a wait time passes by itself while anything is due.
+    say("over");
+    say("activity still 1 extra=4");
+    EXPECT_THAT(extrasOf(next()), ElementsAre(4));
+    EXPECT_EQ(beginNs + 401 * kSecond - 1, nowNs());
+}
+
+TEST_F(SimulatorTest, HoldsRecordsOnTheRealClock) {
+    set("SPEED", "1");
+    setScenario("wait go\n0 activity still 1\n0.01 activity still 1\n");
+    start();
+    activity->enable_activity_event(0, 1, 50 * kMs);
+    say("step 1s");
+    say("go");
+    const Batch batch = next();
+    ASSERT_EQ(2u, batch.events.size());
+    EXPECT_GE(batch.arrivedNs, batch.events[0].timestamp + 50 * kMs);
+    EXPECT_EQ(10 * kMs, batch.events[1].timestamp - batch.events[0].timestamp);
+    EXPECT_THAT(errors, ElementsAre("AR_simulator AR_SIMULATOR_CONTROL: 'step 1s': "
+                                    "the clock runs by itself"));
+}
+
+TEST_F(SimulatorTest, BeginsARoundOfALoopWhenVirtualTimeIsGranted) {
+    setScenario("loop 10\n0 activity still 1 extra=1\n4 activity still 1 extra=2\n");
+    start();
+    const int64_t beginNs = nowNs() - 4 * kSecond;
+    activity->enable_activity_event(0, 1, 0);
+    say("step 16s");
+    for (int64_t offset : {10, 14, 20, 24}) {
+        EXPECT_EQ(beginNs + offset * kSecond, next().events.at(0).timestamp);
+    }
+    EXPECT_EQ(beginNs + 24 * kSecond, nowNs());
 }
 
 TEST_F(SimulatorTest, SendsFullBuffersEarlyAndTheRestOnFlush) {
-    setScenario("wait go\n0 activity still 1 times=500\n0 activity walking 1 extra=1\n");
+    setScenario("wait go\n0 activity still 1 times=500\n0 activity walking 1 extra=1\nwait over\n");
     start();
     activity->enable_activity_event(0, 1, kNoWake);
     activity->enable_activity_event(1, 1, 0);
@@ -58,7 +94,7 @@ TEST_F(SimulatorTest, FlushLeavesEnvironmentsAndLaterRecords) {
     setScenario(
             "wait go\n0 activity still 1 extra=1\n0 extended still 1 extra=2\n"
             "0 environment home 1 extra=3\n0 environment home 2 extra=4\n"
-            "wait more\n0 activity still 1 extra=5\n0 environment home 2 extra=6\n");
+            "wait more\n0 activity still 1 extra=5\n0 environment home 2 extra=6\nwait over\n");
     start();
     activity->enable_activity_event_extend(0, 1, kNoWake, &params);
     enableEnvironment(0, 1, kNoWake);
@@ -155,14 +191,18 @@ TEST_F(SimulatorTest, PlaysLinesOfTheControlAsWell) {
     activity->enable_activity_event(0, 1, 0);
     say("activity stil 1");
     say("activity still 1 extra=1 times=2 every=0.01");
+    say("step soon");
+    say("step 0.01s");
     const Batch first = next(), second = next();
     EXPECT_EQ(first.events[0].timestamp + 10 * kMs, second.events[0].timestamp);
     say("answer flush -5");
     say("go");
     EXPECT_THAT(extrasOf(next()), ElementsAre(3));
     EXPECT_EQ(-5, activity->flush());
-    EXPECT_THAT(errors, ElementsAre("AR_simulator AR_SIMULATOR_CONTROL: 'activity stil 1': "
-                                    "no activity is named 'stil'"));
+    const std::string error = "AR_simulator AR_SIMULATOR_CONTROL: ";
+    EXPECT_THAT(errors, ElementsAre(error + "'activity stil 1': no activity is named 'stil'",
+                                    error + "'step soon': 'step' takes 0 to 1000000 seconds, "
+                                            "such as 2s"));
 }
 
 TEST_F(SimulatorTest, RefusesToCloseFromInsideACallback) {

@@ -12,8 +12,13 @@ void HoldBuffer::drop(const PairKey& key) {
                 mHeld.end());
 }
 
+void HoldBuffer::flush(int64_t untilNs) {
+    mFlushedNs = untilNs;
+    for (Held& held : mHeld) held.flushed = true;
+}
+
 int64_t HoldBuffer::deadlineOf(const Held& held, const PairTable& pairs) const {
-    if (held.event.timestamp <= mFlushedNs) return INT64_MIN;
+    if (held.flushed) return INT64_MIN;
     // Pairs that were disabled have nothing here.
     const int64_t latencyNs = std::max<int64_t>(pairs.at(held.key).latencyNs, 0);
     const int64_t sinceNs = held.event.timestamp;

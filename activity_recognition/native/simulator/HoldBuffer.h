@@ -30,11 +30,13 @@ class HoldBuffer {
 
     // The caller sees to it that the record's pair is enabled and the buffer not full. key: the
     // pair's, whatever the record itself says.
-    void add(const PairKey& key, const ar_context_event& event) { mHeld.push_back({key, event}); }
+    void add(const PairKey& key, const ar_context_event& event) {
+        mHeld.push_back({key, event, event.timestamp <= mFlushedNs});
+    }
     void drop(const PairKey& key);
 
-    // Whatever happened until now is due, even if it is not here yet.
-    void flush(int64_t nowNs) { mFlushedNs = nowNs; }
+    // What is held is due, and so is what will be added of no later than this.
+    void flush(int64_t untilNs);
 
     // When take() has something to give: INT64_MIN at once, INT64_MAX never.
     int64_t deadlineNs(const PairTable& pairs) const;
@@ -46,6 +48,7 @@ class HoldBuffer {
     struct Held {
         PairKey key;
         ar_context_event event;
+        bool flushed;
     };
     int64_t deadlineOf(const Held& held, const PairTable& pairs) const;
 

@@ -18,6 +18,7 @@ void Clock::start(double speed) {
 }
 
 int64_t Clock::nowNs() const {
+    if (isVirtual()) return mEpochNs;
     const auto sinceNs = static_cast<double>(systemTime(SYSTEM_TIME_MONOTONIC) - mEpochNs);
     const int64_t leftNs = kClockEndNs - mEpochNs;
     return mEpochNs + static_cast<int64_t>(std::min(sinceNs * mSpeed, static_cast<double>(leftNs)));
@@ -26,10 +27,16 @@ int64_t Clock::nowNs() const {
 int64_t Clock::untilNs(int64_t timeNs) const {
     const int64_t nowTimeNs = nowNs();
     if (timeNs <= nowTimeNs) return 0;
-    if (timeNs > kClockEndNs) return INT64_MAX;
+    if (timeNs > kClockEndNs || isVirtual()) return INT64_MAX;
     // Rounded up: waking early only means to wait again.
     const double leftNs = ceil(static_cast<double>(timeNs - nowTimeNs) / mSpeed);
     return leftNs < 9e18 ? static_cast<int64_t>(leftNs) : INT64_MAX;
+}
+
+bool Clock::moveTo(int64_t timeNs) {
+    if (timeNs <= mEpochNs || timeNs > kClockEndNs) return false;
+    mEpochNs = timeNs;
+    return true;
 }
 
 void Player::start(const Scenario* scenario, int64_t nowNs) {
@@ -77,14 +84,19 @@ int64_t Player::nextDueNs() const {
     return std::min(nextOfScenarioNs(), mAdded.empty() ? INT64_MAX : mAdded.begin()->first);
 }
 
+bool Player::stands() const {
+    if (mScenario == nullptr) return false;
+    if (mNext == mScenario->steps.size()) return mScenario->loops;
+    const Step& step = mScenario->steps[mNext];
+    return step.kind == Kind::kWait && mReleased.count(step.event.name) == 0;
+}
+
 int64_t Player::nextOfScenarioNs() const {
     if (mScenario->steps.empty()) return INT64_MAX;
     if (mNext == mScenario->steps.size()) {
         return mScenario->loops ? mOriginNs + mScenario->periodNs : INT64_MAX;
     }
-    const Step& step = mScenario->steps[mNext];
-    if (step.kind == Kind::kWait && mReleased.count(step.event.name) == 0) return INT64_MAX;
-    return mOriginNs + step.offsetNs;
+    return stands() ? INT64_MAX : mOriginNs + mScenario->steps[mNext].offsetNs;
 }
 
 }  // namespace ar_simulator

@@ -13,17 +13,23 @@
 
 namespace ar_simulator {
 
-// The module's clock: CLOCK_MONOTONIC at start, running speed times as fast from there, up to an
-// end where it stands still: that leaves room for any offset or distance to be added.
+// The module's clock: CLOCK_MONOTONIC at start, running speed times as fast from there, or moved on
+// by hand; up to an end where it stands still: that leaves room for any offset or distance to be
+// added.
 class Clock {
   public:
+    // kStep: it is moved by hand.
     void start(double speed);
+    bool isVirtual() const { return mSpeed == kStep; }
     int64_t nowNs() const;
-    // Monotonic time left until timeNs of this clock, at least 0; INT64_MAX: it never comes.
+    // Monotonic time left until timeNs of this clock, at least 0; INT64_MAX: it never comes, or not
+    // by itself.
     int64_t untilNs(int64_t timeNs) const;
+    // When it is virtual. False when it is there already, or cannot get there.
+    bool moveTo(int64_t timeNs);
 
   private:
-    int64_t mEpochNs = 0;
+    int64_t mEpochNs = 0;  // of a virtual one: now
     double mSpeed = 1;
 };
 
@@ -45,6 +51,8 @@ class Player {
     bool next(int64_t nowNs, Step* taken);
     // When to ask again; INT64_MAX before the start, and for a scenario that waits or is over.
     int64_t nextDueNs() const;
+    // Whether virtual time has to stand: at a wait, and at the end of a loop's round.
+    bool stands() const;
 
   private:
     int64_t nextOfScenarioNs() const;

@@ -181,7 +181,7 @@ std::string Reader::readList(const Words& words, std::vector<std::string>* list)
 
 std::string Reader::readSpeed(const Words& words) {
     if (words.size() != 2 || !parseSpeed(words[1].c_str(), &mScenario.speed)) {
-        return given(words) + "'speed' takes a factor of 0.001 to 10000";
+        return given(words) + "'speed' takes a factor of 0.001 to 10000, or step";
     }
     return "";
 }
@@ -429,8 +429,19 @@ Scenario Scenario::builtIn() {
     return scenario;
 }
 
-bool parseSpeed(const char* text, double* factor) {
-    return parseDouble(text, factor) && *factor >= kMinSpeed && *factor <= kMaxSpeed;
+bool parseSpeed(const char* text, double* speed) {
+    if (strcmp(text, "step") == 0) {
+        *speed = kStep;
+        return true;
+    }
+    return parseDouble(text, speed) && *speed >= kMinSpeed && *speed <= kMaxSpeed;
+}
+
+std::string readGrant(const std::string& line, int64_t* ns) {
+    const std::vector<std::string> words = split(line, " \t");
+    std::string seconds = words.size() == 2 ? words[1] : "";
+    if (!seconds.empty() && seconds.back() == 's') seconds.pop_back();
+    return parseSeconds(seconds, ns) ? "" : "'step' takes 0 to 1000000 seconds, such as 2s";
 }
 
 std::string readLine(const std::string& line, const Scenario& scenario, std::vector<Step>* steps) {

@@ -48,7 +48,7 @@ struct Scenario {
     bool lacksActivity = false;  // no table for this side
     bool lacksEnvironment = false;
     std::vector<Step> steps;  // in the order in which they are played
-    double speed = 1;         // seconds of the module's clock in a second
+    double speed = 1;         // seconds of the module's clock in a second, or kStep
     bool loops = false;
     int64_t periodNs = 0;  // from one beginning to the next
 
@@ -71,11 +71,17 @@ bool readScenario(const char* path, Scenario* scenario, std::string* error);
 std::string readLine(const std::string& line, const Scenario& scenario, std::vector<Step>* steps);
 constexpr size_t kMaxSteps = 1000000;
 
-// Whole text to number. The slowest takes a quarter of an hour for a second; at the fastest the
-// module's clock lasts for five days.
+// The time that a line of the control, `step 2s`, lets pass. Returns the reason why it is bad,
+// empty when it is good.
+std::string readGrant(const std::string& line, int64_t* ns);
+
+// Whole text to number, `step` to kStep. The slowest takes a quarter of an hour for a second; at
+// the fastest the module's clock lasts for five days.
 constexpr double kMinSpeed = 0.001;
 constexpr double kMaxSpeed = 10000;
-bool parseSpeed(const char* text, double* factor);
+// Time is virtual: it passes at once where something is due, and stands where it is waited for.
+constexpr double kStep = 0;
+bool parseSpeed(const char* text, double* speed);
 
 // What a loop may ask for, in records a second of CLOCK_MONOTONIC.
 constexpr double kMaxLoopRate = 100000;

@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/eventfd.h>
@@ -80,6 +81,7 @@ int Simulator::open() {
         return -EINVAL;
     }
     mClock.start(mScenario.speed);
+    mGrantedNs = 0;
     mPlayer = Player();
     mActivityCallbacks = nullptr;
     mEnvironmentCallbacks = nullptr;
@@ -103,7 +105,8 @@ bool Simulator::configure() {
     }
     if (const char* speed = nonEmptyEnv("AR_SIMULATOR_SPEED")) {
         if (!parseSpeed(speed, &mScenario.speed)) {
-            SIM_LOG(ERROR, "AR_SIMULATOR_SPEED: '%s' is not a factor of 0.001 to 10000", speed);
+            SIM_LOG(ERROR, "AR_SIMULATOR_SPEED: '%s' is not a factor of 0.001 to 10000, nor step",
+                    speed);
             return false;
         }
     }
@@ -152,8 +155,10 @@ bool Simulator::configure() {
             mLists[side].push_back(const_cast<char*>(name.c_str()));
         }
     }
-    SIM_LOG(INFO, "%s: %zu records, speed %g, %s", path != nullptr ? path : "no scenario",
-            mScenario.steps.size(), mScenario.speed, mScenario.loops ? "looping" : "once");
+    char speed[32] = "step";
+    if (mScenario.speed != kStep) snprintf(speed, sizeof(speed), "%g", mScenario.speed);
+    SIM_LOG(INFO, "%s: %zu records, speed %s, %s", path != nullptr ? path : "no scenario",
+            mScenario.steps.size(), speed, mScenario.loops ? "looping" : "once");
     return true;
 }
 
@@ -346,8 +351,11 @@ int Simulator::flush() {
     if (result == 0 && mState == State::kOpen) {
         const int64_t nowNs = mClock.nowNs();
         play(nowNs);
-        mBuffers[static_cast<int>(Kind::kPlain)].flush(nowNs);
-        mBuffers[static_cast<int>(Kind::kExtended)].flush(nowNs);
+        // What has happened may still have to be played. Otherwise more can happen in this moment
+        // of virtual time, and is later than the flush.
+        const int64_t untilNs = mPlayer.nextDueNs() <= nowNs ? nowNs : nowNs - 1;
+        mBuffers[static_cast<int>(Kind::kPlain)].flush(untilNs);
+        mBuffers[static_cast<int>(Kind::kExtended)].flush(untilNs);
         wake();
     }
     return finish("flush", line, result);
@@ -390,14 +398,24 @@ void Simulator::wake() {
 
 void Simulator::run() {
     mMutex.lock();
+    int steps = 0;  // of virtual time, since others had their turn
     while (mState == State::kOpen) {
         readControl();
+        while (!mClock.isVirtual() && obeyNext()) {
+        }
         const int64_t nowNs = mClock.nowNs();
         play(nowNs);
         if (sendDue(nowNs)) continue;
+        // Once nothing is due and nobody is called any more: each line of the control is obeyed at
+        // the time that those before it have led to.
+        const int64_t dueNs = nextDueNs();
+        const bool goesOn = mClock.isVirtual() && mCalling == 0 && dueNs > nowNs &&
+                            (advance(dueNs) || obeyNext());
+        if (goesOn && ++steps < kRecordsAtATime) continue;
+        steps = 0;
 
         pollfd fds[] = {{mWakeFd.get(), POLLIN, 0}, {mControlFd.get(), POLLIN, 0}};
-        const int64_t leftNs = std::max(sleepNs(), kPauseNs);
+        const int64_t leftNs = std::max(goesOn ? 0 : mClock.untilNs(dueNs), kPauseNs);
         timespec timeout = {static_cast<time_t>(leftNs / kNsPerSecond),
                             static_cast<long>(leftNs % kNsPerSecond)};
         mMutex.unlock();
@@ -410,34 +428,48 @@ void Simulator::run() {
     mMutex.unlock();
 }
 
+// What is to be obeyed first is taken before there is more.
 void Simulator::readControl() {
     char text[256];
     ssize_t length = 0;
     const int fd = mControlFd.get();
-    for (int i = 0; i < kReadsAtATime && fd >= 0; ++i) {
+    if (fd < 0 || mControlText.find('\n') != std::string::npos) return;
+    for (int i = 0; i < kReadsAtATime; ++i) {
         if ((length = ::read(fd, text, sizeof(text))) <= 0) break;
         mControlText.append(text, static_cast<size_t>(length));
     }
-    size_t end = 0;
-    for (size_t start = 0; (end = mControlText.find('\n')) != std::string::npos;) {
-        start = mControlText.find_first_not_of(" \t");
-        const size_t last = mControlText.find_last_not_of(" \t\r\n", end);
-        if (start < end && last != std::string::npos) {
-            obey(mControlText.substr(start, last + 1 - start));
-        }
-        mControlText.erase(0, end + 1);
-    }
 }
 
-// One word goes past a wait, anything else is played now.
+// False when there is no whole line.
+bool Simulator::obeyNext() {
+    const size_t end = mControlText.find('\n');
+    if (end == std::string::npos) return false;
+    const size_t start = mControlText.find_first_not_of(" \t");
+    const size_t last = mControlText.find_last_not_of(" \t\r\n", end);
+    if (start < end && last != std::string::npos) {
+        obey(mControlText.substr(start, last + 1 - start));
+    }
+    mControlText.erase(0, end + 1);
+    return true;
+}
+
+// One word goes past a wait, anything else is played now or lets virtual time pass.
 void Simulator::obey(const std::string& line) {
-    if (line.find_first_of(" \t") == std::string::npos) {
+    const size_t end = line.find_first_of(" \t");
+    if (end == std::string::npos) {
         mPlayer.release(line);
         return;
     }
-    std::vector<Step> steps;
-    std::string reason = readLine(line, mScenario, &steps);
-    if (reason.empty() && !mPlayer.add(steps, mClock.nowNs())) reason = "too many are to come";
+    std::string reason;
+    if (line.substr(0, end) == "step") {
+        int64_t ns = 0;
+        reason = mClock.isVirtual() ? readGrant(line, &ns) : "the clock runs by itself";
+        mGrantedNs = mClock.nowNs() + ns;
+    } else {
+        std::vector<Step> steps;
+        reason = readLine(line, mScenario, &steps);
+        if (reason.empty() && !mPlayer.add(steps, mClock.nowNs())) reason = "too many are to come";
+    }
     if (!reason.empty()) {
         SIM_LOG(ERROR, "AR_SIMULATOR_CONTROL: '%s': %s", line.c_str(), reason.c_str());
     }
@@ -563,21 +595,31 @@ void Simulator::handOver(Kind kind, const std::vector<ar_context_event>& events,
         }
         tCallsBack = nested;
     };
+    ++mCalling;
     mMutex.unlock();
     std::vector<std::thread> others;
     for (int i = 1; i < threads; ++i) others.emplace_back(call);
     call();
     for (std::thread& other : others) other.join();
     mMutex.lock();
+    // Virtual time may wait for a callback on another thread.
+    if (--mCalling == 0 && mClock.isVirtual()) wake();
 }
 
-int64_t Simulator::sleepNs() const {
-    int64_t wakeNs = mPlayer.nextDueNs();
+// When a record is due to be played or handed over.
+int64_t Simulator::nextDueNs() const {
+    int64_t dueNs = mPlayer.nextDueNs();
     for (Kind kind : {Kind::kPlain, Kind::kExtended, Kind::kEnvironment}) {
-        wakeNs =
-                std::min(wakeNs, mBuffers[static_cast<int>(kind)].deadlineNs(mPairs[sideOf(kind)]));
+        dueNs = std::min(dueNs, mBuffers[static_cast<int>(kind)].deadlineNs(mPairs[sideOf(kind)]));
     }
-    return wakeNs == INT64_MAX ? INT64_MAX : mClock.untilNs(wakeNs);
+    return dueNs;
+}
+
+// Virtual time passes to what is due next: by itself, or as far as it was granted. False when it
+// stands.
+bool Simulator::advance(int64_t dueNs) {
+    if (!mPlayer.stands() && mClock.moveTo(dueNs)) return true;
+    return mClock.moveTo(std::min(dueNs, mGrantedNs));
 }
 
 }  // namespace ar_simulator

@@ -73,6 +73,7 @@ class Simulator {
     void wake() REQUIRES(mMutex);
     void run();
     void readControl() REQUIRES(mMutex);
+    bool obeyNext() REQUIRES(mMutex);
     void obey(const std::string& line) REQUIRES(mMutex);
     void play(int64_t nowNs) REQUIRES(mMutex);
     void playNow() REQUIRES(mMutex);
@@ -80,20 +81,23 @@ class Simulator {
     void handOver(const Step& step) REQUIRES(mMutex);
     void handOver(Kind kind, const std::vector<ar_context_event>& events, int threads)
             REQUIRES(mMutex);
-    int64_t sleepNs() const REQUIRES(mMutex);
+    int64_t nextDueNs() const REQUIRES(mMutex);
+    bool advance(int64_t dueNs) REQUIRES(mMutex);
 
     android::Mutex mMutex;
     State mState GUARDED_BY(mMutex) = State::kClosed;
     std::thread mThread GUARDED_BY(mMutex);
     android::base::unique_fd mWakeFd GUARDED_BY(mMutex);
     android::base::unique_fd mControlFd GUARDED_BY(mMutex);
-    std::string mControlText GUARDED_BY(mMutex);  // the last, incomplete line
+    std::string mControlText GUARDED_BY(mMutex);  // lines to be obeyed, the last one incomplete
     Trace mTrace GUARDED_BY(mMutex);
 
     Scenario mScenario GUARDED_BY(mMutex);
     std::vector<char*> mLists[kSides] GUARDED_BY(mMutex);
     Clock mClock GUARDED_BY(mMutex);
     Player mPlayer GUARDED_BY(mMutex);
+    int64_t mGrantedNs GUARDED_BY(mMutex) = 0;  // how far virtual time may move during a wait
+    int mCalling GUARDED_BY(mMutex) = 0;        // callbacks in progress
 
     const activity_callbacks* mActivityCallbacks GUARDED_BY(mMutex) = nullptr;
     const environment_callbacks* mEnvironmentCallbacks GUARDED_BY(mMutex) = nullptr;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <sstream>
 
@@ -106,21 +107,18 @@ void Comparison::native(const std::vector<nlohmann::json>& trace, const Model& m
     }
     same("module: call", calls, model.nativeCalls());
 
-    // Timestamp of offset 0 as a stage's first event shows it; all its others must agree, to the
+    // When the scenario began, as the first event shows it; all others must agree, to the
     // nanosecond.
-    std::map<std::string, int64_t> stageBase;
+    std::optional<int64_t> beginNs;
     for (const auto& [slot, expected] : model.reports()) {
         std::vector<nlohmann::json> wanted;
-        for (const auto& [stage, record] : expected) {
-            const auto& found = reports[slot];
-            const size_t at = std::min(wanted.size(), found.empty() ? 0 : found.size() - 1);
-            if (!found.empty()) {
-                const int64_t timestamp = found[at].at("timestamp");
-                stageBase.emplace(stage, timestamp - record->offsetNs);
+        for (const auto& [record, dueNs] : expected) {
+            if (!beginNs && !reports[slot].empty()) {
+                beginNs = int64_t(reports[slot][0].at("timestamp")) - dueNs;
             }
             nlohmann::json event{{"event_type", record->eventType},
                                  {"activity", record->id},
-                                 {"timestamp", stageBase[stage] + record->offsetNs},
+                                 {"timestamp", beginNs.value_or(0) + dueNs},
                                  {"extra", record->extra}};
             if (record->kind != Kind::kActivity) {
                 event["value"] = record->value;

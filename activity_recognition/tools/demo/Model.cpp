@@ -51,7 +51,7 @@ void Model::play(const std::string& stage) {
                                  : record.kind == Kind::kExtended ? "activity_extend_changed"
                                                                   : "environment_changed";
         if (mEnabled[slot].count({record.id, record.eventType}) == 0) continue;
-        mReports[slot].push_back({stage, &record});
+        mReports[slot].push_back({&record, mPassedNs + record.offsetNs});
     }
 }
 

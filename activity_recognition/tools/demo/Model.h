@@ -20,8 +20,8 @@ namespace demo {
 
 // One record that the module must report.
 struct ExpectedReport {
-    std::string stage;
     const ScenarioRecord* record;
+    int64_t dueNs;  // since the beginning of the scenario, by the module's clock
 };
 
 class Model : private ar_model::World {
@@ -48,6 +48,8 @@ class Model : private ar_model::World {
 
     // The scenario's stage is played: what is enabled in the module is to be reported.
     void play(const std::string& stage);
+    // Virtual time passes between two stages.
+    void pass(int64_t ns) { mPassedNs += ns; }
     // A batch as the module sent it.
     void deliver(const nlohmann::json& batch);
 
@@ -103,6 +105,7 @@ class Model : private ar_model::World {
     std::map<std::string, std::vector<ExpectedReport>> mReports;
     std::vector<nlohmann::json> mNativeCalls;
     std::vector<std::string> mLogLines;
+    int64_t mPassedNs = 0;
     bool mSawMixedBatch = false;
     int64_t mBatchTime = 0;
     // What the dump counts.

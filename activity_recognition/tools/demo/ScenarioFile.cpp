@@ -22,6 +22,7 @@ ScenarioFile readScenario(const std::string& path) {
     if (!file) throw std::runtime_error("cannot read " + path);
     ScenarioFile scenario;
     std::vector<ScenarioRecord>* stage = nullptr;
+    bool isVirtual = false;
     for (std::string line; std::getline(file, line);) {
         std::istringstream words(line.substr(0, line.find('#')));
         std::string first;
@@ -29,6 +30,10 @@ ScenarioFile readScenario(const std::string& path) {
         if (first == "activities" || first == "environments") {
             auto& names = first == "activities" ? scenario.activities : scenario.environments;
             for (std::string name; words >> name;) names.push_back(name);
+            continue;
+        }
+        if (first == "speed" && words >> first && first == "step") {
+            isVirtual = true;
             continue;
         }
         if (first == "wait") {
@@ -70,6 +75,7 @@ ScenarioFile readScenario(const std::string& path) {
         }
         stage->push_back(record);
     }
+    if (!isVirtual) throw std::runtime_error(path + ": the demo takes virtual time: 'speed step'");
     return scenario;
 }
 

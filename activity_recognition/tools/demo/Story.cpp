@@ -61,24 +61,24 @@ bool Story::run(const std::string& tracePath) {
     enter("veteran", Side::kActivity, false, {{"still", 2, "3s", 3 * kSecond}});
     enter("sleeper", Side::kActivity, true, {{"driving", 1, "1s", kSecond}}, kNoWake);
     enter("runner", Side::kActivity, true, {{"running", 1, "4s", 4 * kSecond}});
-    play("alone", true);
+    play("alone");
     show("Every client alone on what it asked for. The version 1.0 client \"veteran\" also sees "
          "what "
          "the others get.");
 
     enter("jogger", Side::kActivity, true, {{"walking", 1, "2.5s", kSecond * 5 / 2}});
-    play("joined", true);
+    play("joined");
     show("A second client joins walking:1 with 2.5 s: the module is told 2 s, and asked what is "
          "current for the joiner's barrier.");
 
     killHard("runner");
-    play("one_killed", true);
+    play("one_killed");
     show("SIGKILL for \"runner\". Its pair stays enabled in the module, so one batch holds events "
          "that nobody, one and several asked for.");
 
     enter("sprinter", Side::kActivity, true, {{"walking", 1, "1s", kSecond}});
     killHard("sprinter");
-    play("fastest_killed", false);
+    play("fastest_killed", kSecond);
     show("The fastest client of walking:1 joins and is killed: the module is told nothing and goes "
          "on reporting after its one second.");
 
@@ -88,7 +88,7 @@ bool Story::run(const std::string& tracePath) {
     disable("jogger", {"walking", 1, "", 0});
     once({"env", "disable", "station:3"});
     mModel.disable("house", idOf("station", mScenario.environments), 3);
-    play("few_left", true);
+    play("few_left");
     show("The fastest client withdraws: the module is told the next latency up. Another process "
          "disables an environment pair that \"house\" wanted, and the module obeys at once.");
 
@@ -237,11 +237,14 @@ void Story::waitForDeliveries(const Actor& actor) {
             [&] { return actor.client->process().describe(); });
 }
 
-void Story::play(const std::string& stage, bool flush) {
+void Story::play(const std::string& stage, int64_t passingNs) {
     mModel.play(stage);
     mStage.release(stage);
     const auto& reports = mModel.reports();
-    if (flush) {
+    if (passingNs != 0) {
+        mStage.pass(passingNs);
+        mModel.pass(passingNs);
+    } else {
         // Once its last record is here, the whole stage has been played, and can be flushed.
         waitForReports("environment_changed", reports.at("environment_changed").size());
         once({"flush"});

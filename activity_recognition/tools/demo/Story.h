@@ -51,7 +51,8 @@ class Story {
     void disable(const std::string& name, const Wish& wish);
     // A command that is a process of its own and ends at once.
     void once(const std::vector<std::string>& arguments);
-    void play(const std::string& stage, bool flush);
+    // What is held at its end comes by a flush, or when so much virtual time has passed.
+    void play(const std::string& stage, int64_t passingNs = 0);
     void show(const std::string& heading);
 
     void waitForReports(const std::string& slot, size_t count);

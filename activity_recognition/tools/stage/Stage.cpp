@@ -224,8 +224,12 @@ std::unique_ptr<Client> Stage::readyClient(const std::vector<std::string>& argum
     return started;
 }
 
-void Stage::release(const std::string& name) {
-    const std::string line = name + "\n";
+void Stage::pass(int64_t ns) {
+    control(fmt::format("step {}.{:09}s", ns / 1'000'000'000, ns % 1'000'000'000));
+}
+
+void Stage::control(const std::string& text) {
+    const std::string line = text + "\n";
     if (::write(mControl.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
         throw std::system_error(errno, std::generic_category(), "control FIFO");
     }

@@ -94,7 +94,9 @@ class Stage {
     std::unique_ptr<Process> command(const std::vector<std::string>& line) const;
 
     // Lets the scenario go past `wait NAME`.
-    void release(const std::string& name);
+    void release(const std::string& name) { control(name); }
+    // Lets virtual time pass, as soon as it stands.
+    void pass(int64_t ns);
     // What the native module was told and sent, as it wrote it down.
     const std::vector<nlohmann::json>& native() { return mTrace.all(); }
     // The same, as lines.
@@ -105,6 +107,7 @@ class Stage {
     std::string registry() const { return mFolder + "/registry"; }
 
   private:
+    void control(const std::string& line);
     std::map<std::string, std::string> clientEnvironment() const;
     std::map<std::string, std::string> serviceEnvironment() const;
 
