@@ -27,7 +27,7 @@ for event in trace["traceEvents"]:
         if slices[row] and event["ts"] < sum(slices[row][-1]) - 1e-3:
             findings.append(f"overlaps the one before it: {event}")
         slices[row].append((event["ts"], event["dur"]))
-    elif event["ph"] != "i":
+    elif event["ph"] not in "iC":
         pairs["async" if event["ph"] in "be" else "flow", event["id"]].append(event)
 findings += [f"has no name: {row}" for row in rows - named]
 for (kind, _), events in pairs.items():

@@ -232,6 +232,7 @@ TEST_F(SimulatorTest, TracesCallsAndBatches) {
         lines.push_back(nlohmann::json::parse(line));
         EXPECT_GT(lines.back()["t"], 0);
         lines.back().erase("t");
+        EXPECT_EQ(1u, lines.back().erase("clock"));
     }
     ASSERT_LE(3u, lines.size());
     std::string latin;

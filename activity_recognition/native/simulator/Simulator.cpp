@@ -206,7 +206,7 @@ int Simulator::close() {
 int Simulator::finish(const char* native, TraceLine& line, int result) {
     if (mState != State::kOpen) return -ENODEV;
     if (result < 0) SIM_LOG(WARN, "%s refused: %s", native, strerror(-result));
-    mTrace.write(line.number("result", result));
+    write(line.number("result", result));
     const auto inside = mInside.find(native);
     if (inside != mInside.end()) {
         const Step step = inside->second;
@@ -214,6 +214,11 @@ int Simulator::finish(const char* native, TraceLine& line, int result) {
         handOver(step);
     }
     return result;
+}
+
+void Simulator::write(TraceLine& line) {
+    if (mClock.isVirtual()) line.number("clock", mClock.nowNs());
+    mTrace.write(line);
 }
 
 // What the scenario has this call answer: 0 for what it would have anyway.
@@ -566,7 +571,7 @@ void Simulator::handOver(Kind kind, const std::vector<ar_context_event>& events,
         static const char* const natives[] = {"activity_changed", "activity_extend_changed",
                                               "environment_changed"};
         TraceLine line(natives[static_cast<int>(kind)]);
-        mTrace.write(line.events(events.data(), count, kind != Kind::kPlain));
+        write(line.events(events.data(), count, kind != Kind::kPlain));
     }
     std::vector<activity_event> plain;
     plain.reserve(events.capacity());

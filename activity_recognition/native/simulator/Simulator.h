@@ -66,6 +66,7 @@ class Simulator {
     int checkPair(Side side, uint32_t what, uint32_t eventType) REQUIRES(mMutex);
     int takeAnswer(const char* native) REQUIRES(mMutex);
     int finish(const char* native, TraceLine& line, int result) REQUIRES(mMutex);
+    void write(TraceLine& line) REQUIRES(mMutex);
     void addPair(Side side, const PairKey& key, int64_t latencyNs, bool extended) REQUIRES(mMutex);
     void dropPair(Side side, const PairKey& key) REQUIRES(mMutex);
 

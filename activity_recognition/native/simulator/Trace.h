@@ -19,9 +19,9 @@ class TraceLine {
 
     TraceLine& number(const char* key, int64_t value);
     TraceLine& params(const other_params* params);
-    // Plain records carry no payload.
     // Of a snapshot.
     TraceLine& timestamps(const ar_context_event* events, int count);
+    // Plain records carry no payload.
     TraceLine& events(const ar_context_event* events, int count, bool withPayload);
 
     std::string finish();

@@ -39,6 +39,7 @@ struct Timeline {
 
     std::vector<Lane> lanes;
     std::vector<double> columns;  // seconds since the start
+    std::vector<double> clock;    // seconds of the module's clock at each column; empty: not told
     bool even = false;            // the columns' times mean nothing but their order
 };
 

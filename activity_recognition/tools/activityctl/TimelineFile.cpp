@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
@@ -42,9 +43,9 @@ class Member {
         if (!mValue->is_string()) refuse("no text");
         return mValue->get<std::string>();
     }
-    double seconds() const {
+    double seconds(double inOne = 1e6) const {
         if (!mValue->is_number()) refuse("no number");
-        const double seconds = mValue->get<double>() / 1e6;
+        const double seconds = mValue->get<double>() / inOne;
         if (seconds < 0 || seconds > kLongestSeconds) refuse("no time since the start");
         return seconds;
     }
@@ -141,6 +142,7 @@ class Reader {
         joinFlows();
         for (Event& event : mEvents) findColumn(event);
         for (const Event& event : mEvents) enterRow(event);
+        readClock();
         countRepeated();
         return std::move(mTimeline);
     }
@@ -238,6 +240,9 @@ class Reader {
             add(Event::kEnter);
         } else if (phase == "i" && (category == "death" || category == "leave")) {
             add(Event::kGone).label = category;
+        } else if (phase == "C" && category == "clock") {
+            mClock.emplace_back(event.at("ts").seconds(),
+                                event.at("args").at("seconds").seconds(1));
         } else if (phase == "s" || phase == "f") {
             auto& ends = phase == "s" ? mFlowBegins : mFlowEnds;
             ends.push_back({event, event.at("pid").number(), event.at("ts").seconds()});
@@ -313,6 +318,20 @@ class Reader {
         }
     }
 
+    // Later than a column's begin it may have moved on for a further batch.
+    void readClock() {
+        if (mClock.empty()) return;
+        std::sort(mClock.begin(), mClock.end());
+        mTimeline.clock.resize(mTimeline.columns.size());
+        for (const Event& event : mEvents) {
+            if (event.kind == Event::kDelivery && event.at > mTimeline.columns[event.column])
+                continue;
+            const auto next = std::upper_bound(mClock.begin(), mClock.end(),
+                                               std::make_pair(event.at, HUGE_VAL));
+            if (next != mClock.begin()) mTimeline.clock[event.column] = std::prev(next)->second;
+        }
+    }
+
     Timeline::Row& rowOf(size_t lane, const std::string& name) {
         auto& rows = mTimeline.lanes[lane].rows;
         const auto row = std::find_if(rows.begin(), rows.end(),
@@ -384,6 +403,7 @@ class Reader {
     std::vector<Event> mEvents;
     std::map<std::pair<std::string, std::string>, Standing> mStanding;  // by category and id
     std::vector<End> mFlowBegins, mFlowEnds;
+    std::vector<std::pair<double, double>> mClock;  // when, and what it showed
     Moment mMoment;
     using Place = std::tuple<size_t, std::string, size_t>;          // lane, row, column
     using MarkKey = std::tuple<int64_t, std::string, std::string>;  // number, label, pair

@@ -22,6 +22,7 @@ constexpr double kNarrowest = 22;  // column
 constexpr double kNarrowestPicture = 420;
 constexpr double kSecond = 400;
 constexpr double kLongestGap = 90;  // what takes longer is cut short, and marked
+constexpr const char* kClock = "seconds of the module's clock";
 
 // Colours that people with any colour vision can tell apart, each with a shape of its own.
 constexpr const char* kStyle = R"(<style>
@@ -87,7 +88,9 @@ double widthOf(const std::string& text) {
 class Picture {
   public:
     explicit Picture(const Timeline& timeline)
-        : mTimeline(timeline), mAxis(timeline.even ? 30 : 58) {
+        : mTimeline(timeline),
+          mShowsClock(timeline.even && !timeline.clock.empty()),
+          mAxis(timeline.even ? 30 + mShowsClock * kLine : 58) {
         placeNames();
         placeColumns();
         placeRows();
@@ -124,6 +127,7 @@ class Picture {
             for (const auto& row : lane.rows) rows = std::max(rows, widthOf(row.name));
         }
         mGutter = kMargin + std::max(lanes + rows + 20, widthOf(axis()) + 4);
+        if (mShowsClock) mGutter = std::max(mGutter, kMargin + widthOf(kClock) + 14);
     }
 
     // Each as wide as what stands in it, and further from the one before the more time passes.
@@ -133,6 +137,9 @@ class Picture {
         const auto widen = [&widths](size_t column, double width) {
             widths[column] = std::max(widths[column], width);
         };
+        for (size_t i = 0; mShowsClock && i < columns.size(); ++i) {
+            if (clockMoves(i)) widen(i, widthOf(clockAt(i)) + 6);
+        }
         for (const Timeline::Lane& lane : mTimeline.lanes) {
             for (const Timeline::Row& row : lane.rows) {
                 for (const auto& bar : row.bars) widen(bar.from, widthOf(bar.label) + 6);
@@ -187,18 +194,34 @@ class Picture {
 
     std::string endOf(const Timeline::Lane& lane) const {
         if (!lane.died) return lane.end;
+        if (mShowsClock) {
+            return fmt::format("{} at {} s, moment {}", lane.end, clockAt(*lane.ended),
+                               timeOf(*lane.ended));
+        }
         return fmt::format(mTimeline.even ? "{}, moment {}" : "{} at {} s", lane.end,
                            timeOf(*lane.ended));
+    }
+
+    std::string clockAt(size_t column) const {
+        return fmt::format("{:.6g}", mTimeline.clock[column]);
+    }
+
+    bool clockMoves(size_t column) const {
+        return column == 0 || mTimeline.clock[column] != mTimeline.clock[column - 1];
     }
 
     void drawAxis() {
         const double y = kMargin + mAxis - 8;
         text(kMargin, y, " class=\"quiet\"", axis());
+        if (mShowsClock) text(kMargin, y - 9 - kLine, " class=\"quiet\"", kClock);
         for (size_t i = 0; i < mX.size(); ++i) {
             add("<path class=\"grid\" d=\"M{0:.0f} {1:.0f}V{2:.0f}\"/>\n", mX[i], y, mBottom);
             add("<path class=\"axis\" d=\"M{0:.0f} {1:.0f}v5\"/>\n", mX[i], y - 5);
             if (mTimeline.even) {
                 text(mX[i], y - 9, " text-anchor=\"middle\" class=\"quiet\"", timeOf(i));
+                if (mShowsClock && clockMoves(i)) {
+                    text(mX[i], y - 9 - kLine, " text-anchor=\"middle\"", clockAt(i));
+                }
             } else {
                 text(mX[i] + 3, y - 8,
                      fmt::format(" transform=\"rotate(-55 {:.0f} {:.0f})\"", mX[i] + 3, y - 8)
@@ -374,6 +397,7 @@ class Picture {
     }
 
     const Timeline& mTimeline;
+    const bool mShowsClock;
     const double mAxis;  // its height
     double mGutter = 0;  // where columns begin, right of the names
     std::string mText;

@@ -99,6 +99,7 @@ void Comparison::native(const std::vector<nlohmann::json>& trace, const Model& m
         }
         if (kImplied.count(slot) == 0) continue;
         line.erase("t");
+        line.erase("clock");
         if (slot == "get_current_activity") {
             line.erase("result");
             line.erase("timestamps");

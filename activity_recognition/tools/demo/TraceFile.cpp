@@ -135,8 +135,17 @@ void TraceFile::flow(const Entry& delivery) {
     there["bp"] = "e";
 }
 
+// Virtual time, since the module was opened.
+void TraceFile::clock(const Entry& entry) {
+    const int64_t ns = entry.line.at("clock");
+    if (!mOpenedNs) mOpenedNs = ns;
+    json& counter = push("C", "clock", "the module's clock", entry.pid, kCalls, entry.ns);
+    counter["args"] = {{"seconds", double(ns - *mOpenedNs) / 1e9}};
+}
+
 void TraceFile::convertModule(const Entry& entry) {
     const json& line = entry.line;
+    if (line.count("clock")) clock(entry);
     const std::string slot = line.at("native");
     if (line.count("events")) {
         mBatches.push_back({slot, line.at("events"), entry.pid, entry.ns});

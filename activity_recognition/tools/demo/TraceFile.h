@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -63,6 +64,7 @@ class TraceFile {
     void end(const std::string& category, const std::string& pair, const Entry& entry);
     void endAll(const Entry& entry);
     void flow(const Entry& delivery);
+    void clock(const Entry& entry);
 
     const ScenarioFile& mScenario;
     const int64_t mStartNs;
@@ -73,6 +75,7 @@ class TraceFile {
     std::map<pid_t, size_t> mLastSlice;
     std::vector<Batch> mBatches;
     int mIds = 0;
+    std::optional<int64_t> mOpenedNs;  // of the module's clock
 };
 
 }  // namespace demo
