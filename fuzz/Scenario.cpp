@@ -97,6 +97,7 @@ void play(const Scenario& scenario) {
     const auto reach = [&](int64_t timeNs) {
         if (timeNs <= nowNs) return;
         CHECK(nothingComes() && player.nextDueNs() == timeNs);
+        CHECK(!player.stands() || scenario.loops);
         nowNs = timeNs - 1;
         CHECK(nothingComes());
         nowNs = timeNs;
@@ -110,7 +111,7 @@ void play(const Scenario& scenario) {
             reach(originNs += scenario.periodNs);
         }
         if (step->kind == Kind::kWait) {
-            CHECK(nothingComes() && player.nextDueNs() == INT64_MAX);
+            CHECK(nothingComes() && player.stands() && player.nextDueNs() == INT64_MAX);
             player.release(step->event.name);
             originNs = nowNs - step->offsetNs;
             continue;
@@ -134,6 +135,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(data, data + size);
     Scenario scenario;
     std::string error;
+    int64_t grantNs = 0;
+    CHECK(!readGrant(text, &grantNs).empty() || (grantNs >= 0 && grantNs <= kLastNs));
     if (readText(text, &scenario, &error)) {
         checkBounds(scenario);
         play(scenario);
