@@ -4,14 +4,13 @@
 
 #include <signal.h>
 
-#include <functional>
-#include <memory>
 #include <string>
 
 #include "Failure.h"
 #include "Options.h"
 #include "Output.h"
 #include "Service.h"
+#include "Staying.h"
 
 namespace activityctl {
 
@@ -44,7 +43,6 @@ ExitStatus initEnvironments(EnvironmentSide& side, const Options& options, Outpu
 ExitStatus exitEnvironments(EnvironmentSide& side, const Options& options, Output& output);
 
 // Watch.cpp: enables, stays, and on leaving disables what it enabled. quiet: prints no events.
-using OpenSide = std::function<std::unique_ptr<Side>(Service&)>;
 ExitStatus watch(const OpenSide& open, const Options& options, Output& output, bool quiet);
 
 // Looks names up in the service's list; a pair without an event type becomes both.
