@@ -2,6 +2,8 @@
 #include "TraceFile.h"
 
 #include <algorithm>
+#include <sstream>
+#include <utility>
 
 #include "Timeline.h"
 
@@ -9,9 +11,7 @@ namespace demo {
 namespace {
 
 using nlohmann::json;
-
-// Long enough to be hit with a pointer; shorter where the next one follows.
-constexpr double kSliceMicroseconds = 100;
+using trace::Row;
 
 // The module's slot whose batches a client's callback tells of.
 std::string slotOf(const std::string& callback) {
@@ -23,17 +23,13 @@ std::string slotOf(const std::string& callback) {
 }  // namespace
 
 void TraceFile::addProcess(pid_t pid, const std::string& name, const std::string& what) {
-    const auto tell = [this, pid](const char* of, Row row, const json& arguments) {
-        mMetadata.push_back(
-                {{"ph", "M"}, {"name", of}, {"pid", pid}, {"tid", int(row)}, {"args", arguments}});
-    };
-    const bool module = mMetadata.empty();
-    tell("process_sort_index", kCalls, {{"sort_index", mMetadata.size()}});
-    tell("process_name", kCalls, {{"name", name}});
-    tell("process_labels", kCalls, {{"labels", what}});
-    tell("thread_name", kCalls, {{"name", "calls"}});
-    tell("thread_name", kBatches, {{"name", module ? "batches" : "deliveries"}});
-    if (module) tell("thread_name", kLog, {{"name", "log"}});
+    std::vector<std::pair<Row, std::string>> rows{{Row::kCalls, "calls"},
+                                                  {Row::kBatches, "deliveries"}};
+    if (!std::exchange(mHasModule, true)) {
+        rows.back().second = "batches";
+        rows.push_back({Row::kLog, "log"});
+    }
+    mTrace.addProcess(pid, name, what, rows);
 }
 
 void TraceFile::add(pid_t pid, const json& line) {
@@ -50,31 +46,9 @@ void TraceFile::addDeath(pid_t pid, int64_t ns) {
     mEntries.push_back({ns, pid, {{"what", "killed with SIGKILL"}}});
 }
 
-json& TraceFile::push(const char* phase, const std::string& category, const std::string& name,
-                      pid_t pid, Row row, int64_t ns) {
-    mEvents.push_back({{"ph", phase},
-                       {"cat", category},
-                       {"name", name},
-                       {"pid", pid},
-                       {"tid", int(row)},
-                       {"ts", microseconds(ns)}});
-    return mEvents.back();
-}
-
-void TraceFile::instant(const std::string& category, const std::string& name, const Entry& entry,
-                        Row row) {
-    push("i", category, name, entry.pid, row, entry.ns)["s"] = "p";
-}
-
-void TraceFile::slice(const std::string& category, const std::string& name, const Entry& entry) {
-    const double begin = microseconds(entry.ns);
-    if (const auto last = mLastSlice.find(entry.pid); last != mLastSlice.end()) {
-        json& before = mEvents[last->second];
-        before["dur"] = std::min(kSliceMicroseconds, begin - before.at("ts").get<double>());
-    }
-    mLastSlice[entry.pid] = mEvents.size();
+void TraceFile::slice(const char* category, const std::string& name, const Entry& entry) {
     json records = entry.line.at("events");
-    if (category == "batch") {
+    if (entry.line.count("native")) {
         // Environment records name their environment in the same field as activities.
         const bool environment = name == "environment_changed";
         const std::string what = environment ? "environment" : "activity";
@@ -86,32 +60,13 @@ void TraceFile::slice(const std::string& category, const std::string& name, cons
             if (id < names.size()) record[what + "_name"] = names[id];
         }
     }
-    json& added = push("X", category, name, entry.pid, kBatches, entry.ns);
-    added["dur"] = kSliceMicroseconds;
-    added["args"] = {{"text", listOf(mScenario, records)}, {"records", records}};
+    mTrace.slice(category, name, entry.at(Row::kBatches), trace::Trace::kMomentNs,
+                 {{"text", listOf(mScenario, records)}, {"records", records}});
 }
 
-void TraceFile::begin(const std::string& category, const std::string& pair, const Entry& entry,
+void TraceFile::begin(const char* category, const std::string& pair, const Entry& entry,
                       const json& latencyNs) {
-    end(category, pair, entry);
-    json& added = push("b", category, pair, entry.pid, kCalls, entry.ns);
-    added["id"] = mStanding[{entry.pid, pair}] = ++mIds;
-    added["args"] = {{"latency_ns", latencyNs}};
-}
-
-void TraceFile::end(const std::string& category, const std::string& pair, const Entry& entry) {
-    const auto standing = mStanding.find({entry.pid, pair});
-    if (standing == mStanding.end()) return;
-    push("e", category, pair, entry.pid, kCalls, entry.ns)["id"] = standing->second;
-    mStanding.erase(standing);
-}
-
-void TraceFile::endAll(const Entry& entry) {
-    std::vector<std::string> pairs;
-    for (const auto& [key, id] : mStanding) {
-        if (key.first == entry.pid) pairs.push_back(key.second);
-    }
-    for (const std::string& pair : pairs) end("request", pair, entry);
+    mTrace.begin(category, pair, entry.at(Row::kCalls), {{"latency_ns", latencyNs}});
 }
 
 // From the batch to the delivery that was added last. Which batch a call without records comes from
@@ -127,20 +82,15 @@ void TraceFile::flow(const Entry& delivery) {
                });
     };
     const auto batch = std::find_if(mBatches.rbegin(), mBatches.rend(), brought);
-    if (batch == mBatches.rend()) return;
-    ++mIds;
-    push("s", "flow", "delivery", batch->pid, kBatches, batch->ns)["id"] = mIds;
-    json& there = push("f", "flow", "delivery", delivery.pid, kBatches, delivery.ns);
-    there["id"] = mIds;
-    there["bp"] = "e";
+    if (batch != mBatches.rend()) mTrace.flow(batch->at, delivery.at(Row::kBatches));
 }
 
 // Virtual time, since the module was opened.
 void TraceFile::clock(const Entry& entry) {
     const int64_t ns = entry.line.at("clock");
     if (!mOpenedNs) mOpenedNs = ns;
-    json& counter = push("C", "clock", "the module's clock", entry.pid, kCalls, entry.ns);
-    counter["args"] = {{"seconds", double(ns - *mOpenedNs) / 1e9}};
+    mTrace.counter("clock", "the module's clock", entry.at(Row::kCalls),
+                   {{"seconds", double(ns - *mOpenedNs) / 1e9}});
 }
 
 void TraceFile::convertModule(const Entry& entry) {
@@ -148,15 +98,15 @@ void TraceFile::convertModule(const Entry& entry) {
     if (line.count("clock")) clock(entry);
     const std::string slot = line.at("native");
     if (line.count("events")) {
-        mBatches.push_back({slot, line.at("events"), entry.pid, entry.ns});
+        mBatches.push_back({slot, line.at("events"), entry.at(Row::kBatches)});
         return slice("batch", slot, entry);
     }
-    instant("call", toldToModule(mScenario, line), entry, kCalls);
+    mTrace.instant("call", toldToModule(mScenario, line), entry.at(Row::kCalls));
     if (line.value("result", 0) != 0) return;
     if (slot.find("enable_") == 0) {
         begin("enabled", nameOf(mScenario, line), entry, line.at("latency_ns"));
     } else if (slot.find("disable_") == 0) {
-        end("enabled", nameOf(mScenario, line), entry);
+        mTrace.end(nameOf(mScenario, line), entry.at(Row::kCalls));
     }
 }
 
@@ -164,17 +114,18 @@ void TraceFile::convertClient(const Entry& entry) {
     const json& line = entry.line;
     const std::string what = line.at("what");
     if (what == "ready") {
-        instant("enter", "registered", entry, kCalls);
+        mTrace.instant("enter", "registered", entry.at(Row::kCalls));
         for (const json& pair : line.at("enabled")) {
             begin("request", pair.at("pair"), entry, pair.at("latency_ns"));
         }
     } else if (what == "enabled") {
         begin("request", line.at("pair"), entry, line.at("latency_ns"));
     } else if (what == "disabled") {
-        end("request", line.at("pair"), entry);
+        mTrace.end(line.at("pair"), entry.at(Row::kCalls));
     } else if (what == "end" || what == "killed with SIGKILL") {
-        endAll(entry);
-        instant(what == "end" ? "leave" : "death", what == "end" ? "left" : what, entry, kCalls);
+        const auto at = entry.at(Row::kCalls);
+        mTrace.endAll(at);
+        mTrace.instant(what == "end" ? "leave" : "death", what == "end" ? "left" : what, at);
     } else if (line.count("events")) {
         slice("delivery", what, entry);
         flow(entry);
@@ -186,7 +137,7 @@ json TraceFile::finish() {
                      [](const Entry& a, const Entry& b) { return a.ns < b.ns; });
     for (const Entry& entry : mEntries) {
         if (entry.line.count("log")) {
-            instant("log", entry.line.at("log"), entry, kLog);
+            mTrace.instant("log", entry.line.at("log"), entry.at(Row::kLog));
         } else if (entry.line.count("native")) {
             convertModule(entry);
         } else {
@@ -194,12 +145,9 @@ json TraceFile::finish() {
         }
     }
     mEntries.clear();
-    // A flow's begin stands where its end was found.
-    std::stable_sort(mEvents.begin(), mEvents.end(), [](const json& a, const json& b) {
-        return a.at("ts").get<double>() < b.at("ts").get<double>();
-    });
-    mEvents.insert(mEvents.begin(), mMetadata.begin(), mMetadata.end());
-    return {{"displayTimeUnit", "ms"}, {"traceEvents", std::move(mEvents)}};
+    std::stringstream file;
+    mTrace.write(file);
+    return json::parse(file);
 }
 
 }  // namespace demo
