@@ -120,11 +120,8 @@ class Top {
     void ask() {
         mAskedNs = systemTime(SYSTEM_TIME_MONOTONIC);
         mComplained = false;
-        mAsked = inBackground([service = mService, answered = mAnswered,
-                               instance = mOptions.instance, version = mOptions.version]() mutable {
-            // However it ends. Who is told this early waits for the result for a moment.
-            const std::unique_ptr<unique_fd, void (*)(unique_fd*)> tell(
-                    answered.get(), [](unique_fd* fd) { eventfd_write(fd->get(), 1); });
+        mAsked = inBackground(mAnswered, [service = mService, instance = mOptions.instance,
+                                          version = mOptions.version]() mutable {
             try {
                 if (service == nullptr) service = Service::find(instance, version);
                 if (service != nullptr) return Sample{service, readDump(*service)};
