@@ -109,6 +109,28 @@ CLI::App* CommandLine::addStaying(CLI::App& parent, const Help& help,
     return command;
 }
 
+template <typename S>
+CLI::App* CommandLine::addRecording(CLI::App& parent, const Help& help,
+                                    std::unique_ptr<S> (Service::*open)()) {
+    CLI::App* command = add(parent, help, [this, open](Output& output) {
+        takeOverSignals();
+        return record([open](Service& service) { return (service.*open)(); }, mOptions, output);
+    });
+    command->add_option("FILE", mOptions.file, "The trace to write")->required();
+    addFor(*command);
+    command->add_option_function<std::string>(
+                   "--every",
+                   [this](const std::string& text) {
+                       mOptions.everyNs = parseTime(text, "time for --every");
+                       if (mOptions.everyNs < 10'000'000 || mOptions.everyNs > 60'000'000'000) {
+                           throw Failure(kUsage, "--every is a time from 10ms to 1min");
+                       }
+                   },
+                   "Time between two dumps of the service, 10ms to 1min")
+            ->default_str(formatLatency(mOptions.everyNs));
+    return command;
+}
+
 void CommandLine::addFor(CLI::App& command) {
     command.add_option_function<std::string>(
             "--for",
@@ -218,6 +240,12 @@ void CommandLine::addActivities() {
     addExtras(*watching, kParamsHelp);
     addCount(*watching, "events");
 
+    auto* recording = addRecording<ActivitySide>(mApp, kRecordHelp, open);
+    addPairs(*recording, "ACTIVITY[:EVENT][@LATENCY] to enable meanwhile", false);
+    addLatency(*recording, kLatencyHelp);
+    addExtras(*recording, kParamsHelp);
+    addCount(*recording, "events");
+
     auto* enabling = addStaying<ActivitySide>(mApp, kEnableHelp, open, true);
     addPairs(*enabling, "ACTIVITY[:EVENT][@LATENCY]", true);
     addLatency(*enabling, kLatencyHelp);
@@ -269,8 +297,11 @@ void CommandLine::addEnvironments(CLI::App& env) {
     auto* watching = addStaying<EnvironmentSide>(env, kEnvWatchHelp, open, false);
     addPairs(*watching, "ENVIRONMENT[:EVENT][@LATENCY] to enable, and to disable on leaving",
              false);
-    addCount(*watching, "events");
-    for (CLI::App* command : {enabling, watching}) {
+    auto* recording = addRecording<EnvironmentSide>(env, kEnvRecordHelp, open);
+    addPairs(*recording, "ENVIRONMENT[:EVENT][@LATENCY] to enable, and to disable on leaving",
+             false);
+    for (CLI::App* command : {watching, recording}) addCount(*command, "events");
+    for (CLI::App* command : {enabling, watching, recording}) {
         addLatency(*command, "For pairs without one of their own; the module gets it as it is");
         addExtras(*command, kEnvParamsHelp);
     }

@@ -38,6 +38,10 @@ class CommandLine {
     template <typename S>
     CLI::App* addStaying(CLI::App& parent, const Help& help, std::unique_ptr<S> (Service::*open)(),
                          bool quiet);
+    // The one that writes what comes to a file.
+    template <typename S>
+    CLI::App* addRecording(CLI::App& parent, const Help& help,
+                           std::unique_ptr<S> (Service::*open)());
 
     // Options that several commands have; help: what they mean there.
     void addPairs(CLI::App& command, const char* help, bool required);

@@ -45,6 +45,9 @@ ExitStatus exitEnvironments(EnvironmentSide& side, const Options& options, Outpu
 // Watch.cpp: enables, stays, and on leaving disables what it enabled. quiet: prints no events.
 ExitStatus watch(const OpenSide& open, const Options& options, Output& output, bool quiet);
 
+// Recorder.cpp: enables, stays, writes what it could see, and disables.
+ExitStatus record(const OpenSide& open, const Options& options, Output& output);
+
 // Looks names up in the service's list; a pair without an event type becomes both.
 std::vector<Pair> resolve(const Side& side, const std::vector<std::string>& names,
                           const std::vector<PairText>& texts, int64_t defaultLatencyNs);

@@ -78,7 +78,7 @@ Example:
 
 constexpr Help kTimelineHelp{
         "timeline", "Draw a trace of clients and module as a picture",
-        R"(The trace is one of JSON trace events, as the demo writes it; the picture an SVG that any browser
+        R"(The trace is one of JSON trace events, as record and the demo write it; the picture an SVG that any browser
 shows. Each client has a lane, and so has the module: bars tell what is asked for and what the
 module has enabled, marks which events came and who got them, crosses who died. No service is asked.
 
@@ -87,6 +87,21 @@ long waits are cut short and marked. With --even the same story makes the same p
 
 Example:
   activityctl timeline trace.json -o trace.svg
+)"};
+
+constexpr Help kRecordHelp{
+        "record", "Write what a client can see as a trace, until Ctrl-C",
+        R"(A client like watch, whose records and requests stand in the file. What others ask for, who comes
+and goes, and what the module has enabled is taken from a dump of the service every 100 ms, and from
+the calls that it remembers. What lies between two dumps is missing, and the file says how well was
+looked. Who goes without having withdrawn its requests is taken for dead.
+
+FILE appears when the record ends, whole or not at all: on Ctrl-C, SIGTERM or SIGHUP, after --for or
+--count, when the service dies, or when the record fills 64 MB of memory. timeline draws it, and viewers of
+JSON trace events open it.
+
+Example:
+  activityctl record trace.json walking:1@5s --for 1min && activityctl timeline trace.json -o trace.svg
 )"};
 
 constexpr Help kListHelp{
@@ -203,6 +218,15 @@ disabled on leaving, also for others that had enabled it.
 
 Example:
   activityctl env watch home:1@0 --count 1
+)"};
+
+constexpr Help kEnvRecordHelp{
+        "record", "Write what a client can see as a trace, until Ctrl-C",
+        R"(As record does, with the records that watchers of environments get. The service keeps no book of who
+asked for an environment, so only this process's own requests stand in the file.
+
+Example:
+  activityctl env record trace.json home:1@0 --for 1min
 )"};
 
 constexpr Help kScenarioHelp{

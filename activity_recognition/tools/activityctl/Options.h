@@ -23,17 +23,18 @@ struct Options {
     int64_t latencyNs = 1'000'000'000;  // of pairs that bring none of their own
     Extras extras;
 
-    // Of a scenario; of a timeline, with what is made of it.
+    // Of a scenario; of a timeline, with what is made of it; what is recorded to.
     std::string file, picture;
     bool even = false;
 
     // Watching, and holding an enable.
     std::optional<uint64_t> count;  // events, or refreshes of top
     std::optional<int64_t> forNs;
-    bool control = false;    // commands come on standard input
-    bool leave = false;      // enable and go, without registering
-    bool dryRun = false;     // tell what would be swept
-    bool reconnect = false;  // wait for a service that has died to come back
+    int64_t everyNs = 100'000'000;  // between two dumps of a record
+    bool control = false;           // commands come on standard input
+    bool leave = false;             // enable and go, without registering
+    bool dryRun = false;            // tell what would be swept
+    bool reconnect = false;         // wait for a service that has died to come back
 };
 
 }  // namespace activityctl

@@ -342,6 +342,12 @@ std::vector<std::string> Service::interfaceChain() {
     return chain;
 }
 
+std::optional<pid_t> Service::pid() {
+    pid_t pid = -1;
+    check(mRoot->getDebugInfo([&pid](const auto& info) { pid = info.pid; }), "getDebugInfo");
+    return pid > 0 ? std::optional(pid) : std::nullopt;
+}
+
 void Service::debug(::android::base::unique_fd fd, const std::vector<std::string>& options) {
     native_handle_t* handle = native_handle_create(1 /* descriptor */, 0 /* integers */);
     if (handle == nullptr) throw Failure(kServiceLost, "no memory for a handle");

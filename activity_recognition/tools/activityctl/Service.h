@@ -7,6 +7,7 @@
 #include <vendor/zaltho/hardware/activity_recognition/1.1/IActivityRecognition.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,9 @@ class Service {
 
     // The interfaces that the served object says it has, most derived first.
     std::vector<std::string> interfaceChain();
+
+    // Its process, if it may be told.
+    std::optional<pid_t> pid();
 
     // Has the service write to a descriptor what it tells of itself.
     void debug(::android::base::unique_fd fd, const std::vector<std::string>& options);

@@ -83,6 +83,7 @@ void Registration::start() {
     const auto wanted = resolve(*mSide, mNames, mOptions.pairs, mOptions.latencyNs);
     mService->watchDeath(mQueue);
     mSide->receive(mQueue);
+    mRegisteredNs = systemTime(SYSTEM_TIME_MONOTONIC);
     try {
         for (const Pair& pair : wanted) enable(pair);
     } catch (const Failure& failure) {
@@ -92,11 +93,10 @@ void Registration::start() {
 }
 
 void Registration::enable(const Pair& pair) {
-    const int64_t now = systemTime(SYSTEM_TIME_MONOTONIC);
     if (mSide->refusalWithdraws()) forget(pair);
     enableOrFail(*mSide, pair, mOptions.extras);
     forget(pair);  // enabled once more, it is still one request
-    mHeld.push_back({pair, now});
+    mHeld.push_back({pair, systemTime(SYSTEM_TIME_MONOTONIC)});
 }
 
 void Registration::disable(const Pair& pair) {

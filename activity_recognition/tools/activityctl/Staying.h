@@ -67,6 +67,7 @@ class Registration {
     Side& side() const { return *mSide; }
     const std::vector<std::string>& names() const { return mNames; }
     const std::vector<Held>& held() const { return mHeld; }
+    int64_t registeredNs() const { return mRegisteredNs; }
     void enable(const Pair& pair);
     void disable(const Pair& pair);
     // Whether the service took every disable; complains of each that it refused. afterFailure: also
@@ -82,11 +83,12 @@ class Registration {
 
     const std::shared_ptr<Service> mService;
     const OpenSide mOpen;
-    const Options& mOptions;
+    const Options mOptions;  // its own, as start() may outlast the command
     const std::shared_ptr<DeliveryQueue> mQueue;
     std::unique_ptr<Side> mSide;
     std::vector<std::string> mNames;
     std::vector<Held> mHeld;
+    int64_t mRegisteredNs = 0;
 };
 
 }  // namespace activityctl

@@ -39,6 +39,7 @@ class Member {
         if (!has(key)) throw Failure(kUsage, place + ": is missing");
         return {mValue->at(key), place};
     }
+    bool isNull() const { return mValue->is_null(); }
     std::string text() const {
         if (!mValue->is_string()) refuse("no text");
         return mValue->get<std::string>();
@@ -222,7 +223,8 @@ class Reader {
             if (phase == "b") {
                 Event& added = add(Event::kBegin);
                 added.pair = added.name;
-                added.label = latencyOf(event.at("args").at("latency_ns").number());
+                const Member latency = event.at("args").at("latency_ns");
+                added.label = latency.isNull() ? "?" : latencyOf(latency.number());
                 if (category == "enabled") mTimeline.lanes[added.lane].module = true;
                 if (!mStanding.emplace(key, Standing{added.lane, added.pair, added.at}).second) {
                     event.at("id").refuse("that of a begin which has no end yet");
@@ -308,10 +310,13 @@ class Reader {
         } else {
             const bool ofModule = mTimeline.lanes[event.lane].module;
             const auto row = std::make_pair(event.lane, event.pair);
-            const bool joins = soon && mMoment.kind == Moment::kChange &&
-                               (ofModule ? !mMoment.client
-                                         : mMoment.client.value_or(event.lane) == event.lane) &&
-                               (event.kind != Event::kEnd || mMoment.begun.count(row) == 0);
+            // What stood at the start, or was seen at once, has the very same time.
+            const bool atOnce = !mTimeline.columns.empty() && event.at == mTimeline.columns.back();
+            const bool joins =
+                    soon && mMoment.kind == Moment::kChange &&
+                    (atOnce || (ofModule ? !mMoment.client
+                                         : mMoment.client.value_or(event.lane) == event.lane)) &&
+                    (event.kind != Event::kEnd || mMoment.begun.count(row) == 0);
             event.column = joins ? last : newColumn(event, Moment::kChange);
             if (!ofModule) mMoment.client = event.lane;
             if (event.kind == Event::kBegin) mMoment.begun.insert(row);
