@@ -7,6 +7,7 @@
 #include <log/log.h>
 
 #include "ActivityInterface.h"
+#include "Trace.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
@@ -41,6 +42,7 @@ constexpr CallSite kCallExtendV1_0 = {"activity", "onActivityExtendChanged", kLi
 }  // namespace
 
 void ActivityInterface::ActChangedCb(const activity_event* events, int32_t count) {
+    const TraceSlice slice("activity_changed");
     ALOGI("ActChangedCb start count[%d]", count);
     if (events == nullptr || !CountFits(count, ACTIVITY_RECOGNITION_MAX_EVENTS)) {
         ALOGE("(%s:%d) Invalid actChangedCb. Count: %d", "ActChangedCb", 297, count);
@@ -176,6 +178,7 @@ void ActivityInterface::ActChangedCbV1_0(const std::vector<ActivityEvent>& event
 
 // Unlike plain events, these go to everybody, whatever they enabled.
 void ActivityInterface::ActExtendChangedCb(const ar_context_event* events, int32_t count) {
+    const TraceSlice slice("activity_extend_changed");
     if (events == nullptr || !CountFits(count, ACTIVITY_RECOGNITION_MAX_EVENTS)) {
         ALOGE("(%s:%d) Invalid actExtendChangedCb. Count: %d", "ActExtendChangedCb", 64, count);
         sCounters.refusedBatches.add();

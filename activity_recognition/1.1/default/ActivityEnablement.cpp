@@ -4,6 +4,7 @@
 #include <log/log.h>
 
 #include "ActivityInterface.h"
+#include "Trace.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
@@ -19,8 +20,13 @@ constexpr CallSite kGetCurrent = {"activity", "get_current_activity", nullptr};
 }  // namespace
 
 // Of two clients' calls for a pair at the same time the table has the one whose answer came last.
+// The trace may have the other one when the answers meet: no lock is held for it.
 void ActivityInterface::NoteAnswer(const Attempt& attempt, bool disables) {
-    if (attempt.answer != 0) sCounters.nativeRefusals.add();
+    if (attempt.answer == 0) {
+        TraceLatency(attempt.activity, attempt.event, disables ? kTraceNotEnabled : attempt.toldNs);
+    } else {
+        sCounters.nativeRefusals.add();
+    }
     if (disables) {
         Mutex::Autolock events(eventMutex);
         const bool asked = mEventData.find({attempt.activity, attempt.event}) != nullptr;

@@ -6,6 +6,7 @@
 #include <log/log.h>
 
 #include "NativeQueries.h"
+#include "Trace.h"
 
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
@@ -187,6 +188,7 @@ Return<int32_t> EnvironmentInterface::disableEnvironment(uint32_t environment, u
 }
 
 void EnvironmentInterface::EnvChangedCb(const ar_context_event* events, int count) {
+    const TraceSlice slice("environment_changed");
     if (events == nullptr || !CountFits(count, ACTIVITY_RECOGNITION_MAX_EVENTS)) {
         ALOGE("(%s:%d) Invalid envChangedCb. Count: %d", "EnvChangedCb", 73, count);
         sCounters.refusedBatches.add();

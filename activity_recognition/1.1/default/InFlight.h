@@ -9,6 +9,8 @@
 #include <atomic>
 #include <vector>
 
+#include "Trace.h"
+
 namespace vendor { namespace zaltho { namespace hardware { namespace activity_recognition {
 namespace V1_1 { namespace implementation {
 
@@ -55,11 +57,12 @@ class InFlight {
     static constexpr int kPlaces = 64;  // what the host's pool has at most; a device's has fewer
 };
 
-// Calls a slot of the module, in flight meanwhile.
+// Calls a slot of the module, in flight and a slice of the trace meanwhile.
 template <typename Native, typename Result, typename... Parameters, typename... Arguments>
 Result CallModule(const CallSite& site, uint64_t pid, const Native* impl,
                   Result (*Native::*slot)(Parameters...), Arguments... arguments) {
     const InFlight::Mark mark(site, pid, NowNs());
+    const TraceSlice slice(site.call);
     return (impl->*slot)(arguments...);
 }
 
