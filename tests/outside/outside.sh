@@ -67,7 +67,8 @@ kill "$service" && wait "$service" || true
 cp "$module" "$work/prefix/lib/activity_recognition/hw"
 export HIDL_HOST_HARDWARE=template
 start_service
-timeout 20 "$work/by-pkg-config" 0 1 >"$work/events" 2>"$work/said" &
+HIDL_HOST_TRACE=$work/trace timeout 20 "$work/by-pkg-config" 0 1 >"$work/events" 2>"$work/said" &
 client=$!
 waits_for 1 "activity 0, event type 1" "$work/events"
+grep -q "onActivityChangedV1_1::server$" "$work/trace" # link lines have the runtime's tracer first
 echo "installed, moved, built against and used"

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Looking into a running service: dump, sweep and top, and what all of activityctl prints as JSON.
+// Looking into a running service: dump, sweep, top, the trace, and what activityctl prints as JSON.
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
+
+#include <fstream>
 
 #include "ProcessTest.h"
 
@@ -18,6 +20,49 @@ class Inside : public ProcessTest {
         support::require(any, "a call", [this] { return stage().service().describe(); });
         return calls;
     }
+};
+
+class Tracer : public ProcessTest {
+  protected:
+    Tracer()
+        : ProcessTest(
+                  "speed 1000\nactivities still walking\nenvironments home\n"
+                  "wait a\n0 activity walking 1\nwait b\n"
+                  "0 answer enable_activity_event -1\n0 environment home 1 batch=0\n") {
+        setenv("HIDL_HOST_TRACE", mPath.c_str(), 1);
+    }
+    ~Tracer() override { unsetenv("HIDL_HOST_TRACE"); }
+
+    // Whether so many have come and all slices have ended. Throws for what viewers don't take.
+    bool complete(size_t count) {
+        static const std::regex kLine(R"(\S+-(\d+) \((\d+)\) \[000\] \.\.\.1 \d+\.\d{6}: )"
+                                      R"(tracing_mark_write: (?:([BE])|C)\|\2(?:\|(.+))?)");
+        static const std::regex kShown(".*(able_|init_|AR |_changed|onActivityChangedV1_1).*");
+        mShown.clear();
+        std::map<std::string, int> depths;
+        int open = 0;
+        std::ifstream file(mPath);
+        std::string line;
+        std::smatch is;
+        bool right = std::getline(file, line) && line == "# tracer: nop";
+        while (right && std::getline(file, line) && !file.eof()) {  // eof: it is being written
+            right = std::regex_match(line, is, kLine);
+            int& depth = depths[is[1]];
+            const std::string text = std::string(depth, ' ') + is.str(4);
+            if (std::regex_match(text, kShown)) mShown.push_back(text);
+            const int change = (is[3] == "B") - (is[3] == "E");
+            open += change;
+            right &= (depth += change) >= 0;
+        }
+        if (!right) throw std::runtime_error("the trace has " + line);
+        return mShown.size() >= count && open == 0;
+    }
+    void waitFor(size_t count) {
+        support::require([=] { return complete(count); }, "the trace", [this] { return mPath; });
+    }
+
+    const std::string mPath = stage().folder() + "/traced";
+    Calls mShown;  // a blank in front for each slice that it is in
 };
 
 }  // namespace
@@ -93,6 +138,30 @@ TEST_F(Inside, JsonIsWhatTheSchemaSays) {
     }
     checker->closeInput();
     EXPECT_EQ(0, checker->waitExit()) << checker->describe();
+}
+
+TEST_F(Tracer, ShowsWhatTheModuleIsToldAndHandsInAndWhoGetsIt) {
+    const auto slow = ready("watch walking:1@2s"), fast = ready("watch walking:1@1s");
+    stage().release("a");
+    waitFor(9);
+    fast->leave();
+    stage().release("b");
+    waitFor(12);
+    run("enable still:1 --leave", 1);
+    run("env init home");
+    slow->leave();
+    EXPECT_TRUE(complete(16));
+    const std::string call = "HIDL::IActivityChangedCallback::onActivityChangedV1_1::";
+    EXPECT_EQ((Calls{" enable_activity_event", " AR latency ns 1:1|2000000000",
+                     " enable_activity_event", " AR latency ns 1:1|1000000000", "activity_changed",
+                     " " + call + "client", call + "server", " " + call + "client", call + "server",
+                     " enable_activity_event", " AR latency ns 1:1|2000000000",
+                     "environment_changed", " enable_activity_event", " init_environment",
+                     " disable_activity_event", " AR latency ns 1:1|-1"}),
+              mShown);
+    const auto wrong = stage().command({"env", "HIDL_HOST_TRACE=/", "activityctl", "list"});
+    EXPECT_EQ(0, wrong->waitExit());
+    EXPECT_THAT(wrong->err().text(), HasSubstr("Cannot open the trace /: Is a directory"));
 }
 
 TEST_F(Inside, TopFillsATerminalAndLeavesItAsItWas) {
