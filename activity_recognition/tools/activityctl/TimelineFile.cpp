@@ -111,7 +111,9 @@ std::vector<Record> recordsOf(const Member& event) {
                              record.at("event_type").number()),
                  record.at("timestamp").number(),
                  {}});
-        if (record.has("extra")) records.back().number = record.at("extra").number();
+        // Modules that do not use it leave it 0.
+        const int64_t extra = record.has("extra") ? record.at("extra").number() : 0;
+        if (extra != 0) records.back().number = extra;
     }
     return records;
 }
