@@ -81,6 +81,10 @@ TEST_F(SimulatorTest, RefusesALoopThatNobodyCouldPlay) {
     ASSERT_EQ(-EINVAL, open());
     EXPECT_EQ(errors.back(), "AR_simulator " + scenario + ": a loop of more than 100000 records " +
                                      "a second: 1 in 1e-09 s, speed 100");
+    set("SPEED", "step");
+    ASSERT_EQ(-EINVAL, open());
+    EXPECT_EQ(errors.back(), "AR_simulator " + scenario + ": loops in virtual time, but " +
+                                     "AR_SIMULATOR_CONTROL names no FIFO to grant it");
     set("LOOP", "0");
     EXPECT_EQ(0, open()) << "once is well";
 }

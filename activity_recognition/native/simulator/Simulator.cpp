@@ -137,6 +137,13 @@ bool Simulator::configure() {
                 wait->event.name);
         return false;
     }
+    if (control == nullptr && mScenario.speed == kStep && mScenario.loops &&
+        !mScenario.steps.empty()) {
+        SIM_LOG(ERROR,
+                "%s: loops in virtual time, but AR_SIMULATOR_CONTROL names no FIFO to grant it",
+                path);
+        return false;
+    }
     const char* trace = nonEmptyEnv("AR_SIMULATOR_TRACE");
     if (trace != nullptr && (result = mTrace.open(trace)) != 0) {
         SIM_LOG(ERROR, "AR_SIMULATOR_TRACE: %s: %s", trace, strerror(-result));
