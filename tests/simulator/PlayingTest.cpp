@@ -4,6 +4,7 @@
 #include <errno.h>
 
 #include <future>
+#include <thread>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -63,6 +64,27 @@ TEST_F(SimulatorTest, HoldsRecordsOnTheRealClock) {
     EXPECT_EQ(10 * kMs, batch.events[1].timestamp - batch.events[0].timestamp);
     EXPECT_THAT(errors, ElementsAre("AR_simulator AR_SIMULATOR_CONTROL: 'step 1s': "
                                     "the clock runs by itself"));
+}
+
+TEST_F(SimulatorTest, HoldsVirtualTimeWhileACallbackIsInProgress) {
+    setScenario("wait go\n0 activity still 1 inside=flush\nwait more\n60 activity walking 1\n");
+    const auto caller = std::this_thread::get_id();
+    inCallback = [&] {
+        if (std::this_thread::get_id() != caller) return;
+        say("more");
+        ar_context_event* events = nullptr;
+        for (int i = 0; i < 1000; ++i) {
+            ASSERT_EQ(2, activity->get_current_activity(&events)) << "a minute has passed";
+            std::this_thread::yield();
+        }
+    };
+    start();
+    activity->enable_activity_event(1, 1, 0);
+    say("go");
+    const int64_t beginNs = nowNs();
+    activity->flush();
+    EXPECT_EQ(0u, next().events.at(0).activity);
+    EXPECT_EQ(beginNs + 60 * kSecond, next().events.at(0).timestamp);
 }
 
 TEST_F(SimulatorTest, BeginsARoundOfALoopWhenVirtualTimeIsGranted) {
