@@ -26,7 +26,7 @@ class Tracer : public ProcessTest {
   protected:
     Tracer()
         : ProcessTest(
-                  "speed 1000\nactivities still walking\nenvironments home\n"
+                  "speed step\nactivities still walking\nenvironments home\n"
                   "wait a\n0 activity walking 1\nwait b\n"
                   "0 answer enable_activity_event -1\n0 environment home 1 batch=0\n") {
         setenv("HIDL_HOST_TRACE", mPath.c_str(), 1);
@@ -143,6 +143,7 @@ TEST_F(Inside, JsonIsWhatTheSchemaSays) {
 TEST_F(Tracer, ShowsWhatTheModuleIsToldAndHandsInAndWhoGetsIt) {
     const auto slow = ready("watch walking:1@2s"), fast = ready("watch walking:1@1s");
     stage().release("a");
+    stage().pass(1'000'000'000);
     waitFor(9);
     fast->leave();
     stage().release("b");

@@ -44,7 +44,9 @@ void DumpFollower::take(const Dump& dump, const std::vector<std::string>& names)
 
     // Who goes without having withdrawn its requests has not left, but died.
     std::map<pid_t, bool> gone;
-    for (const auto& [client, registeredNs] : mClients) gone[client.pid] = false;
+    for (const auto& [client, registeredNs] : mClients) {
+        gone[client.pid] = mUnwithdrawn.count(client.pid) != 0;
+    }
     for (const auto& [client, registeredNs] : clients) gone.erase(client.pid);
     for (auto& [pid, died] : gone) {
         for (const auto& [request, latencyNs] : mRequests) {
@@ -54,9 +56,12 @@ void DumpFollower::take(const Dump& dump, const std::vector<std::string>& names)
         }
     }
     mClients = std::move(clients);
-    if (dump.activity && dump.activity->requests) compareRequests(*dump.activity->requests);
+    if (dump.activity && dump.activity->requests) {
+        compareRequests(*dump.activity->requests, overrun);
+    }
     if (dump.activity && dump.activity->pairs) comparePairs(*dump.activity->pairs);
     for (const auto& [pid, died] : gone) {
+        mUnwithdrawn.erase(pid);
         mTrace.instant(died ? "death" : "leave", died ? "died" : "left",
                        clientAt(pid, mShownNs, ""));
     }
@@ -140,7 +145,7 @@ void DumpFollower::replayTold(const Dump::Past& call, const Pair& pair) {
     }
 }
 
-void DumpFollower::compareRequests(const std::vector<Dump::Request>& told) {
+void DumpFollower::compareRequests(const std::vector<Dump::Request>& told, bool overrun) {
     std::set<Request> standing;
     for (const Dump::Request& request : told) {
         const Request key(request.pid, {request.activity, request.eventType});
@@ -150,9 +155,9 @@ void DumpFollower::compareRequests(const std::vector<Dump::Request>& told) {
     }
     const auto known = mRequests;
     for (const auto& [request, latencyNs] : known) {
-        if (standing.count(request) == 0 && mAheadRequests.count(request) == 0) {
-            endRequest(request, mShownNs);
-        }
+        if (standing.count(request) != 0 || mAheadRequests.count(request) != 0) continue;
+        endRequest(request, mShownNs);
+        if (!overrun) mUnwithdrawn.insert(request.first);
     }
 }
 

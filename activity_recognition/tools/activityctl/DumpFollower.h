@@ -66,7 +66,7 @@ class DumpFollower {
     bool replay(const std::vector<Dump::Past>& history, int64_t nowNs);
     void replayRequest(const Dump::Past& call, const Request& request);
     void replayTold(const Dump::Past& call, const Pair& pair);
-    void compareRequests(const std::vector<Dump::Request>& told);
+    void compareRequests(const std::vector<Dump::Request>& told, bool overrun);
     void comparePairs(const std::vector<Dump::Merged>& told);
     void comparePair(const Dump::Merged& told, const Pair& pair);
     void mark(const Dump& dump, bool overrun);
@@ -94,6 +94,9 @@ class DumpFollower {
     std::map<Request, int64_t> mRequests;             // with latency
     std::map<Pair, std::optional<int64_t>> mEnabled;  // with latency, if it is known
     std::set<Call> mHistory;
+    // Whose requests went without a call: it died between two tables of the dump, and is seen to be
+    // gone by the next one.
+    std::set<pid_t> mUnwithdrawn;
 
     // Of the dump that is being taken.
     int64_t mShownNs = 0;  // when that stands which only its tables tell
