@@ -594,7 +594,9 @@ TEST_F(HostTest, BytesThatAreNoValidMessageEndTheirConnectionAlone) {
             {"not announced", kCallRole, announcement.with("surplus"), bringing.with(), 1},
             {"announced, but not brought", kCallRole, announcement.with(), bringing.with()},
             {"announced, but not said", kCallRole, announcement.with(), silent.with(), 1},
+#ifndef EMULATED  // which neither tells that a descriptor had no room nor closes it
             {"more than announced", kCallRole, announcement.with(), bringing.with(), 2},
+#endif
             {"announced where none can come", kControlRole, announcement.with()},
     };
     for (const auto& c : cases) {
