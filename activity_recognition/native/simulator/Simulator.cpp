@@ -426,7 +426,8 @@ void Simulator::run() {
         if (goesOn && ++steps < kRecordsAtATime) continue;
         steps = 0;
 
-        pollfd fds[] = {{mWakeFd.get(), POLLIN, 0}, {mControlFd.get(), POLLIN, 0}};
+        // Nothing more is read while lines have to wait.
+        pollfd fds[] = {{mWakeFd.get(), POLLIN, 0}, {hasLine() ? -1 : mControlFd.get(), POLLIN, 0}};
         const int64_t leftNs = std::max(goesOn ? 0 : mClock.untilNs(dueNs), kPauseNs);
         timespec timeout = {static_cast<time_t>(leftNs / kNsPerSecond),
                             static_cast<long>(leftNs % kNsPerSecond)};
@@ -440,12 +441,16 @@ void Simulator::run() {
     mMutex.unlock();
 }
 
+bool Simulator::hasLine() const {
+    return mControlText.find('\n') != std::string::npos;
+}
+
 // What is to be obeyed first is taken before there is more.
 void Simulator::readControl() {
     char text[256];
     ssize_t length = 0;
     const int fd = mControlFd.get();
-    if (fd < 0 || mControlText.find('\n') != std::string::npos) return;
+    if (fd < 0 || hasLine()) return;
     for (int i = 0; i < kReadsAtATime; ++i) {
         if ((length = ::read(fd, text, sizeof(text))) <= 0) break;
         mControlText.append(text, static_cast<size_t>(length));

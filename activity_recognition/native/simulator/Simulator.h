@@ -74,6 +74,7 @@ class Simulator {
     void wake() REQUIRES(mMutex);
     void run();
     void readControl() REQUIRES(mMutex);
+    bool hasLine() const REQUIRES(mMutex);
     bool obeyNext() REQUIRES(mMutex);
     void obey(const std::string& line) REQUIRES(mMutex);
     void play(int64_t nowNs) REQUIRES(mMutex);
