@@ -26,7 +26,7 @@ namespace {
 using ::android::base::unique_fd;
 using trace::Row;
 
-// What a record takes in memory; with dumps alone, every 100 ms, that is over ten hours.
+// What a record takes in memory; with dumps alone, every 100 ms, that is more than half a day.
 constexpr size_t kMostBytes = 64 << 20;
 
 // What is under way at the end, and the dump that shows how it stands then, take longer only where

@@ -1,23 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Draws a trace; takes no service.
-#include <fmt/format.h>
-
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-
 #include "Commands.h"
 #include "Timeline.h"
+#include "WholeFile.h"
 
 namespace activityctl {
 
 ExitStatus timeline(const Options& options) {
     const std::string picture = drawTimeline(readTimeline(options.file, options.even));
-    std::ofstream file(options.picture);
-    if (!(file << picture << std::flush)) {
-        throw Failure(kOutput,
-                      fmt::format("{} cannot be written: {}", options.picture, strerror(errno)));
-    }
+    WholeFile(options.picture).write([&](std::ostream& file) { file << picture; });
     return kOk;
 }
 

@@ -62,7 +62,7 @@ class Watch {
         mClient.reset();
         do {
             mService = nullptr;
-            mStay.wait({}, 50, mOutput);
+            mStay.wait({}, 50 /* milliseconds */, mOutput);
             if (!mStay.goesOn()) return;
             mService = Service::find(mOptions.instance, mOptions.version);
         } while (mService == nullptr);
